@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Builds and runs every test three ways: a normal build, AddressSanitizer
+# with UndefinedBehaviorSanitizer, and ThreadSanitizer; then runs each
+# libFuzzer target briefly over its corpus. Installs what is missing first.
+#
+#   scripts/test.sh            all of it
+#   QZ_TEST_CONFIGS="normal"   only some of the three builds
+#   QZ_FUZZ_SECONDS=0          skip the fuzzers
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install_deps.sh
+
+CONFIGS=${QZ_TEST_CONFIGS:-"normal asan tsan"}
+FUZZ_SECONDS=${QZ_FUZZ_SECONDS:-15}
+JOBS=$(nproc)
+
+configure_and_test() {
+  local name=$1
+  shift
+  local dir="build-ci-$name"
+  echo "=== $name: configure and build"
+  cmake -S . -B "$dir" -G Ninja "$@" > "$dir.cmake.log" 2>&1 || { cat "$dir.cmake.log"; return 1; }
+  cmake --build "$dir" -j "$JOBS"
+  echo "=== $name: test"
+  (cd "$dir" && ctest --output-on-failure -j "$JOBS" --timeout 600)
+}
+
+for config in $CONFIGS; do
+  case $config in
+    normal)
+      configure_and_test normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+      ;;
+    asan)
+      ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        configure_and_test asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
+        -DCMAKE_CXX_COMPILER=clang++ -DQZ_SANITIZE=address -DQZ_BUILD_BENCH=OFF
+      ;;
+    tsan)
+      # setarch -R: clang 14's TSan cannot map its shadow memory with the
+      # address-space randomisation of newer kernels.
+      TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+        setarch "$(uname -m)" -R bash -c "$(declare -f configure_and_test); JOBS=$JOBS configure_and_test tsan \
+        -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        -DQZ_SANITIZE=thread -DQZ_BUILD_BENCH=OFF"
+      ;;
+    *)
+      echo "unknown configuration $config" >&2
+      exit 2
+      ;;
+  esac
+done
+
+if [ "$FUZZ_SECONDS" -gt 0 ]; then
+  scripts/fuzz.sh "$FUZZ_SECONDS"
+fi
+echo "=== all tests passed"

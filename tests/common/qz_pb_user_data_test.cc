@@ -1,0 +1,95 @@
+#include "common/qz_pb_user_data.h"
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace {
+
+using qz_common::PublisherUserData;
+using qz_common::PublisherUserDataQueue;
+
+std::shared_ptr<PublisherUserData> Text(const std::string& text) {
+  auto item = std::make_shared<PublisherUserData>();
+  EXPECT_TRUE(item->SetUTF8String(text));
+  return item;
+}
+
+TEST(PublisherUserDataTest, TextKeepsATerminatingZero) {
+  auto item = Text("caf\xC3\xA9");
+  EXPECT_TRUE(item->IsUtf8String());
+  EXPECT_EQ(item->Size(), 5);
+  EXPECT_EQ(item->Data()[5], 0);
+  EXPECT_STREQ(reinterpret_cast<const char*>(item->Data()), "caf\xC3\xA9");
+}
+
+TEST(PublisherUserDataTest, BinaryIsCopied) {
+  unsigned char bytes[] = {1, 0, 2};
+  PublisherUserData item;
+  ASSERT_TRUE(item.SetData(bytes, 3));
+  bytes[0] = 9;
+  EXPECT_FALSE(item.IsUtf8String());
+  EXPECT_EQ(item.Size(), 3);
+  EXPECT_EQ(item.Data()[0], 1);
+  EXPECT_FALSE(item.SetData(nullptr, 3));
+  EXPECT_FALSE(item.SetData(bytes, 0));
+  EXPECT_EQ(item.Data(), nullptr);
+}
+
+TEST(PublisherUserDataQueueTest, FifoAndDropsOldestWhenFull) {
+  PublisherUserDataQueue queue(2);
+  for (const char* t : {"a", "b", "c"}) {
+    auto item = Text(t);
+    queue.Push(item);
+  }
+  EXPECT_EQ(queue.Size(), 2u);
+  EXPECT_STREQ(reinterpret_cast<const char*>(queue.Pop()->Data()), "b");
+  EXPECT_STREQ(reinterpret_cast<const char*>(queue.Pop()->Data()), "c");
+  EXPECT_EQ(queue.Pop(), nullptr);
+}
+
+TEST(PublisherUserDataQueueTest, EmptyPointersAndZeroCapacity) {
+  PublisherUserDataQueue queue(0);
+  auto item = Text("x");
+  queue.Push(item);
+  std::shared_ptr<PublisherUserData> empty;
+  queue.Push(empty);
+  EXPECT_EQ(queue.Size(), 0u);
+  PublisherUserDataQueue other(3);
+  other.Push(empty);
+  EXPECT_EQ(other.Size(), 0u);
+  other.Push(item);
+  other.Clear();
+  EXPECT_EQ(other.Pop(), nullptr);
+}
+
+TEST(PublisherUserDataQueueTest, ConcurrentPushAndPop) {
+  PublisherUserDataQueue queue(16);
+  std::thread producer([&queue] {
+    for (int i = 0; i < 2000; ++i) {
+      auto item = Text(std::to_string(i));
+      queue.Push(item);
+    }
+  });
+  int last = -1;
+  int popped = 0;
+  while (popped < 50 || producer.joinable()) {
+    if (auto item = queue.Pop()) {
+      const int value = std::atoi(reinterpret_cast<const char*>(item->Data()));
+      EXPECT_GT(value, last);  // oldest first, never repeated
+      last = value;
+      ++popped;
+    } else if (popped >= 50) {
+      break;
+    }
+    if (last == 1999) {
+      break;
+    }
+  }
+  producer.join();
+  EXPECT_LE(queue.Size(), 16u);
+}
+
+}  // namespace

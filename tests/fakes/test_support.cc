@@ -1,0 +1,110 @@
+#include "tests/fakes/test_support.h"
+
+#include <thread>
+
+#include "utility/qz_log.h"
+
+namespace qz_test {
+
+void FakeTimeSource::SleepMs(int ms) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sleeps_.push_back(ms);
+  }
+  std::this_thread::sleep_for(std::chrono::microseconds(200));
+}
+
+std::vector<int> FakeTimeSource::sleeps() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sleeps_;
+}
+
+void FakeTimeSource::clear_sleeps() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  sleeps_.clear();
+}
+
+LogCapture::LogCapture() {
+  qz_utility::SetLogSinkForTesting([this](const std::string& line) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(line);
+  });
+}
+
+LogCapture::~LogCapture() {
+  qz_utility::SetLogSinkForTesting(nullptr);
+}
+
+std::vector<std::string> LogCapture::lines() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+std::vector<std::string> LogCapture::Matching(const std::string& prefix) {
+  std::vector<std::string> out;
+  for (const std::string& line : lines()) {
+    if (line.compare(0, prefix.size(), prefix) == 0) {
+      out.push_back(line);
+    }
+  }
+  return out;
+}
+
+bool LogCapture::Contains(const std::string& line) {
+  for (const std::string& l : lines()) {
+    if (l == line) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void LogCapture::Clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.clear();
+}
+
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+QZ_MediaPacketRefPtr MakePacket(QZMediaPacket::MediaType type,
+                                QZ_MEDIA_CODEC_ID codec,
+                                const std::vector<QZ_BYTE>& data,
+                                bool key,
+                                long long ts) {
+  return QZ_MediaPacketRefPtr(new qz_base::RefCountedObject<QZMediaPacket>(
+      type, codec, data.data(), static_cast<int>(data.size()), key, ts));
+}
+
+QZ_MediaPacketRefPtr MakeVideo(long long ts, bool key, QZ_MEDIA_CODEC_ID codec) {
+  std::vector<QZ_BYTE> data;
+  if (codec == QZ_MEDIA_CODEC_ID_H265) {
+    data = key ? AnnexB({kH265Vps, kH265Sps, kH265Pps, kH265Idr}) : AnnexB({kH265Trail});
+  } else {
+    data = key ? AnnexB({kH264Sps, kH264Pps, kH264Idr}) : AnnexB({kH264Slice});
+  }
+  return MakePacket(QZMediaPacket::MediaTypeVideo, codec, data, key, ts);
+}
+
+QZ_MediaPacketRefPtr MakeAudio(long long ts, QZ_MEDIA_CODEC_ID codec) {
+  return MakePacket(QZMediaPacket::MediaTypeAudio, codec, {0x21, 0x10, 0x05, 0x00}, false, ts);
+}
+
+std::vector<QZ_BYTE> AnnexB(const std::vector<std::vector<QZ_BYTE>>& units) {
+  std::vector<QZ_BYTE> out;
+  for (const auto& unit : units) {
+    out.insert(out.end(), {0, 0, 0, 1});
+    out.insert(out.end(), unit.begin(), unit.end());
+  }
+  return out;
+}
+
+}  // namespace qz_test

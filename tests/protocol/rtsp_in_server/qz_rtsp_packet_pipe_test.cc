@@ -1,0 +1,206 @@
+#include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
+
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace {
+
+using namespace qz_rtsp_internal_server;  // NOLINT: the whole API is under test
+
+class CountingVideoSinker : public QZRtspVideoSinker {
+ public:
+  void OnRtspPacket(const std::shared_ptr<QZRtspVideoPacket>& packet) override {
+    received.push_back(packet);
+  }
+  std::vector<std::shared_ptr<QZRtspVideoPacket>> received;
+};
+
+std::shared_ptr<QZRtspPacketData> Buffer(std::initializer_list<QZ_BYTE> bytes) {
+  QZ_BYTE* data = new QZ_BYTE[bytes.size()];
+  std::copy(bytes.begin(), bytes.end(), data);
+  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(bytes.size()));
+}
+
+TEST(QZRtspPacketPipleTest, NewPipeIsBlank) {
+  QZRtspPacketPiple piple("live");
+  EXPECT_EQ(piple.StreamName(), "live");
+  EXPECT_FALSE(piple.IsHasAudio());
+  EXPECT_FALSE(piple.IsHasVideo());
+  EXPECT_FALSE(piple.IsNotifiedRtspURL());
+  EXPECT_EQ(piple.GetRtspURL(), "");
+  EXPECT_FALSE(piple.IsHasAVConfig());
+}
+
+TEST(QZRtspPacketPipleTest, SettersCopyAndReplace) {
+  QZRtspPacketPiple piple("live");
+  std::vector<QZ_BYTE> sps = {0x67, 1}, pps = {0x68, 2};
+  piple.SetSpsPps(sps.data(), 2, pps.data(), 2);
+  sps[1] = 9;  // the pipe holds its own copy
+  std::vector<QZ_BYTE> sps2 = {0x67, 3, 3}, pps2 = {0x68, 4};
+  piple.SetSpsPps(sps2.data(), 3, pps2.data(), 2);
+  std::vector<unsigned char> out_sps, out_pps;
+  piple.GetSpsPps(out_sps, out_pps);
+  EXPECT_EQ(out_sps, sps2);
+  EXPECT_EQ(out_pps, pps2);
+}
+
+struct ConfigCase {
+  const char* name;
+  bool audio, video;
+  QZ_MEDIA_CODEC_ID acodec, vcodec;
+  bool with_sets, with_config;
+  bool complete;
+};
+
+const ConfigCase kConfigCases[] = {
+    {"h264_with_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H264, true, false,
+     true},
+    {"h264_without_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H264, false, false,
+     false},
+    {"h265_with_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H265, true, false,
+     true},
+    {"mjpeg", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_MJPEG, true, false, false},
+    {"aac_without_config", true, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_NONE, false, false,
+     false},
+    {"aac_with_config", true, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_NONE, false, true,
+     true},
+    {"pcma", true, false, QZ_MEDIA_CODEC_ID_PCMA, QZ_MEDIA_CODEC_ID_NONE, false, false, true},
+    {"h264_and_aac_missing_config", true, true, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_H264, true,
+     false, false},
+};
+
+class PipeConfigTest : public ::testing::TestWithParam<ConfigCase> {};
+
+TEST_P(PipeConfigTest, IsHasAVConfig) {
+  const ConfigCase& c = GetParam();
+  QZRtspPacketPiple piple("s");
+  piple.IsHasAudio(c.audio);
+  piple.IsHasVideo(c.video);
+  piple.SetAudioCodecID(c.acodec);
+  piple.SetVideoCodecID(c.vcodec);
+  const QZ_BYTE set[] = {0x40, 1};
+  if (c.with_sets) {
+    piple.SetVpsSpsPps(set, 2, set, 2, set, 2);
+  }
+  if (c.with_config) {
+    const QZ_BYTE config[] = {0x12, 0x10};
+    piple.SetAudioSpecificConfig(config, 2);
+  }
+  EXPECT_EQ(piple.IsHasAVConfig(), c.complete);
+  EXPECT_EQ(piple.IsHasH264(), c.video && c.vcodec == QZ_MEDIA_CODEC_ID_H264);
+  EXPECT_EQ(piple.IsHasAAC(), c.audio && c.acodec == QZ_MEDIA_CODEC_ID_AAC);
+  EXPECT_EQ(piple.IsHasPCMA(), c.audio && c.acodec == QZ_MEDIA_CODEC_ID_PCMA);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table,
+                         PipeConfigTest,
+                         ::testing::ValuesIn(kConfigCases),
+                         [](const ::testing::TestParamInfo<ConfigCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+TEST(QZRtspPacketPipleTest, RecordPredicatesFollowCodecId) {
+  QZRtspVideoPacket video;
+  video.codec_id_ = QZ_MEDIA_CODEC_ID_H265;
+  EXPECT_FALSE(video.IsH264());
+  EXPECT_TRUE(video.IsH265());
+  QZRtspAudioPacket audio;
+  audio.codec_id_ = QZ_MEDIA_CODEC_ID_PCMU;
+  EXPECT_TRUE(audio.IsPCMU());
+  EXPECT_FALSE(audio.IsPCMA());
+  EXPECT_FALSE(audio.IsAAC());
+}
+
+TEST(QZRtspPacketPipleTest, PostReachesLiveConsumersOnlyAndSharesTheRecord) {
+  QZRtspPacketPiple piple("s");
+  auto a = std::make_shared<CountingVideoSinker>();
+  auto b = std::make_shared<CountingVideoSinker>();
+  std::shared_ptr<QZRtspVideoSinker> a_base = a, b_base = b;
+  piple.AddVideoSinker(a_base);
+  piple.AddVideoSinker(a_base);  // twice: still one delivery
+  piple.AddVideoSinker(b_base);
+  auto record = std::make_shared<QZRtspVideoPacket>();
+  record->nal_units_.push_back(Buffer({0x65, 0x01}));
+  piple.PostVideoPacket(record);
+  ASSERT_EQ(a->received.size(), 1u);
+  EXPECT_EQ(a->received[0].get(), record.get());
+  EXPECT_EQ(b->received[0].get(), record.get());
+
+  piple.RemoveVideoSinker(a_base);
+  b_base.reset();
+  b.reset();  // the pipe does not keep a consumer alive
+  piple.PostVideoPacket(record);
+  EXPECT_EQ(a->received.size(), 1u);
+}
+
+// A consumer may detach itself from inside its callback: the pipe calls out
+// without holding its consumer lock.
+TEST(QZRtspPacketPipleTest, ConsumerMayDetachDuringDelivery) {
+  QZRtspPacketPiple piple("s");
+  struct SelfRemoving : QZRtspVideoSinker {
+    QZRtspPacketPiple* piple = nullptr;
+    std::shared_ptr<QZRtspVideoSinker> self;
+    int calls = 0;
+    void OnRtspPacket(const std::shared_ptr<QZRtspVideoPacket>&) override {
+      ++calls;
+      piple->RemoveVideoSinker(self);
+    }
+  };
+  auto sinker = std::make_shared<SelfRemoving>();
+  sinker->piple = &piple;
+  sinker->self = sinker;
+  piple.AddVideoSinker(sinker->self);
+  auto record = std::make_shared<QZRtspVideoPacket>();
+  piple.PostVideoPacket(record);
+  piple.PostVideoPacket(record);
+  EXPECT_EQ(sinker->calls, 1);
+  sinker->self.reset();
+}
+
+TEST(QZRtspPacketDataTest, FreesItsBufferOnceWhenTheLastReferenceGoes) {
+  auto data = Buffer({1, 2, 3});
+  std::weak_ptr<QZRtspPacketData> weak = data;
+  auto copy = data;
+  data.reset();
+  EXPECT_FALSE(weak.expired());
+  EXPECT_EQ(copy->size_, 3u);
+  copy.reset();
+  EXPECT_TRUE(weak.expired());  // ASan reports a double or missing free
+}
+
+TEST(QZRtspPacketPipleTest, ConcurrentDescribeAndPost) {
+  QZRtspPacketPiple piple("s");
+  auto sinker = std::make_shared<CountingVideoSinker>();
+  std::shared_ptr<QZRtspVideoSinker> base = sinker;
+  std::thread writer([&piple] {
+    const QZ_BYTE set[] = {0x67, 1, 2};
+    for (int i = 0; i < 2000; ++i) {
+      piple.SetSpsPps(set, 3, set, 3);
+      piple.SetRtspURL("rtsp://x/" + std::to_string(i));
+    }
+  });
+  std::thread reader([&piple, &base] {
+    for (int i = 0; i < 2000; ++i) {
+      std::vector<unsigned char> sps, pps;
+      piple.GetSpsPps(sps, pps);
+      (void)piple.GetRtspURL();
+      (void)piple.IsHasAVConfig();
+      if (i % 2 == 0) {
+        piple.AddVideoSinker(base);
+      } else {
+        piple.RemoveVideoSinker(base);
+      }
+    }
+  });
+  auto record = std::make_shared<QZRtspVideoPacket>();
+  for (int i = 0; i < 2000; ++i) {
+    piple.PostVideoPacket(record);
+  }
+  writer.join();
+  reader.join();
+  EXPECT_EQ(piple.GetRtspURL(), "rtsp://x/1999");
+}
+
+}  // namespace

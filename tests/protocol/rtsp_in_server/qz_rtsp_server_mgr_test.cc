@@ -1,0 +1,82 @@
+#include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "tests/fakes/fake_rtsp_server.h"
+
+namespace {
+
+using qz_rtsp_internal_server::QZRtspPacketPiple;
+using qz_rtsp_internal_server::QZRtspServerMgr;
+using qz_test::FakeRtspServer;
+
+void* Handle(uintptr_t v) {
+  return reinterpret_cast<void*>(v);
+}
+
+TEST(QZRtspServerMgrTest, UnknownHandleIsRefused) {
+  auto piple = std::make_shared<QZRtspPacketPiple>("s");
+  EXPECT_FALSE(QZRtspServerMgr::Instance()->PostPiple(Handle(0xDEAD0), piple));
+  QZRtspServerMgr::Instance()->RemovePiple(Handle(0xDEAD0), piple);  // harmless
+  EXPECT_EQ(piple.use_count(), 1);
+}
+
+TEST(QZRtspServerMgrTest, AcceptAndWithdraw) {
+  auto server = FakeRtspServer::Create(Handle(0xA100));
+  auto piple = std::make_shared<QZRtspPacketPiple>("s");
+  EXPECT_TRUE(QZRtspServerMgr::Instance()->PostPiple(Handle(0xA100), piple));
+  EXPECT_EQ(piple.use_count(), 2);  // the server holds its own reference
+  QZRtspServerMgr::Instance()->RemovePiple(Handle(0xA100), piple);
+  EXPECT_EQ(server->pipes().size(), 0u);
+  EXPECT_EQ(server->withdrawn().size(), 1u);
+  server->Unregister();
+}
+
+TEST(QZRtspServerMgrTest, RefusedPipeIsHeldByNobodyElse) {
+  auto server = FakeRtspServer::Create(Handle(0xA200), /*accept=*/false);
+  auto piple = std::make_shared<QZRtspPacketPiple>("s");
+  EXPECT_FALSE(QZRtspServerMgr::Instance()->PostPiple(Handle(0xA200), piple));
+  EXPECT_EQ(piple.use_count(), 1);
+  server->Unregister();
+}
+
+TEST(QZRtspServerMgrTest, RegistrationRules) {
+  auto mgr = QZRtspServerMgr::Instance();
+  auto server = FakeRtspServer::Create(Handle(0xA300));
+  EXPECT_TRUE(mgr->IsRegistered(Handle(0xA300)));
+  EXPECT_FALSE(mgr->RegisterServer(Handle(0xA300), server));  // taken
+  EXPECT_FALSE(mgr->RegisterServer(nullptr, server));
+  EXPECT_FALSE(mgr->RegisterServer(Handle(0xA301), nullptr));
+  server->Unregister();
+  EXPECT_FALSE(mgr->IsRegistered(Handle(0xA300)));
+  auto piple = std::make_shared<QZRtspPacketPiple>("s");
+  EXPECT_FALSE(mgr->PostPiple(Handle(0xA300), piple));
+}
+
+// Servers come and go while publishers post: no race, and a pipe is only
+// ever taken by a registered server.
+TEST(QZRtspServerMgrTest, ConcurrentRegisterAndPost) {
+  std::atomic<bool> stop{false};
+  std::thread churn([&stop] {
+    while (!stop) {
+      auto server = FakeRtspServer::Create(Handle(0xA400));
+      server->Unregister();
+    }
+  });
+  int taken = 0;
+  for (int i = 0; i < 3000; ++i) {
+    auto piple = std::make_shared<QZRtspPacketPiple>("s");
+    if (QZRtspServerMgr::Instance()->PostPiple(Handle(0xA400), piple)) {
+      ++taken;
+      QZRtspServerMgr::Instance()->RemovePiple(Handle(0xA400), piple);
+    }
+  }
+  stop = true;
+  churn.join();
+  EXPECT_FALSE(QZRtspServerMgr::Instance()->IsRegistered(Handle(0xA400)));
+}
+
+}  // namespace

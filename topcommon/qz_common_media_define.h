@@ -1,0 +1,24 @@
+// Codec identifiers used by the publisher, its sinks and the RTSP server.
+// Video identifiers start at 1, audio identifiers at 0x10000.
+#ifndef TOPCOMMON_QZ_COMMON_MEDIA_DEFINE_H_
+#define TOPCOMMON_QZ_COMMON_MEDIA_DEFINE_H_
+
+typedef enum _QZ_MEDIA_CODEC_ID {
+  QZ_MEDIA_CODEC_ID_NONE = 0,
+
+  QZ_MEDIA_CODEC_ID_VIDEO_BASE = 1,
+  QZ_MEDIA_CODEC_ID_H264 = QZ_MEDIA_CODEC_ID_VIDEO_BASE,
+  QZ_MEDIA_CODEC_ID_H265 = 2,
+  QZ_MEDIA_CODEC_ID_MJPEG = 3,
+
+  QZ_MEDIA_CODEC_ID_AUDIO_BASE = 0x10000,
+  QZ_MEDIA_CODEC_ID_PCMA = QZ_MEDIA_CODEC_ID_AUDIO_BASE,  // G.711 A-law
+  QZ_MEDIA_CODEC_ID_PCMU = 0x10001,                       // G.711 mu-law
+  QZ_MEDIA_CODEC_ID_AAC = 0x10002,
+  QZ_MEDIA_CODEC_ID_SPEEX = 0x10003,
+  QZ_MEDIA_CODEC_ID_SPEEX_NB = 0x10004,   // narrow band
+  QZ_MEDIA_CODEC_ID_SPEEX_WB = 0x10005,   // wide band
+  QZ_MEDIA_CODEC_ID_SPEEX_UWB = 0x10006,  // ultra-wide band
+} QZ_MEDIA_CODEC_ID;
+
+#endif  // TOPCOMMON_QZ_COMMON_MEDIA_DEFINE_H_
