@@ -30,8 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   QZ_UINT8* pos = begin;
   while (QZ_UINT8* p = peer.FindNalType(pos, static_cast<int>(begin + n - pos), type,
                                         start_code_len, &nal_len)) {
-    if (nal_len <= start_code_len || p + nal_len > begin + n ||
-        (p[start_code_len] & 0x1F) != type) {
+    // A header byte that opens the next start code gives a unit of nothing but
+    // its start code (nal_len == start_code_len); the scan still advances.
+    if (nal_len < start_code_len || p + nal_len > begin + n || (p[start_code_len] & 0x1F) != type) {
       abort();
     }
     pos = p + nal_len;

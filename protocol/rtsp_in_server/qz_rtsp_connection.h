@@ -1,0 +1,84 @@
+// One RTSP client connection: reads and parses requests, dispatches them by
+// method, echoes CSeq, and writes responses and TCP-interleaved media. The
+// media is written scatter-gather straight from the stream's shared packets.
+// Network thread only.
+#ifndef PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_CONNECTION_H_
+#define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_CONNECTION_H_
+
+#include <asio.hpp>
+
+#include <array>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
+#include "protocol/rtsp_in_server/qz_rtsp_message.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
+
+namespace qz_rtsp_internal_server {
+
+struct RtspSession;
+
+class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
+ public:
+  RtspConnection(QZRtspServer::Impl& server, asio::ip::tcp::socket socket, bool over_limit);
+
+  void Start();
+  void Close();
+  // Closes once the queued responses are written.
+  void CloseAfterWrite();
+  bool closed() const { return closed_; }
+
+  // Writes pending responses, RTCP and the media of this connection's TCP
+  // sessions, one scatter-gather write at a time.
+  void KickWrite();
+  // Queues RTCP for a TCP track (dropped when the queue is long).
+  void SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp);
+
+  asio::ip::address remote_address() const { return remote_.address(); }
+  long long last_activity_ms() const { return last_activity_ms_; }
+  bool has_sessions() const { return !sessions_.empty(); }
+  const std::map<std::string, std::shared_ptr<RtspSession>>& sessions() const { return sessions_; }
+  void ForgetSession(const std::string& id) { sessions_.erase(id); }
+
+ private:
+  void DoRead();
+  void OnRequest(const RtspRequest& request);
+  void OnInterleaved(uint8_t channel);
+  void Reply(int code,
+             const std::string& cseq,
+             std::vector<std::pair<std::string, std::string>> headers = {},
+             const std::string& body = std::string());
+  void HandleDescribe(const RtspRequest& request, const std::string& cseq, int waited_ms);
+  void HandleSetup(const RtspRequest& request, const std::string& cseq);
+  void HandlePlay(RtspSession& session, const RtspRequest& request, const std::string& cseq);
+  std::shared_ptr<RtspSession> SessionOf(const RtspRequest& request, bool* unknown);
+  std::string BaseUrl(const RtspRequest& request, const std::string& stream) const;
+  bool GatherMedia(std::vector<asio::const_buffer>& buffers);
+
+  QZRtspServer::Impl& server_;
+  asio::ip::tcp::socket socket_;
+  asio::ip::tcp::endpoint remote_;
+  asio::ip::tcp::endpoint local_;
+  bool over_limit_;
+  bool closed_ = false;
+  RtspRequestParser parser_;
+  std::array<char, 8192> read_buffer_;
+  std::deque<std::string> control_;  // responses and RTCP, written before media
+  size_t control_bytes_ = 0;
+  bool writing_ = false;
+  std::string writing_control_;
+  std::vector<std::shared_ptr<RtpPacket>> writing_packets_;
+  std::shared_ptr<RtspSession> writing_session_;
+  bool close_after_write_ = false;  // answer sent, then close
+  std::map<std::string, std::shared_ptr<RtspSession>> sessions_;
+  long long last_activity_ms_ = 0;
+  std::shared_ptr<asio::steady_timer> describe_timer_;
+};
+
+}  // namespace qz_rtsp_internal_server
+
+#endif  // PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_CONNECTION_H_

@@ -1,0 +1,589 @@
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <chrono>
+#include <future>
+
+#include "protocol/rtsp_in_server/qz_rtsp_server_impl.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+constexpr long long kSenderReportIntervalMs = 5000;
+constexpr auto kTickInterval = std::chrono::milliseconds(500);
+
+// The first IPv4 address of an interface that is up and not loopback.
+std::string FirstNonLoopbackAddress() {
+  std::string result = "127.0.0.1";
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) {
+    return result;
+  }
+  for (ifaddrs* it = list; it != nullptr; it = it->ifa_next) {
+    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET ||
+        (it->ifa_flags & IFF_UP) == 0 || (it->ifa_flags & IFF_LOOPBACK) != 0) {
+      continue;
+    }
+    char text[INET_ADDRSTRLEN] = {0};
+    const auto* addr = reinterpret_cast<const sockaddr_in*>(it->ifa_addr);
+    if (inet_ntop(AF_INET, &addr->sin_addr, text, sizeof(text)) != nullptr) {
+      result = text;
+      break;
+    }
+  }
+  freeifaddrs(list);
+  return result;
+}
+
+}  // namespace
+
+// ---- public face ----------------------------------------------------------------
+
+QZRtspServer::QZRtspServer(QZRtspServerOptions options)
+    : impl_(std::make_shared<Impl>(std::move(options))) {
+  QZRtspServerMgr::Instance()->RegisterServer(this, impl_);
+}
+
+QZRtspServer::~QZRtspServer() {
+  QZRtspServerMgr::Instance()->UnregisterServer(this);
+  impl_->Stop();
+}
+
+bool QZRtspServer::Start() {
+  return impl_->Start();
+}
+
+void QZRtspServer::Stop() {
+  impl_->Stop();
+}
+
+bool QZRtspServer::IsRunning() const {
+  return impl_->running();
+}
+
+uint16_t QZRtspServer::Port() const {
+  return impl_->port();
+}
+
+std::string QZRtspServer::UrlFor(const std::string& stream_name) const {
+  return impl_->UrlFor(stream_name);
+}
+
+QZRtspServerStats QZRtspServer::GetStats() const {
+  return impl_->Stats();
+}
+
+// ---- lifecycle ----------------------------------------------------------------------
+
+QZRtspServer::Impl::Impl(QZRtspServerOptions options)
+    : options_(std::move(options)), rng_(std::random_device{}()) {}
+
+QZRtspServer::Impl::~Impl() {
+  Stop();
+}
+
+long long QZRtspServer::Impl::NowMs() const {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+bool QZRtspServer::Impl::Start() {
+  if (running_.load()) {
+    return true;
+  }
+  io_.restart();
+  asio::error_code ec;
+  acceptor_.reset(new asio::ip::tcp::acceptor(io_));
+  asio::ip::tcp::endpoint endpoint;
+  if (options_.bind_address.empty()) {
+    endpoint = asio::ip::tcp::endpoint(asio::ip::tcp::v6(), options_.port);
+  } else {
+    const asio::ip::address address = asio::ip::make_address(options_.bind_address, ec);
+    if (ec) {
+      return false;
+    }
+    endpoint = asio::ip::tcp::endpoint(address, options_.port);
+  }
+  acceptor_->open(endpoint.protocol(), ec);
+  if (ec && options_.bind_address.empty()) {
+    endpoint = asio::ip::tcp::endpoint(asio::ip::tcp::v4(), options_.port);  // no IPv6 here
+    acceptor_->open(endpoint.protocol(), ec);
+  }
+  if (ec) {
+    return false;
+  }
+  if (endpoint.protocol() == asio::ip::tcp::v6()) {
+    acceptor_->set_option(asio::ip::v6_only(false), ec);  // IPv4 clients too
+  }
+  acceptor_->set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
+  acceptor_->bind(endpoint, ec);
+  if (!ec) {
+    acceptor_->listen(asio::socket_base::max_listen_connections, ec);
+  }
+  if (ec || !OpenUdp()) {
+    acceptor_.reset();
+    udp_rtp_.reset();
+    udp_rtcp_.reset();
+    return false;
+  }
+  port_.store(acceptor_->local_endpoint(ec).port());
+  url_host_ = options_.url_host.empty() ? FirstNonLoopbackAddress() : options_.url_host;
+  gate_ = std::make_shared<RtspIoGate>(
+      [this](std::function<void()> work) { asio::post(io_, std::move(work)); });
+  tick_.reset(new asio::steady_timer(io_));
+  work_.reset(new asio::executor_work_guard<asio::io_context::executor_type>(io_.get_executor()));
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    running_.store(true);
+  }
+  DoAccept();
+  ReceiveRtcp(*udp_rtp_, 0);
+  ReceiveRtcp(*udp_rtcp_, 1);
+  OnTick();
+  thread_ = std::thread([this] { io_.run(); });
+  return true;
+}
+
+bool QZRtspServer::Impl::OpenUdp() {
+  // One RTP/RTCP port pair for all clients: clients are told apart by their
+  // own addresses.
+  for (int attempt = 0; attempt < 64; ++attempt) {
+    const uint16_t port = static_cast<uint16_t>(20000 + 2 * (rng_() % 20000));
+    asio::error_code ec;
+    auto rtp = std::make_unique<asio::ip::udp::socket>(io_);
+    auto rtcp = std::make_unique<asio::ip::udp::socket>(io_);
+    asio::ip::udp protocol = asio::ip::udp::v6();
+    rtp->open(protocol, ec);
+    if (ec) {
+      protocol = asio::ip::udp::v4();
+      rtp->open(protocol, ec);
+    }
+    if (ec) {
+      return false;
+    }
+    rtcp->open(protocol, ec);
+    if (protocol == asio::ip::udp::v6()) {
+      rtp->set_option(asio::ip::v6_only(false), ec);
+      rtcp->set_option(asio::ip::v6_only(false), ec);
+    }
+    rtp->bind(asio::ip::udp::endpoint(protocol, port), ec);
+    if (ec) {
+      continue;
+    }
+    rtcp->bind(asio::ip::udp::endpoint(protocol, static_cast<uint16_t>(port + 1)), ec);
+    if (ec) {
+      continue;
+    }
+    // Media is never queued behind a slow network: a full socket buffer
+    // drops that packet for that client.
+    rtp->non_blocking(true, ec);
+    rtcp->non_blocking(true, ec);
+    rtp->set_option(asio::socket_base::send_buffer_size(1 << 20), ec);
+    udp_rtp_ = std::move(rtp);
+    udp_rtcp_ = std::move(rtcp);
+    udp_rtp_port_ = port;
+    return true;
+  }
+  return false;
+}
+
+void QZRtspServer::Impl::Stop() {
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    if (!running_.load()) {
+      return;
+    }
+    running_.store(false);
+  }
+  gate_->Close();
+  std::promise<void> done;
+  asio::post(io_, [this, &done] {
+    Shutdown();
+    done.set_value();
+  });
+  done.get_future().wait();
+  work_.reset();
+  io_.stop();
+  thread_.join();
+  // Handlers that never ran hold records and connections: drop them now.
+  io_.restart();
+  io_.poll();
+  acceptor_.reset();
+  udp_rtp_.reset();
+  udp_rtcp_.reset();
+  tick_.reset();
+  port_.store(0);
+}
+
+void QZRtspServer::Impl::Shutdown() {
+  asio::error_code ec;
+  acceptor_->close(ec);
+  tick_->cancel();
+  udp_rtp_->close(ec);
+  udp_rtcp_->close(ec);
+  std::vector<std::shared_ptr<RtspConnection>> connections(connections_.begin(),
+                                                           connections_.end());
+  for (auto& connection : connections) {
+    connection->Close();
+  }
+  connections_.clear();
+  sessions_.clear();
+  std::map<std::string, std::shared_ptr<RtspStream>> streams;
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    streams.swap(streams_);
+  }
+  for (auto& entry : streams) {
+    entry.second->Detach();
+  }
+  stat_connections_ = 0;
+  stat_sessions_ = 0;
+  stat_playing_ = 0;
+}
+
+// ---- pipes --------------------------------------------------------------------------
+
+std::string QZRtspServer::Impl::UrlFor(const std::string& stream_name) const {
+  std::string host = url_host_;
+  if (host.find(':') != std::string::npos && host.front() != '[') {
+    host = "[" + host + "]";
+  }
+  return "rtsp://" + host + ":" + std::to_string(port_.load()) + "/" + stream_name;
+}
+
+bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) {
+  std::shared_ptr<RtspStream> stream;
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    const std::string name = piple->StreamName();
+    if (!running_.load() || name.empty() || name.find('/') != std::string::npos ||
+        streams_.count(name) != 0) {
+      return false;
+    }
+    RtspStreamLimits limits;
+    limits.max_payload = options_.rtp_payload_size;
+    stream = std::make_shared<RtspStream>(piple, gate_, limits, static_cast<uint32_t>(rng_()));
+    stream->set_on_packets([this](RtspStream& s) { OnStreamPackets(s); });
+    streams_[name] = stream;
+  }
+  stream->Attach();
+  piple->SetRtspURL(UrlFor(stream->name()));
+  return true;
+}
+
+void QZRtspServer::Impl::WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) {
+  std::shared_ptr<RtspStream> stream;
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    for (auto it = streams_.begin(); it != streams_.end(); ++it) {
+      if (it->second->piple() == piple) {
+        stream = it->second;
+        streams_.erase(it);
+        break;
+      }
+    }
+  }
+  if (!stream) {
+    return;
+  }
+  stream->Detach();
+  // The stream is gone: its clients are disconnected, as after a TEARDOWN.
+  gate_->Post([this, stream] {
+    std::vector<std::shared_ptr<RtspConnection>> to_close;
+    for (RtspSession* session : stream->sessions()) {
+      if (auto connection = session->connection.lock()) {
+        to_close.push_back(connection);
+      }
+    }
+    for (auto& connection : to_close) {
+      connection->Close();
+    }
+  });
+}
+
+std::shared_ptr<RtspStream> QZRtspServer::Impl::FindStream(const std::string& name) {
+  std::lock_guard<std::mutex> lock(streams_mutex_);
+  auto it = streams_.find(name);
+  return it == streams_.end() ? nullptr : it->second;
+}
+
+// ---- sessions and connections ---------------------------------------------------------
+
+std::shared_ptr<RtspSession> QZRtspServer::Impl::CreateSession(
+    const std::shared_ptr<RtspConnection>& connection,
+    const std::shared_ptr<RtspStream>& stream) {
+  auto session = std::make_shared<RtspSession>();
+  do {
+    char id[17];
+    unsigned long long value;
+    {
+      std::lock_guard<std::mutex> lock(streams_mutex_);  // also guards rng_
+      value = (static_cast<unsigned long long>(rng_()) << 32) | rng_();
+    }
+    snprintf(id, sizeof(id), "%016llX", value);
+    session->id = id;
+  } while (sessions_.count(session->id) != 0);
+  session->connection = connection;
+  session->stream = stream;
+  session->tracks.resize(static_cast<size_t>(stream->track_count()));
+  session->last_activity_ms = NowMs();
+  stream->AddSession(session.get());
+  sessions_[session->id] = session;
+  stat_sessions_ = static_cast<int>(sessions_.size());
+  return session;
+}
+
+void QZRtspServer::Impl::DestroySession(const std::string& id) {
+  auto it = sessions_.find(id);
+  if (it == sessions_.end()) {
+    return;
+  }
+  it->second->stream->RemoveSession(it->second.get());
+  it->second->state = RtspSession::State::kInit;
+  sessions_.erase(it);
+  stat_sessions_ = static_cast<int>(sessions_.size());
+}
+
+std::shared_ptr<RtspSession> QZRtspServer::Impl::FindSession(const std::string& id) {
+  auto it = sessions_.find(id);
+  return it == sessions_.end() ? nullptr : it->second;
+}
+
+void QZRtspServer::Impl::RemoveConnection(RtspConnection* connection) {
+  for (auto it = connections_.begin(); it != connections_.end(); ++it) {
+    if (it->get() == connection) {
+      connections_.erase(it);
+      break;
+    }
+  }
+  stat_connections_ = static_cast<int>(connections_.size());
+}
+
+void QZRtspServer::Impl::DoAccept() {
+  acceptor_->async_accept([this](const asio::error_code& ec, asio::ip::tcp::socket socket) {
+    if (ec == asio::error::operation_aborted || !acceptor_->is_open()) {
+      return;
+    }
+    if (ec) {
+      // Out of file descriptors or a passing fault: try again shortly
+      // rather than letting the accept loop die.
+      auto retry = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(100));
+      retry->async_wait([this, retry](const asio::error_code& wait_ec) {
+        if (!wait_ec && acceptor_ && acceptor_->is_open()) {
+          DoAccept();
+        }
+      });
+      return;
+    }
+    const bool over_limit = static_cast<int>(connections_.size()) >= options_.max_clients;
+    auto connection = std::make_shared<RtspConnection>(*this, std::move(socket), over_limit);
+    connections_.insert(connection);
+    stat_connections_ = static_cast<int>(connections_.size());
+    connection->Start();
+    DoAccept();
+  });
+}
+
+// ---- media ----------------------------------------------------------------------------
+
+void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
+  std::vector<std::shared_ptr<RtspSession>> sessions;
+  for (RtspSession* session : stream.sessions()) {
+    if (session->state == RtspSession::State::kPlaying) {
+      if (auto found = FindSession(session->id)) {
+        sessions.push_back(found);
+      }
+    }
+  }
+  for (auto& session : sessions) {
+    Pump(*session);
+  }
+}
+
+void QZRtspServer::Impl::Resync(RtspSession& session) {
+  RtspStream& stream = *session.stream;
+  if (session.waiting_key) {
+    if (stream.has_key_frame() && stream.last_key_index() >= session.read_index) {
+      session.read_index = stream.last_key_index();
+      session.waiting_key = false;
+    }
+    return;
+  }
+  if (session.read_index < stream.begin_index()) {
+    // What this client had not read yet is gone: it skips ahead to the
+    // latest key frame rather than to the middle of a picture.
+    ++session.packets_dropped;
+    packets_dropped_ += stream.begin_index() - session.read_index;
+    if (stream.has_key_frame()) {
+      session.read_index = stream.last_key_index();
+    } else {
+      session.read_index = stream.end_index();
+      session.waiting_key = stream.has_video() && session.tracks[0].setup;
+    }
+  }
+}
+
+void QZRtspServer::Impl::Pump(RtspSession& session) {
+  if (session.state != RtspSession::State::kPlaying) {
+    return;
+  }
+  Resync(session);
+  if (session.waiting_key) {
+    return;
+  }
+  if (session.HasTcpTrack()) {
+    if (auto connection = session.connection.lock()) {
+      connection->KickWrite();
+    }
+    return;
+  }
+  RtspStream& stream = *session.stream;
+  for (uint64_t i = session.read_index; i < stream.end_index(); ++i) {
+    const RtpPacket& packet = *stream.At(i);
+    if (session.tracks[packet.track].setup) {
+      SendUdp(session, packet.track, packet.UdpData(), packet.UdpSize(), false);
+    }
+  }
+  session.read_index = stream.end_index();
+}
+
+void QZRtspServer::Impl::SendUdp(RtspSession& session,
+                                 int track,
+                                 const uint8_t* data,
+                                 size_t size,
+                                 bool rtcp) {
+  asio::ip::udp::socket* socket = rtcp ? udp_rtcp_.get() : udp_rtp_.get();
+  const RtspSessionTrack& t = session.tracks[static_cast<size_t>(track)];
+  asio::ip::udp::endpoint endpoint = rtcp ? t.rtcp_endpoint : t.rtp_endpoint;
+  if (socket->local_endpoint().protocol() == asio::ip::udp::v6() && endpoint.address().is_v4()) {
+    endpoint = asio::ip::udp::endpoint(
+        asio::ip::make_address_v6(asio::ip::v4_mapped, endpoint.address().to_v4()),
+        endpoint.port());
+  }
+  asio::error_code ec;
+  socket->send_to(asio::buffer(data, size), endpoint, 0, ec);
+  if (ec) {
+    ++session.packets_dropped;
+    ++packets_dropped_;
+    return;
+  }
+  session.bytes_sent += size;
+  ++session.packets_sent;
+  bytes_sent_ += size;
+  ++packets_sent_;
+}
+
+void QZRtspServer::Impl::SendSenderReports(RtspSession& session, long long now_ms) {
+  const bool force = now_ms < 0;
+  const long long now = force ? NowMs() : now_ms;
+  auto connection = session.connection.lock();
+  for (size_t t = 0; t < session.tracks.size(); ++t) {
+    RtspSessionTrack& track = session.tracks[t];
+    if (!track.setup || (!force && now - track.last_sr_ms < kSenderReportIntervalMs)) {
+      continue;
+    }
+    const std::vector<uint8_t> report = session.stream->SenderReport(static_cast<int>(t));
+    if (report.empty()) {
+      continue;
+    }
+    track.last_sr_ms = now;
+    if (track.tcp) {
+      if (connection) {
+        connection->SendInterleaved(static_cast<uint8_t>(t * 2 + 1), report);
+      }
+    } else {
+      SendUdp(session, static_cast<int>(t), report.data(), report.size(), true);
+    }
+  }
+}
+
+void QZRtspServer::Impl::ReceiveRtcp(asio::ip::udp::socket& socket, int which) {
+  socket.async_receive_from(
+      asio::buffer(rtcp_buffer_[which]), rtcp_sender_[which],
+      [this, &socket, which](const asio::error_code& ec, size_t) {
+        if (ec == asio::error::operation_aborted || !socket.is_open()) {
+          return;
+        }
+        if (!ec) {
+          // Receiver reports (and NAT keep-alives) renew the sender's session.
+          const asio::ip::udp::endpoint& from = rtcp_sender_[which];
+          for (auto& entry : sessions_) {
+            for (const RtspSessionTrack& t : entry.second->tracks) {
+              if (t.setup && !t.tcp &&
+                  (which == 1 ? t.rtcp_endpoint : t.rtp_endpoint).port() == from.port()) {
+                entry.second->last_activity_ms = NowMs();
+              }
+            }
+          }
+        }
+        ReceiveRtcp(socket, which);
+      });
+}
+
+void QZRtspServer::Impl::OnTick() {
+  const long long now = NowMs();
+  std::vector<std::shared_ptr<RtspConnection>> to_close;
+  std::vector<std::string> expired;
+  int playing = 0;
+  for (auto& entry : sessions_) {
+    RtspSession& session = *entry.second;
+    if (now - session.last_activity_ms > options_.session_timeout_s * 1000LL) {
+      expired.push_back(entry.first);
+      continue;
+    }
+    if (session.state == RtspSession::State::kPlaying) {
+      ++playing;
+      SendSenderReports(session, now);
+    }
+  }
+  for (const std::string& id : expired) {
+    std::shared_ptr<RtspSession> session = FindSession(id);
+    auto connection = session->connection.lock();
+    if (connection && session->HasTcpTrack()) {
+      to_close.push_back(connection);  // its media shares the connection
+    } else {
+      if (connection) {
+        connection->ForgetSession(id);
+      }
+      DestroySession(id);
+    }
+  }
+  for (auto& connection : connections_) {
+    if (!connection->has_sessions() &&
+        now - connection->last_activity_ms() > options_.idle_timeout_s * 1000LL) {
+      to_close.push_back(connection);
+    }
+  }
+  for (auto& connection : to_close) {
+    connection->Close();
+  }
+  stat_playing_ = playing;
+  tick_->expires_after(kTickInterval);
+  tick_->async_wait([this](const asio::error_code& ec) {
+    if (!ec) {
+      OnTick();
+    }
+  });
+}
+
+QZRtspServerStats QZRtspServer::Impl::Stats() {
+  QZRtspServerStats stats;
+  stats.connections = stat_connections_.load();
+  stats.sessions = stat_sessions_.load();
+  stats.playing = stat_playing_.load();
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    stats.streams = static_cast<int>(streams_.size());
+  }
+  stats.bytes_sent = bytes_sent_.load();
+  stats.packets_sent = packets_sent_.load();
+  stats.packets_dropped = packets_dropped_.load();
+  return stats;
+}
+
+}  // namespace qz_rtsp_internal_server

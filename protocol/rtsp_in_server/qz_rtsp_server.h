@@ -1,0 +1,81 @@
+// QZRtspServer: an RTSP 1.0 server that runs inside the publisher's process
+// and serves every stream a publisher offers it through the registry.
+//
+//   QZRtspServer server;                  // options: see QZRtspServerOptions
+//   server.Start();                       // listens; its own network thread
+//   sinker.SetRtspServers({server.Handle()});
+//   ...                                   // clients play rtsp://host:8554/<stream name>
+//   server.Stop();                        // closes every session and joins
+//
+// The server registers under Handle() for its whole lifetime; pipes offered
+// while it is stopped are refused. All public operations are thread-safe.
+#ifndef PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_H_
+#define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace qz_rtsp_internal_server {
+
+struct QZRtspServerOptions {
+  // Address to listen on; empty means every IPv4 and IPv6 interface.
+  std::string bind_address;
+  // TCP port for RTSP; 0 picks a free one (see Port()).
+  uint16_t port = 8554;
+  // Host put into the URLs handed to the application; empty means the first
+  // non-loopback address of the device, else 127.0.0.1.
+  std::string url_host;
+  size_t rtp_payload_size = 1400;
+  int session_timeout_s = 60;
+  int max_clients = 64;
+  int max_sessions_per_connection = 8;
+  // A connection that has not set up a session after this long is closed.
+  int idle_timeout_s = 30;
+  // How long DESCRIBE waits for parameter sets before answering 503.
+  int describe_wait_ms = 3000;
+};
+
+struct QZRtspServerStats {
+  int connections = 0;
+  int sessions = 0;
+  int playing = 0;
+  int streams = 0;
+  unsigned long long bytes_sent = 0;
+  unsigned long long packets_sent = 0;
+  unsigned long long packets_dropped = 0;
+};
+
+class QZRtspServer {
+ public:
+  explicit QZRtspServer(QZRtspServerOptions options = QZRtspServerOptions());
+  ~QZRtspServer();
+
+  QZRtspServer(const QZRtspServer&) = delete;
+  QZRtspServer& operator=(const QZRtspServer&) = delete;
+
+  // Opens the ports and starts the network thread. False (and nothing left
+  // running) when the port cannot be opened.
+  bool Start();
+  // Closes every connection and session, forgets the streams, joins.
+  void Stop();
+  bool IsRunning() const;
+
+  // The handle to give RtspSinker::SetRtspServers; stable while the server lives.
+  void* Handle() { return this; }
+  // The TCP port listened on (useful with port 0), or 0 when stopped.
+  uint16_t Port() const;
+  // "rtsp://<url_host>:<port>/<stream_name>".
+  std::string UrlFor(const std::string& stream_name) const;
+
+  QZRtspServerStats GetStats() const;
+
+  class Impl;
+
+ private:
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace qz_rtsp_internal_server
+
+#endif  // PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_H_

@@ -1,0 +1,103 @@
+// The server's internals shared by the server and its connections. Network
+// thread only, except where a member says otherwise.
+#ifndef PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_IMPL_H_
+#define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_IMPL_H_
+
+#include <asio.hpp>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "protocol/rtsp_in_server/qz_rtsp_connection.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+#include "protocol/rtsp_in_server/qz_rtsp_session.h"
+#include "protocol/rtsp_in_server/qz_rtsp_stream.h"
+
+namespace qz_rtsp_internal_server {
+
+class QZRtspServer::Impl : public QZRtspPipeAcceptor,
+                           public std::enable_shared_from_this<QZRtspServer::Impl> {
+ public:
+  explicit Impl(QZRtspServerOptions options);
+  ~Impl() override;
+
+  bool Start();
+  void Stop();
+
+  // Any thread.
+  bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
+  void WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
+  bool running() const { return running_.load(); }
+  uint16_t port() const { return port_.load(); }
+  std::string UrlFor(const std::string& stream_name) const;
+  QZRtspServerStats Stats();
+
+  // Network thread.
+  const QZRtspServerOptions& options() const { return options_; }
+  std::shared_ptr<RtspStream> FindStream(const std::string& name);
+  std::shared_ptr<RtspSession> CreateSession(const std::shared_ptr<RtspConnection>& connection,
+                                             const std::shared_ptr<RtspStream>& stream);
+  void DestroySession(const std::string& id);
+  std::shared_ptr<RtspSession> FindSession(const std::string& id);
+  void RemoveConnection(RtspConnection* connection);
+  uint16_t udp_rtp_port() const { return udp_rtp_port_; }
+  // Sends the session's playable packets over UDP and asks its connection to
+  // write the TCP ones.
+  void Pump(RtspSession& session);
+  void SendUdp(RtspSession& session, int track, const uint8_t* data, size_t size, bool rtcp);
+  void SendSenderReports(RtspSession& session, long long now_ms);
+  // Moves a session's read position on when the ring dropped what it needed.
+  void Resync(RtspSession& session);
+  long long NowMs() const;
+  asio::io_context& io() { return io_; }
+
+ private:
+  void DoAccept();
+  void OnTick();
+  void ReceiveRtcp(asio::ip::udp::socket& socket, int which);
+  bool OpenUdp();
+  void OnStreamPackets(RtspStream& stream);
+  void Shutdown();
+
+  QZRtspServerOptions options_;
+  asio::io_context io_;
+  std::unique_ptr<asio::executor_work_guard<asio::io_context::executor_type>> work_;
+  std::thread thread_;
+  std::unique_ptr<asio::ip::tcp::acceptor> acceptor_;
+  std::unique_ptr<asio::ip::udp::socket> udp_rtp_;
+  std::unique_ptr<asio::ip::udp::socket> udp_rtcp_;
+  uint16_t udp_rtp_port_ = 0;
+  std::array<uint8_t, 2048> rtcp_buffer_[2];
+  asio::ip::udp::endpoint rtcp_sender_[2];
+  std::unique_ptr<asio::steady_timer> tick_;
+  std::shared_ptr<RtspIoGate> gate_;
+
+  std::atomic<bool> running_{false};
+  std::atomic<uint16_t> port_{0};
+  std::string url_host_;
+  std::mt19937 rng_;
+
+  mutable std::mutex streams_mutex_;  // guards streams_ (pipes arrive on publisher threads)
+  std::map<std::string, std::shared_ptr<RtspStream>> streams_;
+
+  std::set<std::shared_ptr<RtspConnection>> connections_;
+  std::map<std::string, std::shared_ptr<RtspSession>> sessions_;
+
+  std::atomic<unsigned long long> bytes_sent_{0};
+  std::atomic<unsigned long long> packets_sent_{0};
+  std::atomic<unsigned long long> packets_dropped_{0};
+  std::atomic<int> stat_connections_{0};
+  std::atomic<int> stat_sessions_{0};
+  std::atomic<int> stat_playing_{0};
+};
+
+}  // namespace qz_rtsp_internal_server
+
+#endif  // PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_IMPL_H_

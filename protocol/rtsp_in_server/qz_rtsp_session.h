@@ -1,0 +1,69 @@
+// One RTSP session: the tracks a client set up, how each is delivered, and
+// the client's read position in its stream's shared packet ring. Lives on the
+// server's network thread only.
+#ifndef PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SESSION_H_
+#define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SESSION_H_
+
+#include <asio.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/rtsp_in_server/qz_rtsp_transport.h"
+
+namespace qz_rtsp_internal_server {
+
+class RtspConnection;
+class RtspStream;
+
+struct RtspSessionTrack {
+  bool setup = false;
+  bool tcp = false;
+  asio::ip::udp::endpoint rtp_endpoint;
+  asio::ip::udp::endpoint rtcp_endpoint;
+  long long last_sr_ms = 0;
+};
+
+struct RtspSession {
+  enum class State { kInit, kReady, kPlaying };
+
+  std::string id;
+  std::weak_ptr<RtspConnection> connection;
+  std::shared_ptr<RtspStream> stream;
+  std::vector<RtspSessionTrack> tracks;
+  State state = State::kInit;
+
+  // Ring position of the next packet this client gets.
+  uint64_t read_index = 0;
+  // Video is held back until the next key frame.
+  bool waiting_key = false;
+  // A TCP write of packets up to this index is under way.
+  bool writing = false;
+  uint64_t write_end = 0;
+
+  long long last_activity_ms = 0;
+  unsigned long long bytes_sent = 0;
+  unsigned long long packets_sent = 0;
+  unsigned long long packets_dropped = 0;
+
+  bool HasTcpTrack() const {
+    for (const auto& t : tracks) {
+      if (t.setup && t.tcp)
+        return true;
+    }
+    return false;
+  }
+  bool AnyTrackSetup() const {
+    for (const auto& t : tracks) {
+      if (t.setup)
+        return true;
+    }
+    return false;
+  }
+};
+
+}  // namespace qz_rtsp_internal_server
+
+#endif  // PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SESSION_H_

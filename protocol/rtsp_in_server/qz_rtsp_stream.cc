@@ -1,0 +1,283 @@
+#include "protocol/rtsp_in_server/qz_rtsp_stream.h"
+
+#include <chrono>
+#include <random>
+
+#include "protocol/rtsp_in_server/qz_rtsp_session.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+long long SteadyMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+unsigned long long WallUs() {
+  return static_cast<unsigned long long>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                             std::chrono::system_clock::now().time_since_epoch())
+                                             .count());
+}
+
+// Samples in one audio frame, for RTP time continuity.
+size_t AudioSamples(const QZRtspAudioPacket& record, int channels) {
+  switch (record.codec_id_) {
+    case QZ_MEDIA_CODEC_ID_AAC:
+      return 1024;
+    case QZ_MEDIA_CODEC_ID_PCMA:
+    case QZ_MEDIA_CODEC_ID_PCMU:
+      return record.data_ ? record.data_->size_ / static_cast<size_t>(channels > 0 ? channels : 1)
+                          : 0;
+    default:
+      return 0;  // Speex: stamped from the record time
+  }
+}
+
+}  // namespace
+
+void RtspIoGate::Post(std::function<void()> work) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (poster_) {
+    poster_(std::move(work));
+  }
+}
+
+void RtspIoGate::Close() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  poster_ = nullptr;
+}
+
+// The consumers run on the publisher's send thread: they only hand the
+// record to the network thread, never touching the stream there.
+class RtspStream::VideoConsumer : public QZRtspVideoSinker {
+ public:
+  VideoConsumer(std::weak_ptr<RtspStream> stream, std::shared_ptr<RtspIoGate> gate)
+      : stream_(std::move(stream)), gate_(std::move(gate)) {}
+  void OnRtspPacket(const std::shared_ptr<QZRtspVideoPacket>& packet) override {
+    std::weak_ptr<RtspStream> stream = stream_;
+    gate_->Post([stream, packet] {
+      if (auto s = stream.lock()) {
+        s->OnVideo(packet);
+      }
+    });
+  }
+
+ private:
+  std::weak_ptr<RtspStream> stream_;
+  std::shared_ptr<RtspIoGate> gate_;
+};
+
+class RtspStream::AudioConsumer : public QZRtspAudioSinker {
+ public:
+  AudioConsumer(std::weak_ptr<RtspStream> stream, std::shared_ptr<RtspIoGate> gate)
+      : stream_(std::move(stream)), gate_(std::move(gate)) {}
+  void OnRtspPacket(const std::shared_ptr<QZRtspAudioPacket>& packet) override {
+    std::weak_ptr<RtspStream> stream = stream_;
+    gate_->Post([stream, packet] {
+      if (auto s = stream.lock()) {
+        s->OnAudio(packet);
+      }
+    });
+  }
+
+ private:
+  std::weak_ptr<RtspStream> stream_;
+  std::shared_ptr<RtspIoGate> gate_;
+};
+
+RtspStream::RtspStream(std::shared_ptr<QZRtspPacketPiple> piple,
+                       std::shared_ptr<RtspIoGate> gate,
+                       RtspStreamLimits limits,
+                       uint32_t random_seed)
+    : piple_(std::move(piple)), gate_(std::move(gate)), limits_(limits) {
+  name_ = piple_->StreamName();
+  // Track layout as the SDP gives it: video first, then audio.
+  const std::vector<RtpTrackInfo> tracks = Describe().Tracks();
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    (tracks[i].is_video ? video_track_ : audio_track_) = static_cast<int>(i);
+    track_is_video_.push_back(tracks[i].is_video);
+  }
+  std::mt19937 rng(random_seed);
+  for (size_t i = 0; i < track_is_video_.size(); ++i) {
+    ssrcs_.push_back(rng());
+    first_seqs_.push_back(static_cast<uint16_t>(rng()));
+    time_offsets_.push_back(rng());
+  }
+  writers_.resize(track_is_video_.size());
+}
+
+RtspStream::~RtspStream() = default;
+
+void RtspStream::Attach() {
+  video_consumer_ = std::make_shared<VideoConsumer>(shared_from_this(), gate_);
+  audio_consumer_ = std::make_shared<AudioConsumer>(shared_from_this(), gate_);
+  std::shared_ptr<QZRtspVideoSinker> video = video_consumer_;
+  std::shared_ptr<QZRtspAudioSinker> audio = audio_consumer_;
+  piple_->AddVideoSinker(video);
+  piple_->AddAudioSinker(audio);
+}
+
+void RtspStream::Detach() {
+  std::shared_ptr<QZRtspVideoSinker> video = video_consumer_;
+  std::shared_ptr<QZRtspAudioSinker> audio = audio_consumer_;
+  if (video) {
+    piple_->RemoveVideoSinker(video);
+  }
+  if (audio) {
+    piple_->RemoveAudioSinker(audio);
+  }
+}
+
+RtpTrackWriter* RtspStream::Writer(int track) {
+  if (track < 0 || track >= static_cast<int>(writers_.size())) {
+    return nullptr;
+  }
+  if (!writers_[track]) {
+    int payload_type = 96;
+    int clock_rate = 90000;
+    for (const RtpTrackInfo& info : Describe().Tracks()) {
+      if (info.is_video == track_is_video_[track]) {
+        payload_type = info.payload_type;
+        clock_rate = info.clock_rate;
+      }
+    }
+    writers_[track].reset(new RtpTrackWriter(track, payload_type, clock_rate, ssrcs_[track],
+                                             first_seqs_[track], time_offsets_[track],
+                                             static_cast<uint8_t>(track * 2)));
+  }
+  return writers_[track].get();
+}
+
+void RtspStream::OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record) {
+  RtpTrackWriter* writer = Writer(video_track_);
+  if (writer == nullptr || !record) {
+    return;
+  }
+  const long long record_ms = static_cast<long long>(record->time_stamp_);
+  if (!has_time_base_) {
+    has_time_base_ = true;
+    wall_base_us_ = WallUs();
+    record_base_ms_ = record_ms;
+  }
+  std::vector<std::shared_ptr<RtpPacket>> packets;
+  const uint32_t rtp_time = writer->RtpTime(record_ms, 0);
+  if (record->IsH265()) {
+    H265Packetizer packetizer(record->nal_units_, limits_.max_payload);
+    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, SteadyMs(), true,
+                      record->is_key_frame_, packets);
+  } else {
+    H264Packetizer packetizer(record->nal_units_, limits_.max_payload);
+    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, SteadyMs(), true,
+                      record->is_key_frame_, packets);
+  }
+  Append(packets);
+}
+
+void RtspStream::OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record) {
+  RtpTrackWriter* writer = Writer(audio_track_);
+  if (writer == nullptr || !record || !record->data_) {
+    return;
+  }
+  const long long record_ms = static_cast<long long>(record->time_stamp_);
+  if (!has_time_base_) {
+    has_time_base_ = true;
+    wall_base_us_ = WallUs();
+    record_base_ms_ = record_ms;
+  }
+  const uint32_t rtp_time = writer->RtpTime(record_ms, last_audio_samples_);
+  last_audio_samples_ = AudioSamples(*record, record->channels_);
+  std::vector<std::shared_ptr<RtpPacket>> packets;
+  if (record->IsAAC()) {
+    AacPacketizer packetizer(record->data_, limits_.max_payload);
+    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, SteadyMs(), false,
+                      false, packets);
+  } else {
+    RawAudioPacketizer packetizer(record->data_, limits_.max_payload);
+    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, SteadyMs(), false,
+                      false, packets);
+  }
+  Append(packets);
+}
+
+void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
+  if (packets.empty()) {
+    return;
+  }
+  for (auto& packet : packets) {
+    if (packet->key_frame_start) {
+      has_key_ = true;
+      last_key_index_ = end_index();
+    }
+    ring_bytes_ += packet->size;
+    ring_.push_back(std::move(packet));
+    ++packets_built_;
+  }
+  Evict();
+  if (on_packets_) {
+    on_packets_(*this);
+  }
+}
+
+// Keeps the ring from the latest key frame on, plus what playing clients have
+// not read yet, within the byte and age bounds. A client whose position falls
+// out of the ring is moved on by the server (to the latest key frame).
+void RtspStream::Evict() {
+  uint64_t keep_from = has_key_ ? last_key_index_ : end_index();
+  for (RtspSession* session : sessions_) {
+    if (session->state == RtspSession::State::kPlaying && !session->waiting_key &&
+        session->read_index < keep_from) {
+      keep_from = session->read_index;
+    }
+  }
+  const long long now = SteadyMs();
+  while (!ring_.empty()) {
+    const RtpPacket& front = *ring_.front();
+    const bool needed = base_index_ >= keep_from;
+    const bool over_bytes = ring_bytes_ > limits_.max_ring_bytes;
+    const bool too_old = now - front.arrival_ms > limits_.max_ring_age_ms;
+    // The latest key frame's GOP is never evicted for age, only for size.
+    const bool in_cache = has_key_ && base_index_ >= last_key_index_;
+    if (needed && !over_bytes && !(too_old && !in_cache)) {
+      break;
+    }
+    if (in_cache && !over_bytes) {
+      break;
+    }
+    ring_bytes_ -= front.size;
+    ring_.pop_front();
+    ++base_index_;
+  }
+  if (has_key_ && last_key_index_ < base_index_) {
+    has_key_ = false;  // a GOP larger than the byte bound
+  }
+}
+
+bool RtspStream::FirstPacketOf(int track, uint64_t from, uint16_t& seq, uint32_t& rtp_time) const {
+  for (uint64_t i = std::max(from, begin_index()); i < end_index(); ++i) {
+    const RtpPacket& p = *At(i);
+    if (p.track == track) {
+      seq = p.seq;
+      rtp_time = p.rtp_time;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<uint8_t> RtspStream::SenderReport(int track) const {
+  if (track < 0 || track >= static_cast<int>(writers_.size()) || !writers_[track] ||
+      !writers_[track]->has_sent() || !has_time_base_) {
+    return {};
+  }
+  const RtpTrackWriter& w = *writers_[track];
+  // Both tracks map record time to wall clock through the same base, which
+  // is what lets a client line audio up with video.
+  const unsigned long long ntp_us =
+      wall_base_us_ +
+      static_cast<unsigned long long>(w.last_record_ms() - record_base_ms_) * 1000ULL;
+  return BuildRtcpSenderReport(w.ssrc(), ntp_us, w.last_rtp_time(), w.packet_count(),
+                               w.octet_count(), "qz-rtsp@" + name_);
+}
+
+}  // namespace qz_rtsp_internal_server

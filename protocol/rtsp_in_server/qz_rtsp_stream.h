@@ -1,0 +1,135 @@
+// One published stream on one server: receives the records of its pipe,
+// packetizes each once per track into RTP packets that every client of the
+// stream shares, and keeps them in a ring from the latest video key frame on
+// (so that a client that starts playing gets a picture at once). Clients keep
+// only their read position. Everything but the pipe consumers runs on the
+// server's network thread.
+#ifndef PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_STREAM_H_
+#define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_STREAM_H_
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
+#include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
+#include "protocol/rtsp_in_server/qz_sdp.h"
+
+namespace qz_rtsp_internal_server {
+
+struct RtspSession;
+
+// Lets threads outside the server hand work to the network thread for as
+// long as the server runs; after Close() posts are dropped.
+class RtspIoGate {
+ public:
+  using Poster = std::function<void(std::function<void()>)>;
+  explicit RtspIoGate(Poster poster) : poster_(std::move(poster)) {}
+  void Post(std::function<void()> work);
+  void Close();
+
+ private:
+  std::mutex mutex_;  // guards poster_
+  Poster poster_;
+};
+
+struct RtspStreamLimits {
+  size_t max_payload = 1400;
+  size_t max_ring_bytes = 8 * 1024 * 1024;
+  long long max_ring_age_ms = 4000;
+};
+
+class RtspStream : public std::enable_shared_from_this<RtspStream> {
+ public:
+  // `on_packets` runs on the network thread after new packets were added.
+  RtspStream(std::shared_ptr<QZRtspPacketPiple> piple,
+             std::shared_ptr<RtspIoGate> gate,
+             RtspStreamLimits limits,
+             uint32_t random_seed);
+  ~RtspStream();
+
+  // Attaches the stream's consumers to its pipe / detaches them.
+  void Attach();
+  void Detach();
+
+  const std::shared_ptr<QZRtspPacketPiple>& piple() const { return piple_; }
+  std::string name() const { return name_; }
+  StreamDescription Describe() const { return StreamDescription::FromPipe(*piple_); }
+  int track_count() const { return static_cast<int>(track_is_video_.size()); }
+  uint32_t TrackSsrc(int track) const { return ssrcs_[track]; }
+
+  // The ring: indexes grow forever; [begin_index(), end_index()) is held.
+  uint64_t begin_index() const { return base_index_; }
+  uint64_t end_index() const { return base_index_ + ring_.size(); }
+  const std::shared_ptr<RtpPacket>& At(uint64_t index) const { return ring_[index - base_index_]; }
+  bool has_key_frame() const { return has_key_; }
+  uint64_t last_key_index() const { return last_key_index_; }
+  bool has_video() const { return video_track_ >= 0; }
+
+  // Sequence number and RTP time of the first packet of `track` at or after
+  // `from`; false when the ring holds none yet.
+  bool FirstPacketOf(int track, uint64_t from, uint16_t& seq, uint32_t& rtp_time) const;
+
+  // RTCP SR of `track` for the newest packet sent on it; empty before any.
+  std::vector<uint8_t> SenderReport(int track) const;
+
+  // Network thread: sessions that read from this stream.
+  void AddSession(RtspSession* session) { sessions_.insert(session); }
+  void RemoveSession(RtspSession* session) { sessions_.erase(session); }
+  const std::set<RtspSession*>& sessions() const { return sessions_; }
+
+  void set_on_packets(std::function<void(RtspStream&)> f) { on_packets_ = std::move(f); }
+
+  unsigned long long packets_built() const { return packets_built_; }
+
+  // Network thread: handle one record (exposed for tests).
+  void OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record);
+  void OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record);
+
+ private:
+  class VideoConsumer;
+  class AudioConsumer;
+
+  void Append(std::vector<std::shared_ptr<RtpPacket>>& packets);
+  void Evict();
+  RtpTrackWriter* Writer(int track);
+
+  std::shared_ptr<QZRtspPacketPiple> piple_;
+  std::shared_ptr<RtspIoGate> gate_;
+  RtspStreamLimits limits_;
+  std::string name_;
+  std::shared_ptr<VideoConsumer> video_consumer_;
+  std::shared_ptr<AudioConsumer> audio_consumer_;
+
+  int video_track_ = -1;
+  int audio_track_ = -1;
+  std::vector<bool> track_is_video_;
+  std::vector<uint32_t> ssrcs_;
+  std::vector<uint16_t> first_seqs_;
+  std::vector<uint32_t> time_offsets_;
+  std::vector<std::unique_ptr<RtpTrackWriter>> writers_;
+  size_t last_audio_samples_ = 0;
+
+  std::deque<std::shared_ptr<RtpPacket>> ring_;
+  uint64_t base_index_ = 0;
+  size_t ring_bytes_ = 0;
+  bool has_key_ = false;
+  uint64_t last_key_index_ = 0;
+
+  // Wall clock of the first record, for RTCP's NTP field.
+  bool has_time_base_ = false;
+  unsigned long long wall_base_us_ = 0;
+  long long record_base_ms_ = 0;
+
+  std::set<RtspSession*> sessions_;
+  std::function<void(RtspStream&)> on_packets_;
+  unsigned long long packets_built_ = 0;
+};
+
+}  // namespace qz_rtsp_internal_server
+
+#endif  // PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_STREAM_H_

@@ -1,0 +1,35 @@
+// Where the publisher's encoded packets come from: the built-in test source
+// or a media file. A source pushes packets as an app's encoder threads would.
+#ifndef TOOLS_QZ_RTSP_PUBLISH_MEDIA_SOURCE_H_
+#define TOOLS_QZ_RTSP_PUBLISH_MEDIA_SOURCE_H_
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "publisher/qz_media_define.h"
+
+namespace qz_tools {
+
+using PushFn = std::function<void(qz_publisher::QZ_MediaPacketRefPtr)>;
+
+class MediaSource {
+ public:
+  virtual ~MediaSource() = default;
+  // Prepares encoders or opens the file; false with a one-line reason.
+  virtual bool Open(std::string* error) = 0;
+  virtual bool has_audio() const = 0;
+  virtual bool has_video() const = 0;
+  // Starts the source's threads; packets go to `push` until Stop().
+  virtual void Start(PushFn push) = 0;
+  virtual void Stop() = 0;
+  // Asks the video encoder for an IDR picture as soon as it can.
+  virtual void RequestKeyFrame() {}
+};
+
+// Milliseconds of the monotonic clock, the timestamps' time base.
+long long MonotonicMs();
+
+}  // namespace qz_tools
+
+#endif  // TOOLS_QZ_RTSP_PUBLISH_MEDIA_SOURCE_H_

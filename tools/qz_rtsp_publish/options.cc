@@ -1,0 +1,130 @@
+#include "tools/qz_rtsp_publish/options.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace qz_tools {
+namespace {
+
+const char kUsage[] =
+    "usage: qz_rtsp_publish [options]\n"
+    "Serves a live RTSP stream from a built-in test source (default) or a file.\n"
+    "\n"
+    "  -i, --input FILE        media file with H.264/H.265 video and/or AAC/G.711 audio\n"
+    "                          (MP4, MKV, TS, raw Annex-B ...); looped, paced in real time\n"
+    "      --video CODEC       built-in source video: h264 (default) or h265\n"
+    "      --audio CODEC       built-in source audio: aac (default), pcma, pcmu or none\n"
+    "      --size WxH          built-in source picture size (default 1280x720)\n"
+    "      --fps N             built-in source frame rate (default 25)\n"
+    "      --bitrate KBPS      built-in source video bit rate (default 2000)\n"
+    "      --gop SECONDS       key frame interval (default 2)\n"
+    "  -p, --port N            RTSP port of the first server (default 8554)\n"
+    "      --servers N         number of servers, on consecutive ports (default 1)\n"
+    "      --bind ADDRESS      address to listen on (default: all interfaces)\n"
+    "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
+    "      --user-data TEXT    text carried in the H.264 stream as user-data SEI\n"
+    "      --user-data-every S seconds between two user-data messages (default 2)\n"
+    "  -t, --duration S        stop after S seconds (default 0: until Ctrl-C)\n"
+    "      --no-loop           play a file once\n"
+    "  -q, --quiet             no status line\n"
+    "  -h, --help              this text\n";
+
+bool ParseInt(const char* text, int min, int max, int& out) {
+  char* end = nullptr;
+  const long value = std::strtol(text, &end, 10);
+  if (end == text || *end != '\0' || value < min || value > max) {
+    return false;
+  }
+  out = static_cast<int>(value);
+  return true;
+}
+
+}  // namespace
+
+bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
+  auto fail = [exit_code](const std::string& message) {
+    std::fprintf(stderr, "qz_rtsp_publish: %s (see --help)\n", message.c_str());
+    *exit_code = 2;
+    return false;
+  };
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&](const char** out) {
+      if (i + 1 >= argc) {
+        return false;
+      }
+      *out = argv[++i];
+      return true;
+    };
+    const char* v = nullptr;
+    if (arg == "-h" || arg == "--help") {
+      std::fputs(kUsage, stdout);
+      *exit_code = 0;
+      return false;
+    } else if (arg == "--no-loop") {
+      o.loop = false;
+    } else if (arg == "-q" || arg == "--quiet") {
+      o.quiet = true;
+    } else if (!value(&v)) {
+      return fail(arg.compare(0, 1, "-") == 0 ? "option " + arg + " needs a value"
+                                              : "unexpected argument " + arg);
+    } else if (arg == "-i" || arg == "--input") {
+      o.input = v;
+    } else if (arg == "--video") {
+      o.video = v;
+      if (o.video != "h264" && o.video != "h265") {
+        return fail("--video must be h264 or h265");
+      }
+    } else if (arg == "--audio") {
+      o.audio = v;
+      if (o.audio != "aac" && o.audio != "pcma" && o.audio != "pcmu" && o.audio != "none") {
+        return fail("--audio must be aac, pcma, pcmu or none");
+      }
+    } else if (arg == "--size") {
+      int w = 0, h = 0;
+      char x = 0;
+      if (std::sscanf(v, "%d%c%d", &w, &x, &h) != 3 || x != 'x' || w < 16 || h < 16 || w > 4096 ||
+          h > 4096 || w % 2 || h % 2) {
+        return fail("--size must be WxH with even sizes from 16 to 4096");
+      }
+      o.width = w;
+      o.height = h;
+    } else if (arg == "--fps") {
+      if (!ParseInt(v, 1, 120, o.fps))
+        return fail("--fps must be 1 to 120");
+    } else if (arg == "--bitrate") {
+      if (!ParseInt(v, 50, 100000, o.kbitrate))
+        return fail("--bitrate must be 50 to 100000 kbit/s");
+    } else if (arg == "--gop") {
+      if (!ParseInt(v, 1, 60, o.gop_seconds))
+        return fail("--gop must be 1 to 60 seconds");
+    } else if (arg == "-p" || arg == "--port") {
+      if (!ParseInt(v, 0, 65535, o.port))
+        return fail("--port must be 0 to 65535");
+    } else if (arg == "--servers") {
+      if (!ParseInt(v, 1, 16, o.servers))
+        return fail("--servers must be 1 to 16");
+    } else if (arg == "--bind") {
+      o.bind = v;
+    } else if (arg == "-n" || arg == "--name") {
+      o.name = v;
+      if (o.name.empty() || o.name.find_first_of("/ ?#") != std::string::npos) {
+        return fail("--name must be a non-empty name without '/', ' ', '?' or '#'");
+      }
+    } else if (arg == "--user-data") {
+      o.user_data = v;
+    } else if (arg == "--user-data-every") {
+      if (!ParseInt(v, 1, 3600, o.user_data_every))
+        return fail("--user-data-every must be 1 to 3600");
+    } else if (arg == "-t" || arg == "--duration") {
+      if (!ParseInt(v, 0, 10 * 365 * 86400, o.duration))
+        return fail("--duration must be >= 0");
+    } else {
+      return fail("unknown option " + arg);
+    }
+  }
+  return true;
+}
+
+}  // namespace qz_tools

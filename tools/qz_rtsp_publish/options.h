@@ -1,0 +1,35 @@
+// Command-line options of qz_rtsp_publish.
+#ifndef TOOLS_QZ_RTSP_PUBLISH_OPTIONS_H_
+#define TOOLS_QZ_RTSP_PUBLISH_OPTIONS_H_
+
+#include <string>
+
+namespace qz_tools {
+
+struct PublishOptions {
+  std::string input;           // empty: the built-in test source
+  std::string video = "h264";  // built-in source: h264 or h265
+  std::string audio = "aac";   // built-in source: aac, pcma, pcmu or none
+  int width = 1280;
+  int height = 720;
+  int fps = 25;
+  int kbitrate = 2000;
+  int gop_seconds = 2;
+  int port = 8554;
+  int servers = 1;   // servers on port, port+1, ...
+  std::string bind;  // empty: all interfaces
+  std::string name = "live";
+  std::string user_data;    // text carried as SEI
+  int user_data_every = 2;  // seconds
+  int duration = 0;         // seconds; 0 runs until Ctrl-C
+  bool loop = true;         // file source
+  bool quiet = false;       // no status line
+};
+
+// Parses argv. On --help prints usage and sets *exit_code to 0; on a bad
+// option prints a one-line error and sets it to 2; returns false in both.
+bool ParseOptions(int argc, char** argv, PublishOptions& options, int* exit_code);
+
+}  // namespace qz_tools
+
+#endif  // TOOLS_QZ_RTSP_PUBLISH_OPTIONS_H_
