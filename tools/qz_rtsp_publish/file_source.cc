@@ -114,6 +114,16 @@ bool FileSource::Open(std::string* error) {
   return true;
 }
 
+bool FileSource::Reopen() {
+  avformat_close_input(&format_);
+  if (avformat_open_input(&format_, options_.input.c_str(), nullptr, nullptr) < 0 ||
+      avformat_find_stream_info(format_, nullptr) < 0) {
+    return false;
+  }
+  const int needed = std::max(video_index_, audio_index_);
+  return needed < static_cast<int>(format_->nb_streams);
+}
+
 void FileSource::Start(PushFn push) {
   push_ = std::move(push);
   stop_ = false;
@@ -192,7 +202,11 @@ void FileSource::Loop() {
       // after the last packet of this one.
       loop_offset_ms = last_ms + 40;
       first_ms = -1;
-      av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BACKWARD);
+      synthetic_video_ms_ = 0;
+      synthetic_audio_ms_ = 0;
+      if (av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BACKWARD) < 0 && !Reopen()) {
+        break;  // raw elementary streams cannot seek: they are opened again
+      }
       if (annexb_ != nullptr) {
         av_bsf_flush(annexb_);
       }
@@ -204,14 +218,21 @@ void FileSource::Loop() {
       continue;
     }
     // Decode order for video (files may hold B-frames), which is also the
-    // order a phone encoder delivers.
+    // order a phone encoder delivers. Raw elementary streams carry no
+    // timestamps at all: they are counted from the frame rate.
+    const AVStream* stream = format_->streams[index];
     const int64_t stamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-    if (stamp == AV_NOPTS_VALUE) {
-      av_packet_unref(packet);
-      continue;
+    long long media_ms = 0;
+    if (stamp != AV_NOPTS_VALUE) {
+      media_ms = av_rescale_q(stamp, stream->time_base, AVRational{1, 1000});
+    } else {
+      const AVRational rate =
+          stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
+      const long long step = rate.num > 0 ? 1000LL * rate.den / rate.num : 40;
+      long long& clock = index == video_index_ ? synthetic_video_ms_ : synthetic_audio_ms_;
+      media_ms = clock;
+      clock += step;
     }
-    const long long media_ms =
-        av_rescale_q(stamp, format_->streams[index]->time_base, AVRational{1, 1000});
     if (first_ms < 0) {
       first_ms = media_ms;
     }

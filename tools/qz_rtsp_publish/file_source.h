@@ -30,6 +30,7 @@ class FileSource : public MediaSource {
 
  private:
   void Loop();
+  bool Reopen();
   void PushVideo(AVPacket* packet, long long ts);
   void PushAudio(AVPacket* packet, long long ts);
 
@@ -44,6 +45,8 @@ class FileSource : public MediaSource {
   int channels_ = 0;
   std::vector<uint8_t> audio_config_;
   std::vector<uint8_t> video_extradata_;  // Annex-B parameter sets, if any
+  long long synthetic_video_ms_ = 0;      // timestamps of a raw elementary stream
+  long long synthetic_audio_ms_ = 0;
   PushFn push_;
   std::atomic<bool> stop_{false};
   std::thread thread_;

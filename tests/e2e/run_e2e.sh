@@ -1,0 +1,239 @@
+#!/usr/bin/env bash
+# End-to-end tests: start qz_rtsp_publish as a user would (a real process on
+# a free port) and pull from it with ffprobe, ffmpeg (UDP and TCP) and
+# GStreamer. Usage: run_e2e.sh CASE PATH_TO_qz_rtsp_publish
+set -uo pipefail
+
+CASE=$1
+PUBLISH=$2
+WORK=$(mktemp -d)
+PUB_PID=""
+FAILURES=0
+
+cleanup() {
+  if [ -n "$PUB_PID" ] && kill -0 "$PUB_PID" 2>/dev/null; then
+    kill -KILL "$PUB_PID" 2>/dev/null
+  fi
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+fail() {
+  echo "FAIL: $*"
+  FAILURES=$((FAILURES + 1))
+}
+
+pass() {
+  echo "ok: $*"
+}
+
+# Starts the publisher with the given options on port 0 and waits for the
+# URL it prints; sets URL (with 127.0.0.1 as host) and PUB_PID.
+start_publisher() {
+  "$PUBLISH" -p 0 -q "$@" > "$WORK/pub.out" 2> "$WORK/pub.err" &
+  PUB_PID=$!
+  URL=""
+  for _ in $(seq 1 100); do
+    URL=$(grep -m1 '^rtsp://' "$WORK/pub.out" 2>/dev/null || true)
+    [ -n "$URL" ] && break
+    if ! kill -0 "$PUB_PID" 2>/dev/null; then
+      break
+    fi
+    sleep 0.1
+  done
+  if [ -z "$URL" ]; then
+    echo "publisher did not announce a URL"; cat "$WORK/pub.err"; exit 1
+  fi
+  URL=$(echo "$URL" | sed -E 's#^rtsp://[^/]+:([0-9]+)/#rtsp://127.0.0.1:\1/#')
+  echo "serving $URL"
+}
+
+# Stops the publisher with SIGINT and checks that it exits 0.
+stop_publisher() {
+  kill -INT "$PUB_PID"
+  local status=0
+  for _ in $(seq 1 100); do
+    kill -0 "$PUB_PID" 2>/dev/null || break
+    sleep 0.1
+  done
+  if kill -0 "$PUB_PID" 2>/dev/null; then
+    fail "publisher still running 10 s after SIGINT"
+    return
+  fi
+  wait "$PUB_PID"; status=$?
+  PUB_PID=""
+  [ "$status" -eq 0 ] && pass "exit code 0 after SIGINT" || fail "exit code $status after SIGINT"
+}
+
+# ffprobe the streams; $1: expected compact lines, one per stream.
+expect_streams() {
+  local got
+  got=$(timeout 20 ffprobe -v error -rtsp_transport tcp \
+    -show_entries stream=codec_name,width,height,sample_rate,channels -of compact=nk=0 "$URL" \
+    | sed 's/^stream|//' | sort)
+  local want
+  want=$(echo -e "$1" | sort)
+  [ "$got" = "$want" ] && pass "ffprobe streams: $(echo $got)" || fail "ffprobe streams: got [$got] want [$want]"
+}
+
+# Decodes $2 seconds over transport $1 with ffmpeg; any error line fails.
+decode_with_ffmpeg() {
+  local transport=$1 seconds=$2
+  timeout $((seconds + 20)) ffmpeg -nostdin -v error -rtsp_transport "$transport" -i "$URL" \
+    -t "$seconds" -f null - > "$WORK/ffmpeg_$transport.log" 2>&1
+  local status=$?
+  if [ "$status" -eq 0 ] && [ ! -s "$WORK/ffmpeg_$transport.log" ]; then
+    pass "ffmpeg decoded ${seconds}s over $transport without error"
+  else
+    fail "ffmpeg over $transport: exit $status"; head -20 "$WORK/ffmpeg_$transport.log"
+  fi
+}
+
+# Plays with GStreamer's rtspsrc until $2 video buffers were decoded.
+play_with_gstreamer() {
+  local protocol=$1 buffers=$2 audio_branch=""
+  if [ "${3:-}" = "audio" ]; then
+    audio_branch="s. ! queue ! application/x-rtp,media=audio ! decodebin ! audioconvert ! identity eos-after=$buffers ! fakesink"
+  fi
+  timeout 40 gst-launch-1.0 -e rtspsrc location="$URL" protocols="$protocol" name=s \
+    s. ! queue ! "application/x-rtp,media=video" ! decodebin ! videoconvert \
+    ! identity eos-after="$buffers" ! fakesink \
+    $audio_branch > "$WORK/gst_$protocol.log" 2>&1
+  local status=$?
+  if [ "$status" -eq 0 ] && grep -q "EOS received" "$WORK/gst_$protocol.log" &&
+     ! grep -q "ERROR" "$WORK/gst_$protocol.log"; then
+    pass "GStreamer decoded $buffers buffers over $protocol"
+  else
+    fail "GStreamer over $protocol: exit $status"; grep -E "ERROR|WARN" "$WORK/gst_$protocol.log" | head -10
+  fi
+}
+
+# The user-data SEI reaches the decoder as frame side data.
+expect_user_data() {
+  local count
+  count=$(timeout 20 ffprobe -v error -rtsp_transport tcp -read_intervals %+4 -select_streams v \
+    -show_frames -show_entries side_data=side_data_type -of compact "$URL" 2>/dev/null \
+    | grep -c "User Data Unregistered")
+  [ "$count" -ge 1 ] && pass "user-data SEI seen in $count frames" || fail "no user-data SEI in the video"
+}
+
+# Frames decoded per second of stream time, within 5 % of $1.
+expect_frame_rate() {
+  local fps=$1
+  timeout 30 ffprobe -v error -rtsp_transport tcp -read_intervals %+6 -select_streams v \
+    -show_frames -show_entries frame=pts_time -of csv=p=0 "$URL" 2>/dev/null \
+    | grep -E '^[0-9]+(\.[0-9]+)?$' > "$WORK/pts.txt"
+  local measured
+  measured=$(awk 'NR==1{first=$1} {last=$1; n++} END{ if (n > 1 && last > first) printf "%.2f", (n-1)/(last-first); else print 0 }' "$WORK/pts.txt")
+  if awk -v m="$measured" -v f="$fps" 'BEGIN{ exit !(m >= f*0.95 && m <= f*1.05) }'; then
+    pass "decoded frame rate $measured fps (source $fps)"
+  else
+    fail "decoded frame rate $measured fps, source $fps"
+  fi
+}
+
+# A viewer joining a running stream gets its first picture within one key
+# frame interval ($1 seconds).
+expect_quick_start() {
+  local gop=$1 start end elapsed
+  start=$(date +%s%N)
+  timeout 20 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -frames:v 1 -f null - > /dev/null 2>&1
+  end=$(date +%s%N)
+  elapsed=$(( (end - start) / 1000000 ))
+  if [ "$elapsed" -le $((gop * 1000)) ]; then
+    pass "first picture after ${elapsed} ms (key frame interval ${gop} s)"
+  else
+    fail "first picture after ${elapsed} ms, more than the ${gop} s key frame interval"
+  fi
+}
+
+case "$CASE" in
+  h264_aac)
+    start_publisher --video h264 --audio aac --size 640x360 --fps 25 --user-data "qz-e2e" --user-data-every 1
+    sleep 2
+    expect_streams "codec_name=h264|width=640|height=360\ncodec_name=aac|sample_rate=48000|channels=1"
+    decode_with_ffmpeg udp 5
+    decode_with_ffmpeg tcp 5
+    play_with_gstreamer tcp 150 audio
+    play_with_gstreamer udp 150
+    expect_user_data
+    expect_frame_rate 25
+    expect_quick_start 2
+    stop_publisher
+    ;;
+  h265_aac)
+    start_publisher --video h265 --audio aac --size 640x360 --fps 25
+    sleep 2
+    expect_streams "codec_name=hevc|width=640|height=360\ncodec_name=aac|sample_rate=48000|channels=1"
+    decode_with_ffmpeg udp 5
+    decode_with_ffmpeg tcp 5
+    play_with_gstreamer tcp 150 audio
+    expect_frame_rate 25
+    stop_publisher
+    ;;
+  h264_pcma)
+    start_publisher --video h264 --audio pcma --size 320x240 --fps 30
+    sleep 2
+    expect_streams "codec_name=h264|width=320|height=240\ncodec_name=pcm_alaw|sample_rate=8000|channels=1"
+    decode_with_ffmpeg udp 5
+    decode_with_ffmpeg tcp 5
+    play_with_gstreamer tcp 150 audio
+    expect_frame_rate 30
+    stop_publisher
+    ;;
+  two_clients)
+    # Two viewers at once; one leaves mid-stream, the other keeps playing.
+    start_publisher --size 320x240
+    sleep 1
+    timeout 30 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -t 8 -f null - > "$WORK/a.log" 2>&1 &
+    A=$!
+    timeout 30 ffmpeg -nostdin -v error -rtsp_transport udp -i "$URL" -t 30 -f null - > "$WORK/b.log" 2>&1 &
+    B=$!
+    sleep 3
+    kill -KILL "$B"
+    wait "$A"; STATUS=$?
+    if [ "$STATUS" -eq 0 ] && [ ! -s "$WORK/a.log" ]; then
+      pass "first client kept decoding while the second left"
+    else
+      fail "first client: exit $STATUS"; head "$WORK/a.log"
+    fi
+    decode_with_ffmpeg tcp 3
+    stop_publisher
+    ;;
+  file_source)
+    ffmpeg -nostdin -v error -f lavfi -i testsrc=size=320x240:rate=25 -f lavfi -i sine=frequency=500:sample_rate=44100 \
+      -t 3 -c:v libx264 -g 25 -bf 0 -pix_fmt yuv420p -c:a aac -ac 2 "$WORK/in.mp4" || { echo "cannot make input"; exit 1; }
+    start_publisher --input "$WORK/in.mp4"
+    sleep 1
+    expect_streams "codec_name=h264|width=320|height=240\ncodec_name=aac|sample_rate=44100|channels=2"
+    # Longer than the file: the loop must keep decoding cleanly.
+    decode_with_ffmpeg tcp 6
+    stop_publisher
+    ffmpeg -nostdin -v error -f lavfi -i testsrc=size=320x240:rate=25 -t 2 -c:v libx265 -x265-params bframes=0:log-level=error -pix_fmt yuv420p \
+      -f hevc "$WORK/in.h265" || { echo "cannot make input"; exit 1; }
+    start_publisher --input "$WORK/in.h265"
+    sleep 1
+    expect_streams "codec_name=hevc|width=320|height=240"
+    decode_with_ffmpeg udp 3
+    stop_publisher
+    ;;
+  bad_input)
+    for args in "--size 13x7" "--bogus" "--input $WORK/missing.mp4" "--audio opus"; do
+      "$PUBLISH" -p 0 $args > "$WORK/out" 2> "$WORK/err"; status=$?
+      lines=$(wc -l < "$WORK/err")
+      [ "$status" -eq 2 ] && [ "$lines" -eq 1 ] && pass "'$args' exits 2 with one line" \
+        || fail "'$args': exit $status, $lines lines: $(cat "$WORK/err")"
+    done
+    ffmpeg -nostdin -v error -f lavfi -i sine -t 1 "$WORK/tone.wav"
+    "$PUBLISH" -p 0 --input "$WORK/tone.wav" > "$WORK/out" 2> "$WORK/err"; status=$?
+    [ "$status" -eq 2 ] && pass "a file without a supported stream exits 2" || fail "tone.wav: exit $status"
+    "$PUBLISH" --help > "$WORK/out"; status=$?
+    [ "$status" -eq 0 ] && grep -q -- "--input" "$WORK/out" && pass "--help" || fail "--help: exit $status"
+    ;;
+  *)
+    echo "unknown case $CASE"; exit 2
+    ;;
+esac
+
+echo "$((FAILURES == 0 ? 1 : 0)) passed, $FAILURES failed" | sed 's/^1 passed, 0 failed$/e2e '"$CASE"': passed/'
+[ "$FAILURES" -eq 0 ]
