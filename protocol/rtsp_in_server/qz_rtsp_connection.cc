@@ -220,7 +220,10 @@ std::string RtspConnection::BaseUrl(const RtspRequest& request, const std::strin
 
 void RtspConnection::OnRequest(const RtspRequest& request) {
   if (request.HeaderCount("CSeq") != 1) {
+    // Without one CSeq answers cannot be matched to requests: such a client
+    // is broken, so it gets its answer and the connection ends.
     Reply(400, "");
+    CloseAfterWrite();
     return;
   }
   const std::string cseq = *request.Header("CSeq");

@@ -1,0 +1,229 @@
+// Golden bytes for the RTP packetizers, the RTP header and RTCP, and the SDP.
+#include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
+
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/qz_sdp.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+std::shared_ptr<QZRtspPacketData> Unit(const Bytes& bytes) {
+  auto* data = new QZ_BYTE[bytes.size()];
+  std::copy(bytes.begin(), bytes.end(), data);
+  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(bytes.size()));
+}
+
+Bytes Filled(uint8_t header, size_t size) {
+  Bytes b(size);
+  for (size_t i = 0; i < size; ++i)
+    b[i] = static_cast<uint8_t>(i * 7 + 1);
+  b[0] = header;
+  return b;
+}
+
+struct Payload {
+  Bytes bytes;
+  bool last;
+};
+
+std::vector<Payload> Drain(RtpPayloadPacketizer& p, size_t capacity) {
+  std::vector<Payload> out;
+  std::vector<uint8_t> buffer(capacity);
+  for (;;) {
+    bool last = false;
+    const size_t n = p.NextPacket(buffer.data(), capacity, &last);
+    if (n == 0)
+      break;
+    out.push_back({Bytes(buffer.begin(), buffer.begin() + n), last});
+  }
+  return out;
+}
+
+TEST(H264PacketizerTest, ParameterSetsAggregateAndSmallSlicesGoAlone) {
+  const Bytes aud = {0x09, 0x30}, sps = {0x67, 0x42, 0x00, 0x1E}, pps = {0x68, 0xCE, 0x3C};
+  const Bytes idr = Filled(0x65, 100);
+  H264Packetizer p({Unit(aud), Unit(sps), Unit(pps), Unit(idr)}, 1400);
+  const auto packets = Drain(p, 1400);
+  ASSERT_EQ(packets.size(), 2u);
+  // STAP-A: F=0 NRI=11 (highest of the units) type 24 = 0x78; then 16-bit
+  // size + unit for each; the delimiter is not sent.
+  Bytes stap = {0x78, 0x00, 0x04};
+  stap.insert(stap.end(), sps.begin(), sps.end());
+  stap.insert(stap.end(), {0x00, 0x03});
+  stap.insert(stap.end(), pps.begin(), pps.end());
+  EXPECT_EQ(packets[0].bytes, stap);
+  EXPECT_FALSE(packets[0].last);
+  EXPECT_EQ(packets[1].bytes, idr);  // single NAL unit packet
+  EXPECT_TRUE(packets[1].last);
+}
+
+TEST(H264PacketizerTest, FuABoundaries) {
+  // 3001 bytes: header + 3000 payload bytes; 1398 per fragment after the
+  // two FU bytes -> 1398, 1398, 204.
+  const Bytes idr = Filled(0x65, 3001);
+  H264Packetizer p({Unit(idr)}, 1400);
+  const auto packets = Drain(p, 1400);
+  ASSERT_EQ(packets.size(), 3u);
+  // FU indicator: F=0 NRI=11 type 28 -> 0x7C. FU header: S E R type(5).
+  EXPECT_EQ(packets[0].bytes[0], 0x7C);
+  EXPECT_EQ(packets[0].bytes[1], 0x85);  // S=1
+  EXPECT_EQ(packets[1].bytes[1], 0x05);
+  EXPECT_EQ(packets[2].bytes[1], 0x45);  // E=1
+  EXPECT_EQ(packets[0].bytes.size(), 1400u);
+  EXPECT_EQ(packets[1].bytes.size(), 1400u);
+  EXPECT_EQ(packets[2].bytes.size(), 2u + 3000 - 2 * 1398);
+  EXPECT_FALSE(packets[1].last);
+  EXPECT_TRUE(packets[2].last);
+  // The fragments reassemble to the unit.
+  Bytes joined = {idr[0]};
+  for (const auto& pk : packets)
+    joined.insert(joined.end(), pk.bytes.begin() + 2, pk.bytes.end());
+  EXPECT_EQ(joined, idr);
+}
+
+TEST(H264PacketizerTest, UnitExactlyAtTheLimitIsNotFragmented) {
+  H264Packetizer p({Unit(Filled(0x41, 1400))}, 1400);
+  const auto packets = Drain(p, 1400);
+  ASSERT_EQ(packets.size(), 1u);
+  EXPECT_EQ(packets[0].bytes[0], 0x41);
+}
+
+TEST(H265PacketizerTest, FuKeepsLayerIdAndTid) {
+  // Header 0x27 0x0A: F=0, type=19 (IDR_W_RADL), LayerId=33, TID=2.
+  const Bytes idr = Filled(0x27, 2000);
+  Bytes unit = idr;
+  unit[1] = 0x0A;
+  H265Packetizer p({Unit({0x46, 0x01, 0x50}), Unit(unit)}, 1400);  // AUD (type 35) skipped
+  const auto packets = Drain(p, 1400);
+  ASSERT_EQ(packets.size(), 2u);
+  // PayloadHdr: F | type 49 | LayerId | TID -> (0x27 & 0x81) | 49 << 1 = 0x63, 0x0A.
+  EXPECT_EQ(packets[0].bytes[0], 0x63);
+  EXPECT_EQ(packets[0].bytes[1], 0x0A);
+  EXPECT_EQ(packets[0].bytes[2], 0x80 | 19);  // S + FuType
+  EXPECT_EQ(packets[1].bytes[2], 0x40 | 19);  // E + FuType
+  Bytes joined = {unit[0], unit[1]};
+  for (const auto& pk : packets)
+    joined.insert(joined.end(), pk.bytes.begin() + 3, pk.bytes.end());
+  EXPECT_EQ(joined, unit);
+}
+
+TEST(AacPacketizerTest, AuHeaderAndFragments) {
+  AacPacketizer small(Unit(Filled(0x21, 300)), 1400);
+  auto packets = Drain(small, 1400);
+  ASSERT_EQ(packets.size(), 1u);
+  // AU-headers-length 16 bits; AU-header: size 300 in 13 bits, index 0:
+  // 300 << 3 = 0x0960.
+  EXPECT_EQ(Bytes(packets[0].bytes.begin(), packets[0].bytes.begin() + 4),
+            Bytes({0x00, 0x10, 0x09, 0x60}));
+  EXPECT_TRUE(packets[0].last);
+
+  AacPacketizer large(Unit(Filled(0x21, 2000)), 1400);
+  packets = Drain(large, 1400);
+  ASSERT_EQ(packets.size(), 2u);
+  EXPECT_EQ(packets[1].bytes[2], 0x3E);  // 2000 << 3 = 0x3E80, in every fragment
+  EXPECT_EQ(packets[1].bytes[3], 0x80);
+  EXPECT_FALSE(packets[0].last);
+  EXPECT_TRUE(packets[1].last);
+}
+
+TEST(RtpTrackWriterTest, HeaderMarkerAndSequence) {
+  RtpTrackWriter writer(0, 96, 90000, 0x11223344, 0xFFFF, 1000, 0);
+  H264Packetizer p({Unit(Filled(0x65, 3001))}, 1400);
+  std::vector<std::shared_ptr<RtpPacket>> out;
+  const uint32_t ts = writer.RtpTime(40, 0);
+  EXPECT_EQ(ts, 1000u + 40u * 90u);
+  writer.Packetize(p, 1400, ts, 40, 0, true, true, out);
+  ASSERT_EQ(out.size(), 3u);
+  const uint8_t* h = out[0]->TcpData();
+  // '$', channel 0, length of the RTP packet.
+  EXPECT_EQ(h[0], '$');
+  EXPECT_EQ(h[1], 0);
+  EXPECT_EQ((h[2] << 8) | h[3], static_cast<int>(out[0]->UdpSize()));
+  const uint8_t* rtp = out[0]->UdpData();
+  EXPECT_EQ(rtp[0], 0x80);  // V=2
+  EXPECT_EQ(rtp[1], 96);    // no marker on the first fragment
+  EXPECT_EQ((rtp[2] << 8) | rtp[3], 0xFFFF);
+  EXPECT_EQ(out[1]->seq, 0);                   // wraps
+  EXPECT_EQ(out[2]->UdpData()[1], 0x80 | 96);  // marker on the last packet of the frame
+  EXPECT_TRUE(out[0]->key_frame_start);
+  EXPECT_FALSE(out[1]->key_frame_start);
+  EXPECT_EQ(rtp[8], 0x11);
+  EXPECT_EQ(writer.packet_count(), 3u);
+}
+
+TEST(RtpTrackWriterTest, AudioTimeFollowsSampleCountWithinJitter) {
+  RtpTrackWriter writer(1, 97, 48000, 1, 0, 0, 2);
+  RawAudioPacketizer p1(Unit(Filled(1, 10)), 1400);
+  std::vector<std::shared_ptr<RtpPacket>> out;
+  writer.Packetize(p1, 1400, writer.RtpTime(0, 0), 0, 0, false, false, out);
+  // 21 ms later by the millisecond clock, 1024 samples later by count.
+  EXPECT_EQ(writer.RtpTime(21, 1024), 1024u);
+  // A real gap (one second) is not smoothed away.
+  EXPECT_EQ(writer.RtpTime(1000, 1024), 48000u);
+}
+
+TEST(RtcpTest, SenderReportLayout) {
+  const auto sr =
+      BuildRtcpSenderReport(0xAABBCCDD, 1000000ULL * 100 + 500000, 1234, 10, 2000, "qz");
+  ASSERT_EQ(sr.size() % 4, 0u);
+  EXPECT_EQ(sr[0], 0x80);
+  EXPECT_EQ(sr[1], 200);
+  EXPECT_EQ((sr[2] << 8) | sr[3], 6);
+  // NTP seconds: 100 + 2208988800 = 0x83AA7EE4; fraction 0.5 = 0x80000000.
+  EXPECT_EQ(Bytes(sr.begin() + 8, sr.begin() + 16),
+            Bytes({0x83, 0xAA, 0x7E, 0xE4, 0x80, 0x00, 0x00, 0x00}));
+  EXPECT_EQ(sr[28], 0x81);  // SDES follows
+  EXPECT_EQ(sr[29], 202);
+}
+
+TEST(SdpTest, H264AndAac) {
+  StreamDescription d;
+  d.name = "live";
+  d.has_video = d.has_audio = true;
+  d.video_codec = QZ_MEDIA_CODEC_ID_H264;
+  d.audio_codec = QZ_MEDIA_CODEC_ID_AAC;
+  d.sps = {0x67, 0x42, 0xC0, 0x1E};
+  d.pps = {0x68, 0xCE, 0x3C, 0x80};
+  d.audio_config = {0x12, 0x10};
+  d.video_kbitrate = 2000;
+  const std::string sdp = BuildSdp(d, "192.0.2.1", 7);
+  EXPECT_EQ(sdp,
+            "v=0\r\no=- 7 1 IN IP4 192.0.2.1\r\ns=live\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\n"
+            "a=tool:qz-rtsp\r\na=range:npt=now-\r\na=control:*\r\n"
+            "m=video 0 RTP/AVP 96\r\nb=AS:2000\r\na=rtpmap:96 H264/90000\r\n"
+            "a=fmtp:96 packetization-mode=1;profile-level-id=42c01e;"
+            "sprop-parameter-sets=Z0LAHg==,aM48gA==\r\na=control:trackID=0\r\n"
+            "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/44100/2\r\n"
+            "a=fmtp:97 streamtype=5;profile-level-id=1;mode=AAC-hbr;sizelength=13;indexlength=3;"
+            "indexdeltalength=3;config=1210\r\na=control:trackID=1\r\n");
+}
+
+TEST(SdpTest, H265AlwaysCarriesVpsAndG711Types) {
+  StreamDescription d;
+  d.has_video = d.has_audio = true;
+  d.video_codec = QZ_MEDIA_CODEC_ID_H265;
+  d.vps = {0x40, 0x01};
+  d.sps = {0x42, 0x01};
+  d.pps = {0x44, 0x01};
+  d.audio_codec = QZ_MEDIA_CODEC_ID_PCMU;  // no audio info: 8000 Hz mono, static type 0
+  std::string sdp = BuildSdp(d, "::1", 1);
+  EXPECT_NE(sdp.find("o=- 1 1 IN IP6 ::1\r\n"), std::string::npos);
+  EXPECT_NE(
+      sdp.find(
+          "a=rtpmap:96 H265/90000\r\na=fmtp:96 sprop-vps=QAE=;sprop-sps=QgE=;sprop-pps=RAE=\r\n"),
+      std::string::npos);
+  EXPECT_NE(sdp.find("m=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"), std::string::npos);
+  d.audio_codec = QZ_MEDIA_CODEC_ID_PCMA;
+  d.sample_rate = 16000;
+  d.channels = 2;
+  sdp = BuildSdp(d, "::1", 1);
+  EXPECT_NE(sdp.find("m=audio 0 RTP/AVP 97\r\na=rtpmap:97 PCMA/16000/2\r\n"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace qz_rtsp_internal_server

@@ -1,0 +1,572 @@
+// The server over real loopback sockets: RTSP state transitions, answers to
+// hostile input, and a well-behaved player that must keep receiving through
+// all of it.
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+#include "tests/fakes/test_support.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+std::shared_ptr<QZRtspPacketData> Unit(const Bytes& b) {
+  auto* data = new QZ_BYTE[b.size()];
+  std::copy(b.begin(), b.end(), data);
+  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(b.size()));
+}
+
+// Plays the publisher: describes a pipe (H.264 + G.711 A-law) and posts a
+// record every 10 ms, a key frame every 10th.
+class FakePublisher {
+ public:
+  FakePublisher(void* handle, const std::string& name, bool with_sets = true)
+      : handle_(handle), piple_(std::make_shared<QZRtspPacketPiple>(name)) {
+    piple_->IsHasVideo(true);
+    piple_->SetVideoCodecID(QZ_MEDIA_CODEC_ID_H264);
+    piple_->IsHasAudio(true);
+    piple_->SetAudioCodecID(QZ_MEDIA_CODEC_ID_PCMA);
+    if (with_sets) {
+      piple_->SetSpsPps(qz_test::kH264Sps.data(), 7, qz_test::kH264Pps.data(), 4);
+    }
+  }
+  ~FakePublisher() { Stop(); }
+
+  bool Offer() { return QZRtspServerMgr::Instance()->PostPiple(handle_, piple_); }
+  void Withdraw() { QZRtspServerMgr::Instance()->RemovePiple(handle_, piple_); }
+
+  void Start() {
+    thread_ = std::thread([this] {
+      for (int i = 0; !stop_; ++i) {
+        auto video = std::make_shared<QZRtspVideoPacket>();
+        video->codec_id_ = QZ_MEDIA_CODEC_ID_H264;
+        video->is_key_frame_ = i % 10 == 0;
+        video->time_stamp_ = static_cast<QZ_UINT64>(i) * 10;
+        if (video->is_key_frame_) {
+          video->nal_units_.push_back(Unit(qz_test::kH264Sps));
+          video->nal_units_.push_back(Unit(qz_test::kH264Pps));
+          video->nal_units_.push_back(Unit(Bytes(3000, 0x65)));  // fragmented
+        } else {
+          video->nal_units_.push_back(Unit(Bytes(500, 0x41)));
+        }
+        piple_->PostVideoPacket(video);
+        auto audio = std::make_shared<QZRtspAudioPacket>();
+        audio->codec_id_ = QZ_MEDIA_CODEC_ID_PCMA;
+        audio->sample_rate_ = 8000;
+        audio->channels_ = 1;
+        audio->time_stamp_ = static_cast<QZ_UINT64>(i) * 10;
+        audio->data_ = Unit(Bytes(80, 0xD5));
+        piple_->PostAudioPacket(audio);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    });
+  }
+  void Stop() {
+    stop_ = true;
+    if (thread_.joinable())
+      thread_.join();
+  }
+  std::shared_ptr<QZRtspPacketPiple>& piple() { return piple_; }
+
+ private:
+  void* handle_;
+  std::shared_ptr<QZRtspPacketPiple> piple_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+struct Response {
+  int status = -1;  // -1: connection closed, -2: nothing within the wait
+  std::map<std::string, std::string> headers;
+  std::string body;
+};
+
+// A blocking RTSP client over a plain socket.
+class Client {
+ public:
+  explicit Client(uint16_t port) {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  }
+  ~Client() { close(fd_); }
+  bool connected() const { return connected_; }
+
+  void Send(const std::string& bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+      const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0)
+        return;
+      sent += static_cast<size_t>(n);
+    }
+  }
+
+  // Reads the next response, collecting interleaved frames on the way.
+  Response Read(int wait_ms = 3000) {
+    Response r;
+    for (;;) {
+      // Interleaved frames first.
+      while (buffer_.size() >= 4 && buffer_[0] == '$') {
+        const size_t len =
+            (static_cast<uint8_t>(buffer_[2]) << 8) | static_cast<uint8_t>(buffer_[3]);
+        if (buffer_.size() < 4 + len)
+          break;
+        frames_.push_back({static_cast<uint8_t>(buffer_[1]), buffer_.substr(4, len)});
+        buffer_.erase(0, 4 + len);
+      }
+      const size_t end = buffer_.find("\r\n\r\n");
+      if (!buffer_.empty() && buffer_[0] != '$' && end != std::string::npos) {
+        const std::string head = buffer_.substr(0, end);
+        std::smatch m;
+        std::regex status_re("^RTSP/1.0 (\\d{3})");
+        if (std::regex_search(head, m, status_re))
+          r.status = std::stoi(m[1]);
+        std::regex header_re("\r\n([^:\r\n]+): ([^\r\n]*)");
+        for (auto it = std::sregex_iterator(head.begin(), head.end(), header_re);
+             it != std::sregex_iterator(); ++it) {
+          r.headers[(*it)[1]] = (*it)[2];
+        }
+        size_t body_len =
+            r.headers.count("Content-Length") ? std::stoul(r.headers["Content-Length"]) : 0;
+        if (buffer_.size() >= end + 4 + body_len) {
+          r.body = buffer_.substr(end + 4, body_len);
+          buffer_.erase(0, end + 4 + body_len);
+          return r;
+        }
+      }
+      const int got = Fill(wait_ms);
+      if (got == 0) {
+        r.status = -1;
+        return r;
+      }
+      if (got < 0) {
+        r.status = -2;
+        return r;
+      }
+    }
+  }
+
+  // Reads for `ms` and returns the interleaved frames that arrived.
+  std::vector<std::pair<uint8_t, std::string>> Frames(int ms) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (Fill(20) == 0)
+        break;
+      Read(0);
+    }
+    auto out = std::move(frames_);
+    frames_.clear();
+    return out;
+  }
+
+  std::string Request(const std::string& method,
+                      const std::string& url,
+                      int cseq,
+                      const std::string& extra = "") {
+    return method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(cseq) + "\r\n" + extra +
+           "\r\n";
+  }
+
+ private:
+  // >0 bytes read, 0 closed, <0 nothing within the wait.
+  int Fill(int wait_ms) {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, wait_ms) <= 0)
+      return -1;
+    char buf[65536];
+    const ssize_t n = recv(fd_, buf, sizeof(buf), 0);
+    if (n <= 0)
+      return 0;
+    buffer_.append(buf, static_cast<size_t>(n));
+    return static_cast<int>(n);
+  }
+
+  int fd_;
+  bool connected_;
+  std::string buffer_;
+  std::vector<std::pair<uint8_t, std::string>> frames_;
+};
+
+std::string SessionId(const Response& r) {
+  auto it = r.headers.find("Session");
+  return it == r.headers.end() ? "" : it->second.substr(0, it->second.find(';'));
+}
+
+class ServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QZRtspServerOptions options;
+    options.port = 0;
+    options.url_host = "127.0.0.1";
+    options.describe_wait_ms = 300;
+    options.max_clients = 8;
+    server_.reset(new QZRtspServer(options));
+    ASSERT_TRUE(server_->Start());
+    publisher_.reset(new FakePublisher(server_->Handle(), "live"));
+    ASSERT_TRUE(publisher_->Offer());
+    publisher_->Start();
+    url_ = "rtsp://127.0.0.1:" + std::to_string(server_->Port()) + "/live";
+  }
+  void TearDown() override {
+    publisher_->Stop();
+    server_.reset();
+  }
+
+  // SETUP over TCP and PLAY; returns the PLAY response.
+  Response Play(Client& c,
+                std::string* session,
+                const std::string& transport = "RTP/AVP/TCP;unicast;interleaved=0-1") {
+    c.Send(c.Request("SETUP", url_ + "/trackID=0", 1, "Transport: " + transport + "\r\n"));
+    Response setup = c.Read();
+    EXPECT_EQ(setup.status, 200);
+    *session = SessionId(setup);
+    c.Send(c.Request("PLAY", url_, 2, "Session: " + *session + "\r\n"));
+    return c.Read();
+  }
+
+  std::unique_ptr<QZRtspServer> server_;
+  std::unique_ptr<FakePublisher> publisher_;
+  std::string url_;
+};
+
+TEST_F(ServerTest, OptionsDescribeSetupPlayTeardown) {
+  Client c(server_->Port());
+  ASSERT_TRUE(c.connected());
+  c.Send(c.Request("OPTIONS", url_, 11));
+  Response options = c.Read();
+  EXPECT_EQ(options.status, 200);
+  EXPECT_EQ(options.headers["CSeq"], "11");
+  for (const char* m : {"OPTIONS", "DESCRIBE", "SETUP", "PLAY", "PAUSE", "TEARDOWN",
+                        "GET_PARAMETER", "SET_PARAMETER"}) {
+    EXPECT_NE(options.headers["Public"].find(m), std::string::npos) << m;
+  }
+  c.Send(c.Request("DESCRIBE", url_, 12));
+  Response describe = c.Read();
+  ASSERT_EQ(describe.status, 200);
+  EXPECT_EQ(describe.headers["Content-Base"], url_ + "/");
+  EXPECT_NE(describe.body.find("sprop-parameter-sets=Z0LAHtoCgA==,aM48gA=="), std::string::npos);
+  EXPECT_NE(describe.body.find("a=rtpmap:8 PCMA/8000"), std::string::npos);
+
+  std::string session;
+  Response play = Play(c, &session);
+  ASSERT_EQ(play.status, 200);
+  EXPECT_NE(play.headers["Session"].find(";timeout=60"), std::string::npos);
+  // RTP-Info names the first packet this client really gets.
+  std::smatch m;
+  const std::string info = play.headers["RTP-Info"];
+  ASSERT_TRUE(std::regex_search(info, m, std::regex("trackID=0;seq=(\\d+);rtptime=(\\d+)")));
+  const int first_seq = std::stoi(m[1]);
+  auto frames = c.Frames(300);
+  // RTCP sender reports (odd channels) come first; the media follows.
+  EXPECT_EQ(frames.front().first, 1);
+  frames.erase(std::remove_if(frames.begin(), frames.end(),
+                              [](const std::pair<uint8_t, std::string>& f) { return f.first % 2; }),
+               frames.end());
+  ASSERT_FALSE(frames.empty());
+  const std::string& first = frames[0].second;
+  EXPECT_EQ(frames[0].first, 0);
+  EXPECT_EQ((static_cast<uint8_t>(first[2]) << 8) | static_cast<uint8_t>(first[3]), first_seq);
+  // It starts at a key frame: a STAP-A with SPS and PPS comes first.
+  EXPECT_EQ(static_cast<uint8_t>(first[12]) & 0x1F, 24);
+  // Only video was set up: no audio channel.
+  for (const auto& f : frames)
+    EXPECT_NE(f.first, 2);
+
+  c.Send(c.Request("TEARDOWN", url_, 3, "Session: " + session + "\r\n"));
+  Response teardown = c.Read();
+  EXPECT_EQ(teardown.status, 200);
+  c.Send(c.Request("PLAY", url_, 4, "Session: " + session + "\r\n"));
+  EXPECT_EQ(c.Read().status, 454);  // the old session id is gone
+}
+
+TEST_F(ServerTest, UdpPlayReceivesRtpOnTheClientPort) {
+  int rtp = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(rtp, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  socklen_t len = sizeof(addr);
+  getsockname(rtp, reinterpret_cast<sockaddr*>(&addr), &len);
+  const int port = ntohs(addr.sin_port);
+  Client c(server_->Port());
+  std::string session;
+  Response play =
+      Play(c, &session,
+           "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1));
+  ASSERT_EQ(play.status, 200);
+  pollfd p{rtp, POLLIN, 0};
+  ASSERT_GT(poll(&p, 1, 2000), 0);
+  uint8_t buf[2048];
+  const ssize_t n = recv(rtp, buf, sizeof(buf), 0);
+  EXPECT_GT(n, 12);
+  EXPECT_EQ(buf[0], 0x80);
+  EXPECT_EQ(buf[1] & 0x7F, 96);
+  close(rtp);
+}
+
+TEST_F(ServerTest, DescribeWaitsForParameterSetsThen503) {
+  FakePublisher bare(server_->Handle(), "bare", /*with_sets=*/false);
+  ASSERT_TRUE(bare.Offer());
+  Client c(server_->Port());
+  const auto start = std::chrono::steady_clock::now();
+  c.Send(c.Request("DESCRIBE", "rtsp://127.0.0.1/bare", 1));
+  Response r = c.Read();
+  EXPECT_EQ(r.status, 503);
+  EXPECT_EQ(r.headers["Retry-After"], "1");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
+  // Sets that arrive during the wait are used at once.
+  c.Send(c.Request("DESCRIBE", "rtsp://127.0.0.1/bare", 2));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  bare.piple()->SetSpsPps(qz_test::kH264Sps.data(), 7, qz_test::kH264Pps.data(), 4);
+  EXPECT_EQ(c.Read().status, 200);
+  bare.Withdraw();
+}
+
+TEST_F(ServerTest, PipesAreRefusedWhenNamesClashOrTheServerIsStopped) {
+  FakePublisher twin(server_->Handle(), "live");
+  EXPECT_FALSE(twin.Offer());
+  EXPECT_EQ(publisher_->piple()->GetRtspURL(), url_);
+  server_->Stop();
+  FakePublisher late(server_->Handle(), "late");
+  EXPECT_FALSE(late.Offer());
+  void* handle = server_->Handle();
+  server_.reset();
+  EXPECT_FALSE(QZRtspServerMgr::Instance()->PostPiple(handle, late.piple()));
+}
+
+TEST_F(ServerTest, WithdrawnStreamClosesItsClients) {
+  Client c(server_->Port());
+  std::string session;
+  ASSERT_EQ(Play(c, &session).status, 200);
+  publisher_->Stop();
+  publisher_->Withdraw();
+  c.Frames(200);
+  EXPECT_EQ(c.Read(2000).status, -1);  // closed
+  Client d(server_->Port());
+  d.Send(d.Request("DESCRIBE", url_, 1));
+  EXPECT_EQ(d.Read().status, 404);
+}
+
+TEST_F(ServerTest, ClientLimitAnswers503) {
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 8; ++i) {
+    clients.emplace_back(new Client(server_->Port()));
+    clients.back()->Send(clients.back()->Request("OPTIONS", url_, 1));
+    ASSERT_EQ(clients.back()->Read().status, 200);
+  }
+  Client extra(server_->Port());
+  extra.Send(extra.Request("OPTIONS", url_, 1));
+  EXPECT_EQ(extra.Read().status, 503);
+  EXPECT_EQ(extra.Read(1000).status, -1);
+  clients.pop_back();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  Client again(server_->Port());
+  again.Send(again.Request("OPTIONS", url_, 1));
+  EXPECT_EQ(again.Read().status, 200);
+}
+
+TEST_F(ServerTest, SessionOfAnotherConnectionIsUnknown) {
+  Client a(server_->Port());
+  std::string session;
+  ASSERT_EQ(Play(a, &session).status, 200);
+  Client b(server_->Port());
+  b.Send(b.Request("PAUSE", url_, 1, "Session: " + session + "\r\n"));
+  EXPECT_EQ(b.Read().status, 454);
+  b.Send(b.Request("TEARDOWN", url_, 2, "Session: " + session + "\r\n"));
+  EXPECT_EQ(b.Read().status, 454);
+  EXPECT_FALSE(a.Frames(200).empty());  // a is untouched
+}
+
+// ---- hostile input -------------------------------------------------------------
+
+struct HostileCase {
+  const char* name;
+  // Requests sent in turn; "{S}" becomes the session id of the last SETUP
+  // and "{U}" the stream URL. Each but the last must answer 200.
+  std::vector<std::string> setup;
+  std::string last;
+  int status;  // of the last; -1: the connection is closed, -2: no answer
+};
+
+std::string Req(const std::string& method, const std::string& url, const std::string& extra = "") {
+  return method + " " + url + " RTSP/1.0\r\nCSeq: 1\r\n" + extra + "\r\n";
+}
+
+const std::string kTcpSetup =
+    Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+
+const HostileCase kHostileCases[] = {
+    {"garbage", {}, std::string("\x01\x02\x03 garbage\r\n\r\n", 16), 400},
+    {"request_line_over_8k",
+     {},
+     "OPTIONS /" + std::string(9000, 'a') + " RTSP/1.0\r\nCSeq: 1\r\n\r\n",
+     400},
+    {"64k_without_line_end", {}, std::string(66 * 1024, 'x'), 400},
+    {"missing_cseq", {}, "OPTIONS {U} RTSP/1.0\r\n\r\n", 400},
+    {"repeated_cseq", {}, "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\nCSeq: 2\r\n\r\n", 400},
+    {"negative_content_length",
+     {},
+     "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\nContent-Length: -1\r\n\r\n",
+     400},
+    {"huge_content_length",
+     {},
+     "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 4294967296\r\n\r\n",
+     400},
+    {"content_length_longer_than_sent",
+     {},
+     "SET_PARAMETER {U} RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 100\r\n\r\nshort",
+     -2},
+    {"rtsp_2", {}, "OPTIONS {U} RTSP/2.0\r\nCSeq: 1\r\n\r\n", 505},
+    {"unknown_method", {}, Req("BREW", "{U}"), 501},
+    {"announce", {}, Req("ANNOUNCE", "{U}"), 405},
+    {"describe_unknown_stream", {}, Req("DESCRIBE", "rtsp://127.0.0.1/nope"), 404},
+    {"setup_unknown_stream",
+     {},
+     Req("SETUP", "rtsp://127.0.0.1/nope/trackID=0", "Transport: RTP/AVP/TCP\r\n"),
+     404},
+    {"setup_unknown_track", {}, Req("SETUP", "{U}/trackID=9", "Transport: RTP/AVP/TCP\r\n"), 404},
+    {"setup_without_transport", {}, Req("SETUP", "{U}/trackID=0"), 461},
+    {"unsupported_transport",
+     {},
+     Req("SETUP", "{U}/trackID=0", "Transport: RAW/RAW/UDP;client_port=5000-5001\r\n"),
+     461},
+    {"client_port_zero",
+     {},
+     Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-0\r\n"),
+     461},
+    {"client_port_out_of_range",
+     {},
+     Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP;unicast;client_port=65536-65537\r\n"),
+     461},
+    {"destination_elsewhere",
+     {},
+     Req("SETUP",
+         "{U}/trackID=0",
+         "Transport: RTP/AVP;unicast;destination=198.51.100.7;client_port=5000-5001\r\n"),
+     461},
+    {"multicast", {}, Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP;multicast\r\n"), 461},
+    {"play_without_session", {}, Req("PLAY", "{U}"), 454},
+    {"play_unknown_session", {}, Req("PLAY", "{U}", "Session: 0123456789ABCDEF\r\n"), 454},
+    {"keepalive_unknown_session", {}, Req("GET_PARAMETER", "{U}", "Session: FFFF\r\n"), 454},
+    {"setup_twice_on_one_track",
+     {kTcpSetup},
+     Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
+     455},
+    {"setup_after_play",
+     {kTcpSetup, Req("PLAY", "{U}", "Session: {S}\r\n")},
+     Req("SETUP", "{U}/trackID=1", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
+     455},
+    {"teardown_then_reuse",
+     {kTcpSetup, Req("TEARDOWN", "{U}", "Session: {S}\r\n")},
+     Req("PLAY", "{U}", "Session: {S}\r\n"),
+     454},
+    {"interleaved_unknown_channel_then_options",
+     {},
+     std::string("$\x09\x00\x02zz", 6) + Req("OPTIONS", "{U}"),
+     200},
+    {"interleaved_zero_length_then_options",
+     {},
+     std::string("$\x01\x00\x00", 4) + Req("OPTIONS", "{U}"),
+     200},
+    {"interleaved_longer_than_sent",
+     {},
+     std::string("$\x00\xff\xff"
+                 "abc",
+                 7),
+     -2},
+    {"pause_in_init_state", {}, Req("PAUSE", "{U}", "Session: {S}\r\n"), 454},
+};
+
+class HostileInputTest : public ServerTest, public ::testing::WithParamInterface<HostileCase> {};
+
+TEST_P(HostileInputTest, AnsweredAndNobodyElseHarmed) {
+  const HostileCase& c = GetParam();
+  // A well-behaved viewer playing the whole time.
+  Client viewer(server_->Port());
+  std::string viewer_session;
+  ASSERT_EQ(Play(viewer, &viewer_session).status, 200);
+  ASSERT_FALSE(viewer.Frames(100).empty());
+
+  auto expand = [this](std::string s, const std::string& session) {
+    for (size_t at; (at = s.find("{U}")) != std::string::npos;)
+      s.replace(at, 3, url_);
+    for (size_t at; (at = s.find("{S}")) != std::string::npos;)
+      s.replace(at, 3, session);
+    return s;
+  };
+  Client hostile(server_->Port());
+  std::string session;
+  for (const std::string& step : c.setup) {
+    hostile.Send(expand(step, session));
+    Response r = hostile.Read();
+    ASSERT_EQ(r.status, 200) << "setup step of " << c.name;
+    if (!SessionId(r).empty())
+      session = SessionId(r);
+  }
+  hostile.Send(expand(c.last, session));
+  Response r = hostile.Read(c.status == -2 ? 500 : 3000);
+  EXPECT_EQ(r.status, c.status);
+  if (c.status == 400) {
+    EXPECT_EQ(hostile.Read(2000).status, -1) << "a malformed request closes the connection";
+  }
+  // The viewer keeps getting media.
+  EXPECT_FALSE(viewer.Frames(300).empty()) << c.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table,
+                         HostileInputTest,
+                         ::testing::ValuesIn(kHostileCases),
+                         [](const ::testing::TestParamInfo<HostileCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+TEST_F(ServerTest, PipelinedAndByteAtATimeRequests) {
+  Client c(server_->Port());
+  c.Send(c.Request("OPTIONS", url_, 1) + c.Request("OPTIONS", url_, 2) +
+         c.Request("GET_PARAMETER", url_, 3));
+  for (const char* cseq : {"1", "2", "3"}) {
+    Response r = c.Read();
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.headers["CSeq"], cseq);
+  }
+  const std::string slow = c.Request("OPTIONS", url_, 4);
+  for (char ch : slow) {
+    c.Send(std::string(1, ch));
+  }
+  EXPECT_EQ(c.Read().headers["CSeq"], "4");
+}
+
+TEST_F(ServerTest, ClientResetMidPlayFreesItsSession) {
+  for (int i = 0; i < 5; ++i) {
+    auto c = std::make_unique<Client>(server_->Port());
+    std::string session;
+    ASSERT_EQ(Play(*c, &session).status, 200);
+    c->Frames(50);
+    c.reset();  // closes with unread data: a reset
+  }
+  ASSERT_TRUE(qz_test::WaitFor([this] { return server_->GetStats().sessions == 0; }));
+  EXPECT_EQ(server_->GetStats().connections, 0);
+}
+
+}  // namespace
+}  // namespace qz_rtsp_internal_server
