@@ -436,6 +436,7 @@ void QZRtspServer::Impl::Pump(RtspSession& session) {
   if (session.waiting_key) {
     return;
   }
+  SendFirstReports(session);
   if (session.HasTcpTrack()) {
     if (auto connection = session.connection.lock()) {
       connection->KickWrite();
@@ -487,11 +488,40 @@ void QZRtspServer::Impl::SendSenderReports(RtspSession& session, long long now_m
     if (!track.setup || (!force && now - track.last_sr_ms < kSenderReportIntervalMs)) {
       continue;
     }
-    const std::vector<uint8_t> report = session.stream->SenderReport(static_cast<int>(t));
+    // The first report of a PLAY describes the first packet the client gets.
+    const std::vector<uint8_t> report =
+        session.stream->SenderReport(static_cast<int>(t), force ? &session.read_index : nullptr);
     if (report.empty()) {
       continue;
     }
     track.last_sr_ms = now;
+    if (track.tcp) {
+      if (connection) {
+        connection->SendInterleaved(static_cast<uint8_t>(t * 2 + 1), report);
+      }
+    } else {
+      SendUdp(session, static_cast<int>(t), report.data(), report.size(), true);
+    }
+  }
+}
+
+// A track whose first packet is about to reach the client gets its sender
+// report first, anchored at that packet: clients such as FFmpeg time a track
+// by its own first packet until a report arrives and re-anchor on it, so a
+// report that came only seconds later would make their clock jump.
+void QZRtspServer::Impl::SendFirstReports(RtspSession& session) {
+  auto connection = session.connection.lock();
+  for (size_t t = 0; t < session.tracks.size(); ++t) {
+    RtspSessionTrack& track = session.tracks[t];
+    if (!track.setup || track.last_sr_ms != 0) {
+      continue;
+    }
+    const std::vector<uint8_t> report =
+        session.stream->SenderReport(static_cast<int>(t), &session.read_index);
+    if (report.empty()) {
+      continue;
+    }
+    track.last_sr_ms = NowMs();
     if (track.tcp) {
       if (connection) {
         connection->SendInterleaved(static_cast<uint8_t>(t * 2 + 1), report);

@@ -53,6 +53,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   void Pump(RtspSession& session);
   void SendUdp(RtspSession& session, int track, const uint8_t* data, size_t size, bool rtcp);
   void SendSenderReports(RtspSession& session, long long now_ms);
+  void SendFirstReports(RtspSession& session);
   // Moves a session's read position on when the ring dropped what it needed.
   void Resync(RtspSession& session);
   long long NowMs() const;

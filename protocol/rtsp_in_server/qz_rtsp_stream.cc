@@ -265,19 +265,30 @@ bool RtspStream::FirstPacketOf(int track, uint64_t from, uint16_t& seq, uint32_t
   return false;
 }
 
-std::vector<uint8_t> RtspStream::SenderReport(int track) const {
+std::vector<uint8_t> RtspStream::SenderReport(int track, const uint64_t* from) const {
   if (track < 0 || track >= static_cast<int>(writers_.size()) || !writers_[track] ||
       !writers_[track]->has_sent() || !has_time_base_) {
     return {};
   }
   const RtpTrackWriter& w = *writers_[track];
+  uint32_t rtp_time = w.last_rtp_time();
+  long long record_ms = w.last_record_ms();
+  if (from != nullptr) {
+    for (uint64_t i = std::max(*from, begin_index()); i < end_index(); ++i) {
+      const RtpPacket& p = *At(i);
+      if (p.track == track) {
+        rtp_time = p.rtp_time;
+        record_ms = p.record_ms;
+        break;
+      }
+    }
+  }
   // Both tracks map record time to wall clock through the same base, which
   // is what lets a client line audio up with video.
   const unsigned long long ntp_us =
-      wall_base_us_ +
-      static_cast<unsigned long long>(w.last_record_ms() - record_base_ms_) * 1000ULL;
-  return BuildRtcpSenderReport(w.ssrc(), ntp_us, w.last_rtp_time(), w.packet_count(),
-                               w.octet_count(), "qz-rtsp@" + name_);
+      wall_base_us_ + static_cast<unsigned long long>(record_ms - record_base_ms_) * 1000ULL;
+  return BuildRtcpSenderReport(w.ssrc(), ntp_us, rtp_time, w.packet_count(), w.octet_count(),
+                               "qz-rtsp@" + name_);
 }
 
 }  // namespace qz_rtsp_internal_server

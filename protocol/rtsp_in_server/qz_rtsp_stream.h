@@ -74,8 +74,12 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   // `from`; false when the ring holds none yet.
   bool FirstPacketOf(int track, uint64_t from, uint16_t& seq, uint32_t& rtp_time) const;
 
-  // RTCP SR of `track` for the newest packet sent on it; empty before any.
-  std::vector<uint8_t> SenderReport(int track) const;
+  // RTCP SR of `track` for the newest packet sent on it, or, when `from` is
+  // given, for the first packet of the track at or after ring index `from`
+  // (what a client that starts there gets first: anchoring it there keeps a
+  // client's clock from jumping when its first cached packets are older than
+  // the live edge). Empty before any packet.
+  std::vector<uint8_t> SenderReport(int track, const uint64_t* from = nullptr) const;
 
   // Network thread: sessions that read from this stream.
   void AddSession(RtspSession* session) { sessions_.insert(session); }

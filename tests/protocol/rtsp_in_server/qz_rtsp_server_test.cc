@@ -299,6 +299,30 @@ TEST_F(ServerTest, OptionsDescribeSetupPlayTeardown) {
   EXPECT_EQ(c.Read().status, 454);  // the old session id is gone
 }
 
+// Regression: a viewer that joined before the first video key frame got the
+// video sender report only with the periodic ones, seconds later, and
+// FFmpeg's clock jumped by the audio/video offset when it arrived. The
+// report must come before the first video packet.
+TEST_F(ServerTest, VideoReportPrecedesFirstVideoPacketForEarlyViewers) {
+  FakePublisher late(server_->Handle(), "late");
+  ASSERT_TRUE(late.Offer());
+  Client c(server_->Port());
+  c.Send(c.Request("SETUP", "rtsp://127.0.0.1/late/trackID=0", 1,
+                   "Transport: RTP/AVP/TCP;interleaved=0-1\r\n"));
+  const std::string session = SessionId(c.Read());
+  c.Send(c.Request("PLAY", "rtsp://127.0.0.1/late", 2, "Session: " + session + "\r\n"));
+  Response play = c.Read();
+  ASSERT_EQ(play.status, 200);
+  EXPECT_EQ(play.headers.count("RTP-Info"), 0u);  // nothing to name yet
+  late.Start();
+  const auto frames = c.Frames(500);
+  ASSERT_FALSE(frames.empty());
+  EXPECT_EQ(frames[0].first, 1) << "the video report comes first";
+  EXPECT_EQ(static_cast<uint8_t>(frames[0].second[1]), 200);  // RTCP SR
+  late.Stop();
+  late.Withdraw();
+}
+
 TEST_F(ServerTest, UdpPlayReceivesRtpOnTheClientPort) {
   int rtp = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in addr{};
@@ -554,6 +578,48 @@ TEST_F(ServerTest, PipelinedAndByteAtATimeRequests) {
     c.Send(std::string(1, ch));
   }
   EXPECT_EQ(c.Read().headers["CSeq"], "4");
+}
+
+// A TCP viewer that stops reading holds nothing up: the others keep their
+// media, and when it reads again it resumes at a key frame.
+TEST_F(ServerTest, ClientThatStopsReadingHarmsNobody) {
+  Client stalled(server_->Port());
+  std::string stalled_session;
+  ASSERT_EQ(Play(stalled, &stalled_session).status, 200);
+  Client viewer(server_->Port());
+  std::string session;
+  ASSERT_EQ(Play(viewer, &session).status, 200);
+  size_t received = 0;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  while (std::chrono::steady_clock::now() < until) {
+    received += viewer.Frames(100).size();
+  }
+  EXPECT_GT(received, 300u);  // about 170 video and 100 audio packets a second
+  auto frames = stalled.Frames(1000);
+  ASSERT_FALSE(frames.empty());
+  EXPECT_EQ(server_->GetStats().sessions, 2);
+}
+
+TEST_F(ServerTest, SilentUdpSessionExpires) {
+  publisher_->Stop();
+  server_.reset();
+  QZRtspServerOptions options;
+  options.port = 0;
+  options.session_timeout_s = 1;
+  server_.reset(new QZRtspServer(options));
+  ASSERT_TRUE(server_->Start());
+  publisher_.reset(new FakePublisher(server_->Handle(), "live"));
+  ASSERT_TRUE(publisher_->Offer());
+  publisher_->Start();
+  url_ = "rtsp://127.0.0.1:" + std::to_string(server_->Port()) + "/live";
+  Client c(server_->Port());
+  std::string session;
+  ASSERT_EQ(Play(c, &session, "RTP/AVP;unicast;client_port=40000-40001").status, 200);
+  // No receiver reports and no requests: gone after the timeout.
+  ASSERT_TRUE(qz_test::WaitFor([this] { return server_->GetStats().sessions == 0; },
+                               std::chrono::milliseconds(4000)));
+  c.Send(c.Request("GET_PARAMETER", url_, 9, "Session: " + session + "\r\n"));
+  EXPECT_EQ(c.Read().status, 454);
 }
 
 TEST_F(ServerTest, ClientResetMidPlayFreesItsSession) {
