@@ -396,5 +396,21 @@ TEST_F(QueueTest, AfterAHeavyDropNonKeyVideoWaitsForAKeyFrame) {
   EXPECT_EQ(low_->audio()[0].record->time_stamp_, 3700u);
 }
 
+#ifdef NDEBUG
+// Without assertions a packet of neither media type is dropped by the send
+// loop and never reaches a send path.
+TEST_F(QueueTest, PacketOfNeitherKindIsDroppedWithoutAssertions) {
+  RtspSinker& sinker = MakeSinker(false, true, {Handle(0x1000)});
+  sinker.PushPacket(MakeVideo(0, true));
+  sinker.PushPacket(MakePacket(QZMediaPacket::MediaTypeUnKnown, QZ_MEDIA_CODEC_ID_H264,
+                               AnnexB({kH264Slice}), false, 40));
+  sinker.PushPacket(MakeVideo(80, false));
+  ASSERT_TRUE(sinker.Start());
+  ASSERT_TRUE(WaitFor([&] { return low_->video().size() == 2; }));
+  sinker.Stop();
+  EXPECT_EQ(low_->video()[1].record->time_stamp_, 80u);
+}
+#endif
+
 }  // namespace
 }  // namespace qz_test
