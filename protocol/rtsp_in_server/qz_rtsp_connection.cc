@@ -432,11 +432,12 @@ void RtspConnection::HandlePlay(RtspSession& session,
   const bool video_setup = stream.has_video() && session.tracks[0].setup;
   session.waiting_key = false;
   if (video_setup) {
-    if (stream.has_key_frame()) {
+    if (stream.has_key_frame() && server_.options().gop_cache) {
       session.read_index = stream.last_key_index();
     } else {
       session.read_index = stream.end_index();
       session.waiting_key = true;
+      server_.RequestKeyFrame(stream);
     }
   } else {
     session.read_index = stream.end_index();

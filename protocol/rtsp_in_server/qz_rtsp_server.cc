@@ -267,6 +267,7 @@ bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& p
     }
     RtspStreamLimits limits;
     limits.max_payload = options_.rtp_payload_size;
+    limits.keep_gop = options_.gop_cache;
     stream = std::make_shared<RtspStream>(piple, gate_, limits, static_cast<uint32_t>(rng_()));
     stream->set_on_packets([this](RtspStream& s) { OnStreamPackets(s); });
     streams_[name] = stream;
@@ -293,7 +294,7 @@ void QZRtspServer::Impl::WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>&
   }
   stream->Detach();
   // The stream is gone: its clients are disconnected, as after a TEARDOWN.
-  gate_->Post([this, stream] {
+  gate_->Post([stream] {
     std::vector<std::shared_ptr<RtspConnection>> to_close;
     for (RtspSession* session : stream->sessions()) {
       if (auto connection = session->connection.lock()) {
@@ -425,6 +426,9 @@ void QZRtspServer::Impl::Resync(RtspSession& session) {
       session.read_index = stream.end_index();
       session.waiting_key = stream.has_video() && session.tracks[0].setup;
     }
+    if (stream.has_video()) {
+      RequestKeyFrame(stream);
+    }
   }
 }
 
@@ -503,6 +507,15 @@ void QZRtspServer::Impl::SendSenderReports(RtspSession& session, long long now_m
       SendUdp(session, static_cast<int>(t), report.data(), report.size(), true);
     }
   }
+}
+
+void QZRtspServer::Impl::RequestKeyFrame(RtspStream& stream) {
+  const long long now = NowMs();
+  if (!options_.on_key_frame_request || now - stream.last_key_request_ms < 1000) {
+    return;
+  }
+  stream.last_key_request_ms = now;
+  options_.on_key_frame_request(stream.name());
 }
 
 // A track whose first packet is about to reach the client gets its sender

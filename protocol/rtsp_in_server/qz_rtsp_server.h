@@ -13,6 +13,7 @@
 #define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_SERVER_H_
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -34,6 +35,15 @@ struct QZRtspServerOptions {
   int idle_timeout_s = 30;
   // How long DESCRIBE waits for parameter sets before answering 503.
   int describe_wait_ms = 3000;
+  // Keep each stream's packets from the latest key frame on, so that a new
+  // viewer gets a picture at once. Off: new viewers wait for the next key
+  // frame.
+  bool gop_cache = true;
+  // Called when a viewer waits for a key frame: it joined and none is held,
+  // or it fell behind and was cut back to one. An app asks its video encoder
+  // for an IDR picture here. At most once a second per stream; runs on the
+  // server's network thread and must return quickly. May be empty.
+  std::function<void(const std::string& stream_name)> on_key_frame_request;
 };
 
 struct QZRtspServerStats {

@@ -54,6 +54,8 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   void SendUdp(RtspSession& session, int track, const uint8_t* data, size_t size, bool rtcp);
   void SendSenderReports(RtspSession& session, long long now_ms);
   void SendFirstReports(RtspSession& session);
+  // Asks the application for a key frame, at most once a second per stream.
+  void RequestKeyFrame(RtspStream& stream);
   // Moves a session's read position on when the ring dropped what it needed.
   void Resync(RtspSession& session);
   long long NowMs() const;

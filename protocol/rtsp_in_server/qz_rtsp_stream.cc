@@ -223,10 +223,11 @@ void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
 // not read yet, within the byte and age bounds. A client whose position falls
 // out of the ring is moved on by the server (to the latest key frame).
 void RtspStream::Evict() {
-  uint64_t keep_from = has_key_ ? last_key_index_ : end_index();
+  uint64_t keep_from = has_key_ && limits_.keep_gop ? last_key_index_ : end_index();
   for (RtspSession* session : sessions_) {
-    if (session->state == RtspSession::State::kPlaying && !session->waiting_key &&
-        session->read_index < keep_from) {
+    // Sessions waiting for a key frame hold what arrives after their join
+    // point, so that the key frame is still there when they look for it.
+    if (session->state == RtspSession::State::kPlaying && session->read_index < keep_from) {
       keep_from = session->read_index;
     }
   }
@@ -237,7 +238,7 @@ void RtspStream::Evict() {
     const bool over_bytes = ring_bytes_ > limits_.max_ring_bytes;
     const bool too_old = now - front.arrival_ms > limits_.max_ring_age_ms;
     // The latest key frame's GOP is never evicted for age, only for size.
-    const bool in_cache = has_key_ && base_index_ >= last_key_index_;
+    const bool in_cache = limits_.keep_gop && has_key_ && base_index_ >= last_key_index_;
     if (needed && !over_bytes && !(too_old && !in_cache)) {
       break;
     }

@@ -41,6 +41,8 @@ struct RtspStreamLimits {
   size_t max_payload = 1400;
   size_t max_ring_bytes = 8 * 1024 * 1024;
   long long max_ring_age_ms = 4000;
+  // Hold the latest key frame's GOP for viewers that join.
+  bool keep_gop = true;
 };
 
 class RtspStream : public std::enable_shared_from_this<RtspStream> {
@@ -89,6 +91,8 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   void set_on_packets(std::function<void(RtspStream&)> f) { on_packets_ = std::move(f); }
 
   unsigned long long packets_built() const { return packets_built_; }
+  // Rate limit of key-frame requests: network thread only.
+  long long last_key_request_ms = -1000000;
 
   // Network thread: handle one record (exposed for tests).
   void OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record);

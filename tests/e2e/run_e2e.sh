@@ -122,7 +122,7 @@ expect_frame_rate() {
   local fps=$1
   timeout 30 ffprobe -v error -rtsp_transport tcp -read_intervals %+6 -select_streams v \
     -show_frames -show_entries frame=pts_time -of csv=p=0 "$URL" 2>/dev/null \
-    | grep -E '^[0-9]+(\.[0-9]+)?$' > "$WORK/pts.txt"
+    | cut -d, -f1 | grep -E '^[0-9]+(\.[0-9]+)?$' > "$WORK/pts.txt"
   local measured
   measured=$(awk 'NR==1{first=$1} {last=$1; n++} END{ if (n > 1 && last > first) printf "%.2f", (n-1)/(last-first); else print 0 }' "$WORK/pts.txt")
   if awk -v m="$measured" -v f="$fps" 'BEGIN{ exit !(m >= f*0.95 && m <= f*1.05) }'; then

@@ -64,6 +64,12 @@ int main(int argc, char** argv) {
     QZRtspServerOptions server_options;
     server_options.port = static_cast<uint16_t>(options.port == 0 ? 0 : options.port + i);
     server_options.bind_address = options.bind;
+    // A viewer waiting for a key frame gets one from the encoder at once
+    // rather than at the end of the current GOP.
+    qz_tools::MediaSource* video_source = source.get();
+    server_options.on_key_frame_request = [video_source](const std::string&) {
+      video_source->RequestKeyFrame();
+    };
     std::unique_ptr<QZRtspServer> server(new QZRtspServer(server_options));
     if (!server->Start()) {
       std::fprintf(stderr, "qz_rtsp_publish: cannot listen on port %d\n", server_options.port);

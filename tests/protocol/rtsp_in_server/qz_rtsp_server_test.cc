@@ -323,6 +323,39 @@ TEST_F(ServerTest, VideoReportPrecedesFirstVideoPacketForEarlyViewers) {
   late.Withdraw();
 }
 
+TEST_F(ServerTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
+  publisher_->Stop();
+  server_.reset();
+  std::atomic<int> requests{0};
+  QZRtspServerOptions options;
+  options.port = 0;
+  options.gop_cache = false;
+  options.on_key_frame_request = [&requests](const std::string& name) {
+    EXPECT_EQ(name, "live");
+    ++requests;
+  };
+  server_.reset(new QZRtspServer(options));
+  ASSERT_TRUE(server_->Start());
+  publisher_.reset(new FakePublisher(server_->Handle(), "live"));
+  ASSERT_TRUE(publisher_->Offer());
+  publisher_->Start();
+  url_ = "rtsp://127.0.0.1:" + std::to_string(server_->Port()) + "/live";
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));  // a key frame is held by now
+  Client a(server_->Port()), b(server_->Port());
+  std::string sa, sb;
+  ASSERT_EQ(Play(a, &sa).status, 200);
+  ASSERT_EQ(Play(b, &sb).status, 200);
+  EXPECT_EQ(requests.load(), 1);  // two joins within a second: one request
+  auto frames = a.Frames(300);
+  frames.erase(std::remove_if(frames.begin(), frames.end(),
+                              [](const std::pair<uint8_t, std::string>& f) { return f.first % 2; }),
+               frames.end());
+  ASSERT_FALSE(frames.empty());
+  // The first media packet is the start of a key frame: a STAP-A with the
+  // parameter sets.
+  EXPECT_EQ(static_cast<uint8_t>(frames[0].second[12]) & 0x1F, 24);
+}
+
 TEST_F(ServerTest, UdpPlayReceivesRtpOnTheClientPort) {
   int rtp = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in addr{};
