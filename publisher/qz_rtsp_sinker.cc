@@ -26,17 +26,9 @@ RtspSinker::RtspSinker(QZ_NAMESPACE::EventMgr* event_mgr,
   assert(!stream_name_.empty());
   is_recv_audio_ = false;
   is_recv_video_ = false;
-  is_send_first_frame_ = true;
-  send_first_frame_timestamp_ = 0;
-  is_first_audio_ = true;
-  first_audio_time_ = 0;
-  is_first_video_ = true;
-  first_video_time_ = 0;
-  is_setting_video_vps_sps_pps_ = false;
-  is_setting_audio_spec_config_ = false;
+  ResetSessionState();
   sample_rate_ = 44100;
   channels_ = 2;
-  is_no_complete_video_packet_drop_ = false;
   video_kbitrate_ = 0;
   setting_init_auido_packet_time_ = 0;
   setting_init_video_packet_time_ = 0;

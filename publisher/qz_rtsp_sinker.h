@@ -91,6 +91,7 @@ class RtspSinker : public MediaSinker {
   void SleepDropPacket(int sleepCount);
 
   // Session and codec configuration.
+  void ResetSessionState();
   bool InitRtsp();
   void UnInitRtsp();
   void SetSpsPps(const std::vector<unsigned char>& sps, const std::vector<unsigned char>& pps);

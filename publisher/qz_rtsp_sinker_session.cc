@@ -17,7 +17,9 @@ using qz_utility::LogLine;
 
 }  // namespace
 
-bool RtspSinker::InitRtsp() {
+// The state that belongs to one set of pipes: time origin, first-frame
+// gates, configuration flags and the drop flag.
+void RtspSinker::ResetSessionState() {
   is_setting_video_vps_sps_pps_ = false;
   is_setting_audio_spec_config_ = false;
   is_no_complete_video_packet_drop_ = false;
@@ -27,6 +29,10 @@ bool RtspSinker::InitRtsp() {
   first_audio_time_ = 0;
   is_first_video_ = true;
   first_video_time_ = 0;
+}
+
+bool RtspSinker::InitRtsp() {
+  ResetSessionState();
 
   handle_2_piple_.clear();
   if (stream_name_.empty()) {

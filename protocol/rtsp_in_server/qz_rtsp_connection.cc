@@ -305,14 +305,24 @@ void RtspConnection::OnRequest(const RtspRequest& request) {
   Reply(501, cseq);
 }
 
-void RtspConnection::HandleDescribe(const RtspRequest& request,
-                                    const std::string& cseq,
-                                    int waited_ms) {
-  std::string name, control;
+std::shared_ptr<RtspStream> RtspConnection::StreamOf(const RtspRequest& request,
+                                                     const std::string& cseq,
+                                                     std::string& name,
+                                                     std::string& control) {
   SplitPath(UrlPath(request.uri), name, control);
   std::shared_ptr<RtspStream> stream = server_.FindStream(name);
   if (!stream) {
     Reply(404, cseq);
+  }
+  return stream;
+}
+
+void RtspConnection::HandleDescribe(const RtspRequest& request,
+                                    const std::string& cseq,
+                                    int waited_ms) {
+  std::string name, control;
+  std::shared_ptr<RtspStream> stream = StreamOf(request, cseq, name, control);
+  if (!stream) {
     return;
   }
   if (!stream->piple()->IsHasAVConfig()) {
@@ -352,10 +362,8 @@ void RtspConnection::HandleSetup(const RtspRequest& request, const std::string& 
     return;
   }
   std::string name, control;
-  SplitPath(UrlPath(request.uri), name, control);
-  std::shared_ptr<RtspStream> stream = server_.FindStream(name);
+  std::shared_ptr<RtspStream> stream = StreamOf(request, cseq, name, control);
   if (!stream) {
-    Reply(404, cseq);
     return;
   }
   int track = -1;

@@ -21,6 +21,7 @@
 namespace qz_rtsp_internal_server {
 
 struct RtspSession;
+class RtspStream;
 
 class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
  public:
@@ -56,6 +57,11 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   void HandleSetup(const RtspRequest& request, const std::string& cseq);
   void HandlePlay(RtspSession& session, const RtspRequest& request, const std::string& cseq);
   std::shared_ptr<RtspSession> SessionOf(const RtspRequest& request, bool* unknown);
+  // The stream named by the request's URL; answers 404 when there is none.
+  std::shared_ptr<RtspStream> StreamOf(const RtspRequest& request,
+                                       const std::string& cseq,
+                                       std::string& name,
+                                       std::string& control);
   std::string BaseUrl(const RtspRequest& request, const std::string& stream) const;
   bool GatherMedia(std::vector<asio::const_buffer>& buffers);
 

@@ -50,33 +50,16 @@ void RtspIoGate::Close() {
 
 // The consumers run on the publisher's send thread: they only hand the
 // record to the network thread, never touching the stream there.
-class RtspStream::VideoConsumer : public QZRtspVideoSinker {
+template <class Record, void (RtspStream::*Handle)(const std::shared_ptr<Record>&)>
+class RtspStream::Consumer : public QZRtspPacketSinkerImpl<Record> {
  public:
-  VideoConsumer(std::weak_ptr<RtspStream> stream, std::shared_ptr<RtspIoGate> gate)
+  Consumer(std::weak_ptr<RtspStream> stream, std::shared_ptr<RtspIoGate> gate)
       : stream_(std::move(stream)), gate_(std::move(gate)) {}
-  void OnRtspPacket(const std::shared_ptr<QZRtspVideoPacket>& packet) override {
+  void OnRtspPacket(const std::shared_ptr<Record>& packet) override {
     std::weak_ptr<RtspStream> stream = stream_;
     gate_->Post([stream, packet] {
       if (auto s = stream.lock()) {
-        s->OnVideo(packet);
-      }
-    });
-  }
-
- private:
-  std::weak_ptr<RtspStream> stream_;
-  std::shared_ptr<RtspIoGate> gate_;
-};
-
-class RtspStream::AudioConsumer : public QZRtspAudioSinker {
- public:
-  AudioConsumer(std::weak_ptr<RtspStream> stream, std::shared_ptr<RtspIoGate> gate)
-      : stream_(std::move(stream)), gate_(std::move(gate)) {}
-  void OnRtspPacket(const std::shared_ptr<QZRtspAudioPacket>& packet) override {
-    std::weak_ptr<RtspStream> stream = stream_;
-    gate_->Post([stream, packet] {
-      if (auto s = stream.lock()) {
-        s->OnAudio(packet);
+        ((*s).*Handle)(packet);
       }
     });
   }

@@ -99,8 +99,10 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   void OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record);
 
  private:
-  class VideoConsumer;
-  class AudioConsumer;
+  template <class Record, void (RtspStream::*Handle)(const std::shared_ptr<Record>&)>
+  class Consumer;
+  using VideoConsumer = Consumer<QZRtspVideoPacket, &RtspStream::OnVideo>;
+  using AudioConsumer = Consumer<QZRtspAudioPacket, &RtspStream::OnAudio>;
 
   void Append(std::vector<std::shared_ptr<RtpPacket>>& packets);
   void Evict();
