@@ -33,6 +33,7 @@ for config in $CONFIGS; do
       ;;
     asan)
       ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+        LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp" \
         configure_and_test asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
         -DCMAKE_CXX_COMPILER=clang++ -DQZ_SANITIZE=address -DQZ_BUILD_BENCH=OFF
       ;;

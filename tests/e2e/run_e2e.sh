@@ -191,12 +191,15 @@ case "$CASE" in
     stop_publisher
     ;;
   two_clients)
-    # Two viewers at once; one leaves mid-stream, the other keeps playing.
-    start_publisher --size 320x240
+    # Two servers in one process serve the stream; two viewers at once, one
+    # on each; one leaves mid-stream, the other keeps playing.
+    start_publisher --size 320x240 --servers 2
     sleep 1
+    URL2=$(grep '^rtsp://' "$WORK/pub.out" | sed -n 2p | sed -E 's#^rtsp://[^/]+:([0-9]+)/#rtsp://127.0.0.1:\1/#')
+    [ -n "$URL2" ] && [ "$URL2" != "$URL" ] && pass "second server at $URL2" || fail "no second server URL"
     timeout 30 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -t 8 -f null - > "$WORK/a.log" 2>&1 &
     A=$!
-    timeout 30 ffmpeg -nostdin -v error -rtsp_transport udp -i "$URL" -t 30 -f null - > "$WORK/b.log" 2>&1 &
+    timeout 30 ffmpeg -nostdin -v error -rtsp_transport udp -i "$URL2" -t 30 -f null - > "$WORK/b.log" 2>&1 &
     B=$!
     sleep 3
     kill -KILL "$B"

@@ -216,10 +216,19 @@ class ServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     QZRtspServerOptions options;
-    options.port = 0;
     options.url_host = "127.0.0.1";
     options.describe_wait_ms = 300;
     options.max_clients = 8;
+    Restart(options);
+  }
+
+  // A fresh server on a free port, publishing "live".
+  void Restart(QZRtspServerOptions options) {
+    if (publisher_) {
+      publisher_->Stop();
+    }
+    server_.reset();
+    options.port = 0;
     server_.reset(new QZRtspServer(options));
     ASSERT_TRUE(server_->Start());
     publisher_.reset(new FakePublisher(server_->Handle(), "live"));
@@ -324,28 +333,21 @@ TEST_F(ServerTest, VideoReportPrecedesFirstVideoPacketForEarlyViewers) {
 }
 
 TEST_F(ServerTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
-  publisher_->Stop();
-  server_.reset();
-  std::atomic<int> requests{0};
+  // Shared: the server may call back until TearDown destroys it.
+  auto requests = std::make_shared<std::atomic<int>>(0);
   QZRtspServerOptions options;
-  options.port = 0;
   options.gop_cache = false;
-  options.on_key_frame_request = [&requests](const std::string& name) {
+  options.on_key_frame_request = [requests](const std::string& name) {
     EXPECT_EQ(name, "live");
-    ++requests;
+    ++*requests;
   };
-  server_.reset(new QZRtspServer(options));
-  ASSERT_TRUE(server_->Start());
-  publisher_.reset(new FakePublisher(server_->Handle(), "live"));
-  ASSERT_TRUE(publisher_->Offer());
-  publisher_->Start();
-  url_ = "rtsp://127.0.0.1:" + std::to_string(server_->Port()) + "/live";
+  Restart(options);
   std::this_thread::sleep_for(std::chrono::milliseconds(150));  // a key frame is held by now
   Client a(server_->Port()), b(server_->Port());
   std::string sa, sb;
   ASSERT_EQ(Play(a, &sa).status, 200);
   ASSERT_EQ(Play(b, &sb).status, 200);
-  EXPECT_EQ(requests.load(), 1);  // two joins within a second: one request
+  EXPECT_EQ(requests->load(), 1);  // two joins within a second: one request
   auto frames = a.Frames(300);
   frames.erase(std::remove_if(frames.begin(), frames.end(),
                               [](const std::pair<uint8_t, std::string>& f) { return f.first % 2; }),
@@ -634,17 +636,9 @@ TEST_F(ServerTest, ClientThatStopsReadingHarmsNobody) {
 }
 
 TEST_F(ServerTest, SilentUdpSessionExpires) {
-  publisher_->Stop();
-  server_.reset();
   QZRtspServerOptions options;
-  options.port = 0;
   options.session_timeout_s = 1;
-  server_.reset(new QZRtspServer(options));
-  ASSERT_TRUE(server_->Start());
-  publisher_.reset(new FakePublisher(server_->Handle(), "live"));
-  ASSERT_TRUE(publisher_->Offer());
-  publisher_->Start();
-  url_ = "rtsp://127.0.0.1:" + std::to_string(server_->Port()) + "/live";
+  Restart(options);
   Client c(server_->Port());
   std::string session;
   ASSERT_EQ(Play(c, &session, "RTP/AVP;unicast;client_port=40000-40001").status, 200);
