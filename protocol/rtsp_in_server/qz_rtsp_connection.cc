@@ -237,6 +237,15 @@ void RtspConnection::OnRequest(const RtspRequest& request) {
     return;
   }
   const std::string& method = request.method;
+  if (method != "OPTIONS" && !server_.auth().Check(request, server_.NowMs())) {
+    std::vector<std::pair<std::string, std::string>> challenge = {
+        {"WWW-Authenticate", server_.auth().DigestChallenge(server_.NowMs())}};
+    if (server_.auth().allow_basic()) {
+      challenge.emplace_back("WWW-Authenticate", server_.auth().BasicChallenge());
+    }
+    Reply(401, cseq, challenge);
+    return;
+  }
   bool unknown_session = false;
   std::shared_ptr<RtspSession> session = SessionOf(request, &unknown_session);
   if (session) {

@@ -80,7 +80,12 @@ QZRtspServerStats QZRtspServer::GetStats() const {
 // ---- lifecycle ----------------------------------------------------------------------
 
 QZRtspServer::Impl::Impl(QZRtspServerOptions options)
-    : options_(std::move(options)), rng_(std::random_device{}()) {}
+    : options_(std::move(options)),
+      auth_(options_.auth_user,
+            options_.auth_password,
+            options_.auth_realm,
+            options_.allow_basic_auth),
+      rng_(std::random_device{}()) {}
 
 QZRtspServer::Impl::~Impl() {
   Stop();

@@ -39,6 +39,13 @@ struct QZRtspServerOptions {
   // viewer gets a picture at once. Off: new viewers wait for the next key
   // frame.
   bool gop_cache = true;
+  // Authentication, off while `auth_user` is empty: every request but
+  // OPTIONS then needs Digest credentials (RFC 2617, MD5), or Basic ones
+  // when `allow_basic_auth` is set (they cross the network in clear text).
+  std::string auth_user;
+  std::string auth_password;
+  std::string auth_realm = "qz-rtsp";
+  bool allow_basic_auth = false;
   // Called when a viewer waits for a key frame: it joined and none is held,
   // or it fell behind and was cut back to one. An app asks its video encoder
   // for an IDR picture here. At most once a second per stream; runs on the

@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "protocol/rtsp_in_server/qz_rtsp_auth.h"
 #include "protocol/rtsp_in_server/qz_rtsp_connection.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
@@ -41,6 +42,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
 
   // Network thread.
   const QZRtspServerOptions& options() const { return options_; }
+  const RtspAuthenticator& auth() const { return auth_; }
   std::shared_ptr<RtspStream> FindStream(const std::string& name);
   std::shared_ptr<RtspSession> CreateSession(const std::shared_ptr<RtspConnection>& connection,
                                              const std::shared_ptr<RtspStream>& stream);
@@ -70,6 +72,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   void Shutdown();
 
   QZRtspServerOptions options_;
+  RtspAuthenticator auth_;
   asio::io_context io_;
   std::unique_ptr<asio::executor_work_guard<asio::io_context::executor_type>> work_;
   std::thread thread_;

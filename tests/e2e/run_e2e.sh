@@ -242,6 +242,26 @@ case "$CASE" in
     "$PUBLISH" --help > "$WORK/out"; status=$?
     [ "$status" -eq 0 ] && grep -q -- "--input" "$WORK/out" && pass "--help" || fail "--help: exit $status"
     ;;
+  auth)
+    start_publisher --size 320x240 --user viewer --password "s3cret word"
+    sleep 1
+    if timeout 15 ffprobe -v error -rtsp_transport tcp "$URL" > "$WORK/noauth.log" 2>&1; then
+      fail "ffprobe without credentials was let in"
+    else
+      grep -q "401" "$WORK/noauth.log" && pass "no credentials: 401" || fail "no credentials: $(head -1 "$WORK/noauth.log")"
+    fi
+    GOOD=$URL
+    URL=$(echo "$GOOD" | sed 's#rtsp://#rtsp://viewer:s3cret%20word@#')
+    expect_streams "codec_name=h264|width=320|height=240\ncodec_name=aac|sample_rate=48000|channels=1"
+    decode_with_ffmpeg tcp 3
+    URL=$(echo "$GOOD" | sed 's#rtsp://#rtsp://viewer:wrong@#')
+    if timeout 15 ffprobe -v error -rtsp_transport tcp "$URL" > /dev/null 2>&1; then
+      fail "a wrong password was let in"
+    else
+      pass "wrong password refused"
+    fi
+    stop_publisher
+    ;;
   record_roundtrip)
     # $PUBLISH is the record_roundtrip program here. Real encoder output goes
     # through the sinker; the records, written back as Annex-B, must decode

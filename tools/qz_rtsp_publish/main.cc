@@ -64,6 +64,8 @@ int main(int argc, char** argv) {
     QZRtspServerOptions server_options;
     server_options.port = static_cast<uint16_t>(options.port == 0 ? 0 : options.port + i);
     server_options.bind_address = options.bind;
+    server_options.auth_user = options.user;
+    server_options.auth_password = options.password;
     // A viewer waiting for a key frame gets one from the encoder at once
     // rather than at the end of the current GOP.
     qz_tools::MediaSource* video_source = source.get();

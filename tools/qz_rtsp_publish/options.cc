@@ -23,6 +23,8 @@ const char kUsage[] =
     "      --servers N         number of servers, on consecutive ports (default 1)\n"
     "      --bind ADDRESS      address to listen on (default: all interfaces)\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
+    "      --user NAME         require RTSP Digest authentication with this user ...\n"
+    "      --password TEXT     ... and this password\n"
     "      --user-data TEXT    text carried in the H.264 stream as user-data SEI\n"
     "      --user-data-every S seconds between two user-data messages (default 2)\n"
     "  -t, --duration S        stop after S seconds (default 0: until Ctrl-C)\n"
@@ -112,6 +114,10 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       if (o.name.empty() || o.name.find_first_of("/ ?#") != std::string::npos) {
         return fail("--name must be a non-empty name without '/', ' ', '?' or '#'");
       }
+    } else if (arg == "--user") {
+      o.user = v;
+    } else if (arg == "--password") {
+      o.password = v;
     } else if (arg == "--user-data") {
       o.user_data = v;
     } else if (arg == "--user-data-every") {
@@ -123,6 +129,9 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
     } else {
       return fail("unknown option " + arg);
     }
+  }
+  if (o.user.empty() != o.password.empty()) {
+    return fail("--user and --password go together");
   }
   return true;
 }

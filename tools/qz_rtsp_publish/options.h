@@ -19,6 +19,8 @@ struct PublishOptions {
   int servers = 1;   // servers on port, port+1, ...
   std::string bind;  // empty: all interfaces
   std::string name = "live";
+  std::string user;  // RTSP authentication (Digest); empty: none
+  std::string password;
   std::string user_data;    // text carried as SEI
   int user_data_every = 2;  // seconds
   int duration = 0;         // seconds; 0 runs until Ctrl-C

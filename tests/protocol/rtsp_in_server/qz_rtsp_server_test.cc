@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/qz_rtsp_auth.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
 #include "tests/fakes/test_support.h"
 
@@ -356,6 +357,29 @@ TEST_F(ServerTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
   // The first media packet is the start of a key frame: a STAP-A with the
   // parameter sets.
   EXPECT_EQ(static_cast<uint8_t>(frames[0].second[12]) & 0x1F, 24);
+}
+
+TEST_F(ServerTest, AuthenticationChallengesEverythingButOptions) {
+  QZRtspServerOptions options;
+  options.auth_user = "user";
+  options.auth_password = "secret";
+  Restart(options);
+  Client c(server_->Port());
+  c.Send(c.Request("OPTIONS", url_, 1));
+  EXPECT_EQ(c.Read().status, 200);
+  c.Send(c.Request("DESCRIBE", url_, 2));
+  Response challenge = c.Read();
+  ASSERT_EQ(challenge.status, 401);
+  const std::string& www = challenge.headers["WWW-Authenticate"];
+  ASSERT_EQ(www.compare(0, 7, "Digest "), 0);
+  const size_t at = www.find("nonce=\"") + 7;
+  const std::string nonce = www.substr(at, www.find('"', at) - at);
+  const std::string response = RtspAuthenticator::DigestResponse(
+      "user", "qz-rtsp", "secret", "DESCRIBE", url_, nonce, "", "", "");
+  c.Send(c.Request("DESCRIBE", url_, 3,
+                   "Authorization: Digest username=\"user\", realm=\"qz-rtsp\", nonce=\"" + nonce +
+                       "\", uri=\"" + url_ + "\", response=\"" + response + "\"\r\n"));
+  EXPECT_EQ(c.Read().status, 200);
 }
 
 TEST_F(ServerTest, UdpPlayReceivesRtpOnTheClientPort) {
