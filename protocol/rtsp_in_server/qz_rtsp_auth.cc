@@ -53,7 +53,7 @@ std::map<std::string, std::string> ParseParams(const std::string& text) {
 
 bool Base64Decode(const std::string& in, std::string& out) {
   out.clear();
-  int value = 0;
+  unsigned value = 0;  // holds at most 14 pending bits
   int bits = -8;
   for (unsigned char c : in) {
     int d;
@@ -71,7 +71,7 @@ bool Base64Decode(const std::string& in, std::string& out) {
       break;
     else
       return false;
-    value = (value << 6) | d;
+    value = ((value << 6) | static_cast<unsigned>(d)) & 0x3FFFu;
     bits += 6;
     if (bits >= 0) {
       out.push_back(static_cast<char>((value >> bits) & 0xFF));
