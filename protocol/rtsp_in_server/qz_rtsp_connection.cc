@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "protocol/rtsp_in_server/qz_rtsp_server_impl.h"
@@ -62,6 +63,15 @@ std::string HostForUrl(const asio::ip::address& address) {
   return address.to_string();
 }
 
+RtspLimits ParserLimits(const QZRtspServerOptions& options) {
+  RtspLimits limits;
+  limits.max_header_bytes = options.max_request_bytes;
+  limits.max_line = std::min(limits.max_line, options.max_request_bytes);
+  limits.max_body = options.max_request_bytes;
+  limits.max_headers = options.max_headers;
+  return limits;
+}
+
 std::string Hex32(uint32_t v) {
   char buf[9];
   snprintf(buf, sizeof(buf), "%08X", v);
@@ -73,7 +83,10 @@ std::string Hex32(uint32_t v) {
 RtspConnection::RtspConnection(QZRtspServer::Impl& server,
                                asio::ip::tcp::socket socket,
                                bool over_limit)
-    : server_(server), socket_(std::move(socket)), over_limit_(over_limit) {
+    : server_(server),
+      socket_(std::move(socket)),
+      over_limit_(over_limit),
+      parser_(ParserLimits(server.options())) {
   asio::error_code ec;
   remote_ = socket_.remote_endpoint(ec);
   local_ = socket_.local_endpoint(ec);
@@ -131,10 +144,12 @@ void RtspConnection::DoRead() {
                                 break;
                               }
                               if (result == RtspParseResult::kBadRequest) {
+                                server_.CountRefused();
                                 Reply(400, "", {{"Connection", "close"}});
                                 CloseAfterWrite();
                                 return;
                               }
+                              request_started_ms_ = 0;
                               if (result == RtspParseResult::kInterleaved) {
                                 OnInterleaved(parser_.channel());
                               } else {
@@ -143,6 +158,11 @@ void RtspConnection::DoRead() {
                               if (closed_) {
                                 return;
                               }
+                            }
+                            if (parser_.buffered() == 0) {
+                              request_started_ms_ = 0;
+                            } else if (request_started_ms_ == 0) {
+                              request_started_ms_ = last_activity_ms_;
                             }
                             DoRead();
                           });
@@ -170,15 +190,16 @@ void RtspConnection::Reply(int code,
   control_bytes_ += response.size();
   control_.push_back(std::move(response));
   if (control_bytes_ > kMaxControlBytes) {
+    server_.CountRefused();
     Close();  // a client that sends requests but never reads the answers
     return;
   }
   KickWrite();
 }
 
-void RtspConnection::SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp) {
+bool RtspConnection::SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp) {
   if (closed_ || rtcp.empty() || control_bytes_ > kMaxControlBytes / 2) {
-    return;
+    return false;
   }
   std::string frame(4, '\0');
   frame[0] = '$';
@@ -189,6 +210,7 @@ void RtspConnection::SendInterleaved(uint8_t channel, const std::vector<uint8_t>
   control_bytes_ += frame.size();
   control_.push_back(std::move(frame));
   KickWrite();
+  return true;
 }
 
 std::shared_ptr<RtspSession> RtspConnection::SessionOf(const RtspRequest& request, bool* unknown) {
@@ -232,6 +254,7 @@ void RtspConnection::OnRequest(const RtspRequest& request) {
     return;
   }
   if (over_limit_) {
+    server_.CountRefused();
     Reply(503, cseq, {{"Retry-After", "5"}});
     CloseAfterWrite();
     return;
@@ -544,13 +567,15 @@ void RtspConnection::KickWrite() {
   asio::async_write(socket_, buffers, [this, self](const asio::error_code& ec, size_t n) {
     writing_ = false;
     writing_control_.clear();
-    writing_packets_.clear();
     if (writing_session_ != nullptr) {
       writing_session_->writing = false;
-      writing_session_->bytes_sent += n;
+      if (!ec) {
+        server_.CountSent(*writing_session_, n, writing_packets_.size());
+      }
       writing_session_->last_activity_ms = server_.NowMs();
       writing_session_ = nullptr;
     }
+    writing_packets_.clear();
     if (ec) {
       Close();
       return;

@@ -36,11 +36,13 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   // Writes pending responses, RTCP and the media of this connection's TCP
   // sessions, one scatter-gather write at a time.
   void KickWrite();
-  // Queues RTCP for a TCP track (dropped when the queue is long).
-  void SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp);
+  // Queues RTCP for a TCP track; false (dropped) when the queue is long.
+  bool SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp);
 
   asio::ip::address remote_address() const { return remote_.address(); }
   long long last_activity_ms() const { return last_activity_ms_; }
+  // When the unfinished request (or interleaved frame) began; 0 when none.
+  long long request_started_ms() const { return request_started_ms_; }
   bool has_sessions() const { return !sessions_.empty(); }
   const std::map<std::string, std::shared_ptr<RtspSession>>& sessions() const { return sessions_; }
   void ForgetSession(const std::string& id) { sessions_.erase(id); }
@@ -82,6 +84,7 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   bool close_after_write_ = false;  // answer sent, then close
   std::map<std::string, std::shared_ptr<RtspSession>> sessions_;
   long long last_activity_ms_ = 0;
+  long long request_started_ms_ = 0;
   std::shared_ptr<asio::steady_timer> describe_timer_;
 };
 

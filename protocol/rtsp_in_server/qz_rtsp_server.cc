@@ -423,8 +423,8 @@ void QZRtspServer::Impl::Resync(RtspSession& session) {
   if (session.read_index < stream.begin_index()) {
     // What this client had not read yet is gone: it skips ahead to the
     // latest key frame rather than to the middle of a picture.
-    ++session.packets_dropped;
-    packets_dropped_ += stream.begin_index() - session.read_index;
+    CountDropped(session, RtspCounters::Drop::kSlowReader,
+                 stream.begin_index() - session.read_index);
     if (stream.has_key_frame()) {
       session.read_index = stream.last_key_index();
     } else {
@@ -478,14 +478,25 @@ void QZRtspServer::Impl::SendUdp(RtspSession& session,
   asio::error_code ec;
   socket->send_to(asio::buffer(data, size), endpoint, 0, ec);
   if (ec) {
-    ++session.packets_dropped;
-    ++packets_dropped_;
+    CountDropped(session, RtspCounters::Drop::kSocketFull, 1);
     return;
   }
-  session.bytes_sent += size;
-  ++session.packets_sent;
-  bytes_sent_ += size;
-  ++packets_sent_;
+  CountSent(session, size, 1);
+}
+
+void QZRtspServer::Impl::CountSent(RtspSession& session, size_t bytes, size_t packets) {
+  session.bytes_sent += bytes;
+  session.packets_sent += packets;
+  session.stream->counters().Sent(bytes, packets);
+  totals_.Sent(bytes, packets);
+}
+
+void QZRtspServer::Impl::CountDropped(RtspSession& session,
+                                      RtspCounters::Drop reason,
+                                      unsigned long long packets) {
+  session.packets_dropped += packets;
+  session.stream->counters().Dropped(reason, packets);
+  totals_.Dropped(reason, packets);
 }
 
 void QZRtspServer::Impl::SendSenderReports(RtspSession& session, long long now_ms) {
@@ -505,12 +516,24 @@ void QZRtspServer::Impl::SendSenderReports(RtspSession& session, long long now_m
     }
     track.last_sr_ms = now;
     if (track.tcp) {
-      if (connection) {
-        connection->SendInterleaved(static_cast<uint8_t>(t * 2 + 1), report);
-      }
+      SendInterleavedReport(session, connection.get(), t, report);
     } else {
       SendUdp(session, static_cast<int>(t), report.data(), report.size(), true);
     }
+  }
+}
+
+void QZRtspServer::Impl::SendInterleavedReport(RtspSession& session,
+                                               RtspConnection* connection,
+                                               size_t track,
+                                               const std::vector<uint8_t>& report) {
+  if (connection == nullptr) {
+    return;
+  }
+  if (connection->SendInterleaved(static_cast<uint8_t>(track * 2 + 1), report)) {
+    CountSent(session, report.size() + 4, 1);
+  } else {
+    CountDropped(session, RtspCounters::Drop::kControlBacklog, 1);
   }
 }
 
@@ -520,6 +543,8 @@ void QZRtspServer::Impl::RequestKeyFrame(RtspStream& stream) {
     return;
   }
   stream.last_key_request_ms = now;
+  ++stream.counters().key_frame_requests;
+  ++totals_.key_frame_requests;
   options_.on_key_frame_request(stream.name());
 }
 
@@ -541,9 +566,7 @@ void QZRtspServer::Impl::SendFirstReports(RtspSession& session) {
     }
     track.last_sr_ms = NowMs();
     if (track.tcp) {
-      if (connection) {
-        connection->SendInterleaved(static_cast<uint8_t>(t * 2 + 1), report);
-      }
+      SendInterleavedReport(session, connection.get(), t, report);
     } else {
       SendUdp(session, static_cast<int>(t), report.data(), report.size(), true);
     }
@@ -578,6 +601,7 @@ void QZRtspServer::Impl::OnTick() {
   std::vector<std::shared_ptr<RtspConnection>> to_close;
   std::vector<std::string> expired;
   int playing = 0;
+  std::map<RtspStream*, int> playing_per_stream;
   for (auto& entry : sessions_) {
     RtspSession& session = *entry.second;
     if (now - session.last_activity_ms > options_.session_timeout_s * 1000LL) {
@@ -586,7 +610,15 @@ void QZRtspServer::Impl::OnTick() {
     }
     if (session.state == RtspSession::State::kPlaying) {
       ++playing;
+      ++playing_per_stream[session.stream.get()];
       SendSenderReports(session, now);
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(streams_mutex_);
+    for (auto& entry : streams_) {
+      auto it = playing_per_stream.find(entry.second.get());
+      entry.second->set_playing_count(it == playing_per_stream.end() ? 0 : it->second);
     }
   }
   for (const std::string& id : expired) {
@@ -602,8 +634,11 @@ void QZRtspServer::Impl::OnTick() {
     }
   }
   for (auto& connection : connections_) {
-    if (!connection->has_sessions() &&
-        now - connection->last_activity_ms() > options_.idle_timeout_s * 1000LL) {
+    const long long started = connection->request_started_ms();
+    if ((!connection->has_sessions() &&
+         now - connection->last_activity_ms() > options_.idle_timeout_s * 1000LL) ||
+        (started != 0 && now - started > options_.request_timeout_ms)) {
+      ++connections_refused_;
       to_close.push_back(connection);
     }
   }
@@ -627,10 +662,16 @@ QZRtspServerStats QZRtspServer::Impl::Stats() {
   {
     std::lock_guard<std::mutex> lock(streams_mutex_);
     stats.streams = static_cast<int>(streams_.size());
+    for (const auto& entry : streams_) {
+      stats.stream_stats.push_back(entry.second->Stats());
+    }
   }
-  stats.bytes_sent = bytes_sent_.load();
-  stats.packets_sent = packets_sent_.load();
-  stats.packets_dropped = packets_dropped_.load();
+  stats.bytes_sent = totals_.bytes_sent.load();
+  stats.packets_sent = totals_.packets_sent.load();
+  stats.dropped = totals_.Drops();
+  stats.packets_dropped = stats.dropped.total();
+  stats.key_frame_requests = totals_.key_frame_requests.load();
+  stats.connections_refused = connections_refused_.load();
   return stats;
 }
 

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qz_rtsp_internal_server {
 
@@ -33,6 +34,14 @@ struct QZRtspServerOptions {
   int max_sessions_per_connection = 8;
   // A connection that has not set up a session after this long is closed.
   int idle_timeout_s = 30;
+  // A request (or interleaved frame) begun but not finished after this long
+  // closes its connection: a client that sends a byte a second cannot hold
+  // a connection open.
+  int request_timeout_ms = 10000;
+  // Largest request head (request line and headers) and body, and most
+  // header lines; a request over any of them is answered 400 and closed.
+  size_t max_request_bytes = 64 * 1024;
+  size_t max_headers = 64;
   // How long DESCRIBE waits for parameter sets before answering 503.
   int describe_wait_ms = 3000;
   // Keep each stream's packets from the latest key frame on, so that a new
@@ -53,14 +62,45 @@ struct QZRtspServerOptions {
   std::function<void(const std::string& stream_name)> on_key_frame_request;
 };
 
+// Packets a server did not deliver, by reason.
+struct QZRtspDropCounts {
+  // A client fell so far behind that the stream's cache no longer held what
+  // it had not read: it skipped ahead to a key frame.
+  unsigned long long slow_reader = 0;
+  // UDP: the socket buffer was full (or the send failed) for that client.
+  unsigned long long socket_full = 0;
+  // RTCP reports not queued for a TCP client that does not read its answers.
+  unsigned long long control_backlog = 0;
+
+  unsigned long long total() const { return slow_reader + socket_full + control_backlog; }
+};
+
+struct QZRtspStreamStats {
+  std::string name;
+  int sessions = 0;
+  int playing = 0;
+  unsigned long long bytes_sent = 0;  // RTP and RTCP, every client
+  unsigned long long packets_sent = 0;
+  QZRtspDropCounts dropped;
+  unsigned long long key_frame_requests = 0;  // calls of on_key_frame_request
+  unsigned long long rtp_packets_built = 0;   // once per stream, shared by its clients
+  unsigned long long cache_bytes = 0;         // held for viewers that join
+};
+
 struct QZRtspServerStats {
   int connections = 0;
   int sessions = 0;
   int playing = 0;
   int streams = 0;
+  // Since Start(), streams that are gone included.
   unsigned long long bytes_sent = 0;
   unsigned long long packets_sent = 0;
-  unsigned long long packets_dropped = 0;
+  unsigned long long packets_dropped = 0;  // dropped.total()
+  QZRtspDropCounts dropped;
+  unsigned long long key_frame_requests = 0;
+  // Connections refused or closed by a limit: clients, request size, time.
+  unsigned long long connections_refused = 0;
+  std::vector<QZRtspStreamStats> stream_stats;  // the streams served now
 };
 
 class QZRtspServer {
@@ -85,6 +125,7 @@ class QZRtspServer {
   // "rtsp://<url_host>:<port>/<stream_name>".
   std::string UrlFor(const std::string& stream_name) const;
 
+  // A consistent-enough snapshot: counters are read one by one. Any thread.
   QZRtspServerStats GetStats() const;
 
   class Impl;

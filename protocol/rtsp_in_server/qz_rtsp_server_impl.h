@@ -54,8 +54,17 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   // write the TCP ones.
   void Pump(RtspSession& session);
   void SendUdp(RtspSession& session, int track, const uint8_t* data, size_t size, bool rtcp);
+  // Counts on the session's stream and on the server's totals.
+  void CountSent(RtspSession& session, size_t bytes, size_t packets);
+  void CountDropped(RtspSession& session, RtspCounters::Drop reason, unsigned long long packets);
+  // A connection refused or closed by one of the limits.
+  void CountRefused() { ++connections_refused_; }
   void SendSenderReports(RtspSession& session, long long now_ms);
   void SendFirstReports(RtspSession& session);
+  void SendInterleavedReport(RtspSession& session,
+                             RtspConnection* connection,
+                             size_t track,
+                             const std::vector<uint8_t>& report);
   // Asks the application for a key frame, at most once a second per stream.
   void RequestKeyFrame(RtspStream& stream);
   // Moves a session's read position on when the ring dropped what it needed.
@@ -96,9 +105,8 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   std::set<std::shared_ptr<RtspConnection>> connections_;
   std::map<std::string, std::shared_ptr<RtspSession>> sessions_;
 
-  std::atomic<unsigned long long> bytes_sent_{0};
-  std::atomic<unsigned long long> packets_sent_{0};
-  std::atomic<unsigned long long> packets_dropped_{0};
+  RtspCounters totals_;
+  std::atomic<unsigned long long> connections_refused_{0};
   std::atomic<int> stat_connections_{0};
   std::atomic<int> stat_sessions_{0};
   std::atomic<int> stat_playing_{0};

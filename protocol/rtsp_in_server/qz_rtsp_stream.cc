@@ -235,6 +235,21 @@ void RtspStream::Evict() {
   if (has_key_ && last_key_index_ < base_index_) {
     has_key_ = false;  // a GOP larger than the byte bound
   }
+  cache_bytes_ = ring_bytes_;
+}
+
+QZRtspStreamStats RtspStream::Stats() const {
+  QZRtspStreamStats stats;
+  stats.name = name_;
+  stats.sessions = session_count_.load();
+  stats.playing = playing_count_.load();
+  stats.bytes_sent = counters_.bytes_sent.load();
+  stats.packets_sent = counters_.packets_sent.load();
+  stats.dropped = counters_.Drops();
+  stats.key_frame_requests = counters_.key_frame_requests.load();
+  stats.rtp_packets_built = packets_built_.load();
+  stats.cache_bytes = cache_bytes_.load();
+  return stats;
 }
 
 bool RtspStream::FirstPacketOf(int track, uint64_t from, uint16_t& seq, uint32_t& rtp_time) const {

@@ -7,6 +7,7 @@
 #ifndef PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_STREAM_H_
 #define PROTOCOL_RTSP_IN_SERVER_QZ_RTSP_STREAM_H_
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -17,6 +18,7 @@
 
 #include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
 #include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
 #include "protocol/rtsp_in_server/qz_sdp.h"
 
 namespace qz_rtsp_internal_server {
@@ -35,6 +37,35 @@ class RtspIoGate {
  private:
   std::mutex mutex_;  // guards poster_
   Poster poster_;
+};
+
+// Delivery counters: written on the network thread, read from any.
+struct RtspCounters {
+  enum class Drop { kSlowReader, kSocketFull, kControlBacklog };
+
+  void Sent(size_t bytes, size_t packets) {
+    bytes_sent += bytes;
+    packets_sent += packets;
+  }
+  void Dropped(Drop reason, unsigned long long packets) {
+    (reason == Drop::kSlowReader   ? drop_slow
+     : reason == Drop::kSocketFull ? drop_socket
+                                   : drop_control) += packets;
+  }
+  QZRtspDropCounts Drops() const {
+    QZRtspDropCounts d;
+    d.slow_reader = drop_slow.load();
+    d.socket_full = drop_socket.load();
+    d.control_backlog = drop_control.load();
+    return d;
+  }
+
+  std::atomic<unsigned long long> bytes_sent{0};
+  std::atomic<unsigned long long> packets_sent{0};
+  std::atomic<unsigned long long> drop_slow{0};
+  std::atomic<unsigned long long> drop_socket{0};
+  std::atomic<unsigned long long> drop_control{0};
+  std::atomic<unsigned long long> key_frame_requests{0};
 };
 
 struct RtspStreamLimits {
@@ -84,13 +115,24 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   std::vector<uint8_t> SenderReport(int track, const uint64_t* from = nullptr) const;
 
   // Network thread: sessions that read from this stream.
-  void AddSession(RtspSession* session) { sessions_.insert(session); }
-  void RemoveSession(RtspSession* session) { sessions_.erase(session); }
+  void AddSession(RtspSession* session) {
+    sessions_.insert(session);
+    session_count_ = static_cast<int>(sessions_.size());
+  }
+  void RemoveSession(RtspSession* session) {
+    sessions_.erase(session);
+    session_count_ = static_cast<int>(sessions_.size());
+  }
   const std::set<RtspSession*>& sessions() const { return sessions_; }
 
   void set_on_packets(std::function<void(RtspStream&)> f) { on_packets_ = std::move(f); }
 
-  unsigned long long packets_built() const { return packets_built_; }
+  unsigned long long packets_built() const { return packets_built_.load(); }
+  RtspCounters& counters() { return counters_; }
+  // Network thread: how many of its sessions play (refreshed by the server).
+  void set_playing_count(int n) { playing_count_ = n; }
+  // Any thread.
+  QZRtspStreamStats Stats() const;
   // Rate limit of key-frame requests: network thread only.
   long long last_key_request_ms = -1000000;
 
@@ -137,7 +179,11 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
 
   std::set<RtspSession*> sessions_;
   std::function<void(RtspStream&)> on_packets_;
-  unsigned long long packets_built_ = 0;
+  std::atomic<unsigned long long> packets_built_{0};
+  std::atomic<size_t> cache_bytes_{0};  // mirrors ring_bytes_ for Stats()
+  std::atomic<int> session_count_{0};
+  std::atomic<int> playing_count_{0};
+  RtspCounters counters_;
 };
 
 }  // namespace qz_rtsp_internal_server

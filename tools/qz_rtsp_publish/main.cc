@@ -21,6 +21,7 @@ namespace {
 
 using qz_rtsp_internal_server::QZRtspServer;
 using qz_rtsp_internal_server::QZRtspServerOptions;
+using qz_rtsp_internal_server::QZRtspServerStats;
 
 std::atomic<bool> g_stop{false};
 
@@ -33,6 +34,26 @@ struct Counters {
   std::atomic<long long> audio_frames{0};
   std::atomic<long long> bytes{0};
 };
+
+// The statistics of every server, added up.
+QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& servers) {
+  QZRtspServerStats total;
+  for (const auto& server : servers) {
+    const QZRtspServerStats s = server->GetStats();
+    total.connections += s.connections;
+    total.sessions += s.sessions;
+    total.playing += s.playing;
+    total.bytes_sent += s.bytes_sent;
+    total.packets_sent += s.packets_sent;
+    total.packets_dropped += s.packets_dropped;
+    total.dropped.slow_reader += s.dropped.slow_reader;
+    total.dropped.socket_full += s.dropped.socket_full;
+    total.dropped.control_backlog += s.dropped.control_backlog;
+    total.key_frame_requests += s.key_frame_requests;
+    total.connections_refused += s.connections_refused;
+  }
+  return total;
+}
 
 }  // namespace
 
@@ -104,6 +125,7 @@ int main(int argc, char** argv) {
   long long next_status = start + 1000;
   long long next_user_data = start;
   long long last_bytes = 0;
+  unsigned long long last_sent = 0;
   while (!g_stop.load()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const long long now = qz_tools::MonotonicMs();
@@ -122,20 +144,21 @@ int main(int argc, char** argv) {
     }
     if (now >= next_status) {
       const long long bytes = counters.bytes.load();
-      int clients = 0;
-      for (const auto& server : servers) {
-        clients += server->GetStats().playing;
-      }
+      const QZRtspServerStats stats = Summarize(servers);
       if (!options.quiet) {
         const long long up = (now - start) / 1000;
         std::fprintf(stderr,
                      "[%02lld:%02lld:%02lld] video %lld frames, audio %lld frames, %.1f MB, "
-                     "%.2f Mbit/s, %d client%s\n",
+                     "%.2f Mbit/s in, %d client%s, %.2f Mbit/s out, %llu dropped, "
+                     "%llu key-frame requests\n",
                      up / 3600, up / 60 % 60, up % 60, counters.video_frames.load(),
                      counters.audio_frames.load(), bytes / 1e6, (bytes - last_bytes) * 8 / 1e6,
-                     clients, clients == 1 ? "" : "s");
+                     stats.playing, stats.playing == 1 ? "" : "s",
+                     (stats.bytes_sent - last_sent) * 8 / 1e6, stats.packets_dropped,
+                     stats.key_frame_requests);
       }
       last_bytes = bytes;
+      last_sent = stats.bytes_sent;
       next_status += 1000;
     }
     if (options.duration > 0 && now - start >= options.duration * 1000LL) {
@@ -143,6 +166,17 @@ int main(int argc, char** argv) {
     }
   }
   source->Stop();
+  if (!options.quiet) {
+    // What is left when the publisher stops: a client that went away must
+    // have left no connection or session behind.
+    const QZRtspServerStats stats = Summarize(servers);
+    std::fprintf(stderr,
+                 "servers: %d connections, %d sessions, %llu packets sent, dropped %llu slow "
+                 "reader / %llu socket full / %llu control backlog, %llu refused\n",
+                 stats.connections, stats.sessions, stats.packets_sent, stats.dropped.slow_reader,
+                 stats.dropped.socket_full, stats.dropped.control_backlog,
+                 stats.connections_refused);
+  }
   sinker.Stop();
   for (auto& server : servers) {
     server->Stop();

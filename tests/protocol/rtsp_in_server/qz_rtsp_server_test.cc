@@ -685,5 +685,99 @@ TEST_F(ServerTest, ClientResetMidPlayFreesItsSession) {
   EXPECT_EQ(server_->GetStats().connections, 0);
 }
 
+TEST_F(ServerTest, StatisticsPerStreamAndServer) {
+  Client tcp(server_->Port()), udp(server_->Port());
+  std::string st, su;
+  ASSERT_EQ(Play(tcp, &st).status, 200);
+  ASSERT_EQ(Play(udp, &su, "RTP/AVP;unicast;client_port=40010-40011").status, 200);
+  tcp.Frames(700);  // past one tick, which counts the playing sessions
+  const QZRtspServerStats stats = server_->GetStats();
+  ASSERT_EQ(stats.stream_stats.size(), 1u);
+  const QZRtspStreamStats& live = stats.stream_stats[0];
+  EXPECT_EQ(live.name, "live");
+  EXPECT_EQ(live.sessions, 2);
+  EXPECT_EQ(live.playing, 2);
+  EXPECT_EQ(stats.playing, 2);
+  // Both clients were sent packets; each RTP packet was built once for both.
+  EXPECT_GT(live.packets_sent, live.rtp_packets_built / 2);
+  EXPECT_GT(live.cache_bytes, 0u);
+  EXPECT_GT(live.bytes_sent, live.packets_sent * 12);  // at least an RTP header each
+  // One stream: the server's totals are its counters.
+  EXPECT_LE(live.bytes_sent, server_->GetStats().bytes_sent);
+  EXPECT_EQ(stats.packets_dropped, stats.dropped.total());
+
+  tcp.Send(tcp.Request("TEARDOWN", url_, 3, "Session: " + st + "\r\n"));
+  EXPECT_EQ(tcp.Read().status, 200);
+  ASSERT_TRUE(qz_test::WaitFor([this] {
+    const QZRtspServerStats s = server_->GetStats();
+    return s.stream_stats.size() == 1 && s.stream_stats[0].sessions == 1;
+  }));
+}
+
+// The limits of the options, each refusing what passes it and letting the
+// request just under it through.
+struct LimitCase {
+  const char* name;
+  void (*configure)(QZRtspServerOptions&);
+  std::string headers;  // extra header lines of an OPTIONS request
+  int status;
+};
+
+const LimitCase kLimitCases[] = {
+    {"FourHeadersAllowed", [](QZRtspServerOptions& o) { o.max_headers = 5; },
+     "A: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\n", 200},
+    {"FiveHeadersTooMany", [](QZRtspServerOptions& o) { o.max_headers = 5; },
+     "A: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\nE: 5\r\n", 400},
+    {"SmallRequestFits", [](QZRtspServerOptions& o) { o.max_request_bytes = 512; },
+     "X: " + std::string(300, 'x') + "\r\n", 200},
+    {"RequestOverTheByteLimit", [](QZRtspServerOptions& o) { o.max_request_bytes = 512; },
+     "X: " + std::string(600, 'x') + "\r\n", 400},
+    {"BodyOverTheByteLimit", [](QZRtspServerOptions& o) { o.max_request_bytes = 512; },
+     "Content-Length: 1000\r\n", 400},
+};
+
+class LimitTest : public ServerTest, public ::testing::WithParamInterface<LimitCase> {};
+
+TEST_P(LimitTest, RefusedOverTheLimitOnly) {
+  QZRtspServerOptions options;
+  GetParam().configure(options);
+  Restart(options);
+  Client c(server_->Port());
+  c.Send(c.Request("OPTIONS", url_, 1, GetParam().headers));
+  EXPECT_EQ(c.Read().status, GetParam().status);
+  EXPECT_EQ(server_->GetStats().connections_refused, GetParam().status == 200 ? 0u : 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table,
+                         LimitTest,
+                         ::testing::ValuesIn(kLimitCases),
+                         [](const ::testing::TestParamInfo<LimitCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+// A request dripped in a byte at a time is cut off after the request time
+// limit, while one that completes in time is answered.
+TEST_F(ServerTest, RequestThatTakesTooLongClosesItsConnection) {
+  QZRtspServerOptions options;
+  options.request_timeout_ms = 400;
+  Restart(options);
+  Client fast(server_->Port()), slow(server_->Port());
+  fast.Send(fast.Request("OPTIONS", url_, 1));
+  EXPECT_EQ(fast.Read().status, 200);
+  const std::string request = slow.Request("OPTIONS", url_, 1);
+  const auto start = std::chrono::steady_clock::now();
+  bool closed = false;
+  for (size_t i = 0; i < request.size() - 1 && !closed; ++i) {
+    slow.Send(request.substr(i, 1));
+    closed = slow.Read(100).status == -1;
+  }
+  EXPECT_TRUE(closed);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_EQ(server_->GetStats().connections_refused, 1u);
+  // The connection that finished its request in time is still served.
+  fast.Send(fast.Request("OPTIONS", url_, 2));
+  EXPECT_EQ(fast.Read().status, 200);
+}
+
 }  // namespace
 }  // namespace qz_rtsp_internal_server
