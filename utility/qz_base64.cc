@@ -27,6 +27,36 @@ std::string Base64Encode(const uint8_t* data, size_t size) {
   return out;
 }
 
+bool Base64Decode(const std::string& in, std::string& out) {
+  out.clear();
+  unsigned value = 0;  // holds at most 14 pending bits
+  int bits = -8;
+  for (unsigned char c : in) {
+    int d;
+    if (c >= 'A' && c <= 'Z')
+      d = c - 'A';
+    else if (c >= 'a' && c <= 'z')
+      d = c - 'a' + 26;
+    else if (c >= '0' && c <= '9')
+      d = c - '0' + 52;
+    else if (c == '+')
+      d = 62;
+    else if (c == '/')
+      d = 63;
+    else if (c == '=')
+      break;
+    else
+      return false;
+    value = ((value << 6) | static_cast<unsigned>(d)) & 0x3FFFu;
+    bits += 6;
+    if (bits >= 0) {
+      out.push_back(static_cast<char>((value >> bits) & 0xFF));
+      bits -= 8;
+    }
+  }
+  return true;
+}
+
 std::string HexEncode(const uint8_t* data, size_t size) {
   static const char kDigits[] = "0123456789abcdef";
   std::string out;

@@ -9,6 +9,8 @@
 namespace qz_utility {
 
 std::string Base64Encode(const uint8_t* data, size_t size);
+// Decodes up to the first '='; false on a character outside the alphabet.
+bool Base64Decode(const std::string& in, std::string& out);
 // Lower-case hex, two digits a byte.
 std::string HexEncode(const uint8_t* data, size_t size);
 

@@ -51,36 +51,6 @@ std::map<std::string, std::string> ParseParams(const std::string& text) {
   return params;
 }
 
-bool Base64Decode(const std::string& in, std::string& out) {
-  out.clear();
-  unsigned value = 0;  // holds at most 14 pending bits
-  int bits = -8;
-  for (unsigned char c : in) {
-    int d;
-    if (c >= 'A' && c <= 'Z')
-      d = c - 'A';
-    else if (c >= 'a' && c <= 'z')
-      d = c - 'a' + 26;
-    else if (c >= '0' && c <= '9')
-      d = c - '0' + 52;
-    else if (c == '+')
-      d = 62;
-    else if (c == '/')
-      d = 63;
-    else if (c == '=')
-      break;
-    else
-      return false;
-    value = ((value << 6) | static_cast<unsigned>(d)) & 0x3FFFu;
-    bits += 6;
-    if (bits >= 0) {
-      out.push_back(static_cast<char>((value >> bits) & 0xFF));
-      bits -= 8;
-    }
-  }
-  return true;
-}
-
 }  // namespace
 
 RtspAuthenticator::RtspAuthenticator(std::string user,
@@ -173,7 +143,7 @@ bool RtspAuthenticator::Check(const RtspRequest& request, long long now_ms) cons
   }
   if (allow_basic_ && strncasecmp(header->c_str(), "Basic ", 6) == 0) {
     std::string decoded;
-    if (!Base64Decode(header->substr(6), decoded)) {
+    if (!qz_utility::Base64Decode(header->substr(6), decoded)) {
       return false;
     }
     return ConstantTimeEqual(decoded, user_ + ":" + password_);

@@ -5,6 +5,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <cctype>
 #include <chrono>
 #include <future>
 
@@ -37,6 +38,21 @@ std::string FirstNonLoopbackAddress() {
   }
   freeifaddrs(list);
   return result;
+}
+
+// Stream names become a URL path segment: unreserved characters only
+// (RFC 3986), so that every client can type and parse the URL.
+bool IsUrlSafeName(const std::string& name) {
+  if (name.empty() || name.size() > 255) {
+    return false;
+  }
+  for (char c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.' &&
+        c != '~') {
+      return false;
+    }
+  }
+  return name != "." && name != "..";
 }
 
 }  // namespace
@@ -266,8 +282,7 @@ bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& p
   {
     std::lock_guard<std::mutex> lock(streams_mutex_);
     const std::string name = piple->StreamName();
-    if (!running_.load() || name.empty() || name.find('/') != std::string::npos ||
-        streams_.count(name) != 0) {
+    if (!running_.load() || !IsUrlSafeName(name) || streams_.count(name) != 0) {
       return false;
     }
     RtspStreamLimits limits;

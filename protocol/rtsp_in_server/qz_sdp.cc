@@ -104,7 +104,13 @@ std::string BuildSdp(const StreamDescription& desc,
   sdp += "v=0\r\n";
   sdp += "o=- " + std::to_string(session_id) + " 1 IN " + (v6 ? "IP6 " : "IP4 ") + origin_address +
          "\r\n";
-  sdp += "s=" + (desc.name.empty() ? std::string("live") : desc.name) + "\r\n";
+  std::string session_name = desc.name.empty() ? std::string("live") : desc.name;
+  for (char& c : session_name) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+      c = '_';  // a line break would end the line and start a forged one
+    }
+  }
+  sdp += "s=" + session_name + "\r\n";
   sdp += v6 ? "c=IN IP6 ::\r\n" : "c=IN IP4 0.0.0.0\r\n";
   sdp += "t=0 0\r\n";
   sdp += "a=tool:qz-rtsp\r\n";

@@ -85,6 +85,8 @@ int main(int argc, char** argv) {
     QZRtspServerOptions server_options;
     server_options.port = static_cast<uint16_t>(options.port == 0 ? 0 : options.port + i);
     server_options.bind_address = options.bind;
+    server_options.max_clients = options.max_clients;
+    server_options.gop_cache = options.gop_cache;
     server_options.auth_user = options.user;
     server_options.auth_password = options.password;
     // A viewer waiting for a key frame gets one from the encoder at once

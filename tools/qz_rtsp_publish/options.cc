@@ -22,6 +22,9 @@ const char kUsage[] =
     "  -p, --port N            RTSP port of the first server (default 8554)\n"
     "      --servers N         number of servers, on consecutive ports (default 1)\n"
     "      --bind ADDRESS      address to listen on (default: all interfaces)\n"
+    "      --max-clients N     connections per server (default 64)\n"
+    "      --no-gop-cache      new viewers wait for the next key frame instead of\n"
+    "                          starting at once with the latest one\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
@@ -66,6 +69,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       return false;
     } else if (arg == "--no-loop") {
       o.loop = false;
+    } else if (arg == "--no-gop-cache") {
+      o.gop_cache = false;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
     } else if (!value(&v)) {
@@ -109,10 +114,15 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
         return fail("--servers must be 1 to 16");
     } else if (arg == "--bind") {
       o.bind = v;
+    } else if (arg == "--max-clients") {
+      if (!ParseInt(v, 1, 100000, o.max_clients))
+        return fail("--max-clients must be 1 to 100000");
     } else if (arg == "-n" || arg == "--name") {
       o.name = v;
-      if (o.name.empty() || o.name.find_first_of("/ ?#") != std::string::npos) {
-        return fail("--name must be a non-empty name without '/', ' ', '?' or '#'");
+      if (o.name.empty() || o.name.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+                                                     "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~") !=
+                                std::string::npos) {
+        return fail("--name may hold only letters, digits and - . _ ~");
       }
     } else if (arg == "--user") {
       o.user = v;

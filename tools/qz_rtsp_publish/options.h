@@ -16,8 +16,10 @@ struct PublishOptions {
   int kbitrate = 2000;
   int gop_seconds = 2;
   int port = 8554;
-  int servers = 1;   // servers on port, port+1, ...
-  std::string bind;  // empty: all interfaces
+  int servers = 1;        // servers on port, port+1, ...
+  std::string bind;       // empty: all interfaces
+  int max_clients = 64;   // connections per server
+  bool gop_cache = true;  // new viewers start at the latest key frame
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;

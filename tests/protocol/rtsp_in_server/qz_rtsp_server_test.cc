@@ -3,7 +3,6 @@
 // all of it.
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,7 +10,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <map>
 #include <regex>
 #include <string>
 #include <thread>
@@ -20,12 +18,16 @@
 #include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/qz_rtsp_auth.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+#include "tests/fakes/rtsp_test_client.h"
 #include "tests/fakes/test_support.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using qz_test::Client;
+using qz_test::Response;
+using qz_test::SessionId;
 
 std::shared_ptr<QZRtspPacketData> Unit(const Bytes& b) {
   auto* data = new QZ_BYTE[b.size()];
@@ -91,127 +93,6 @@ class FakePublisher {
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
-
-struct Response {
-  int status = -1;  // -1: connection closed, -2: nothing within the wait
-  std::map<std::string, std::string> headers;
-  std::string body;
-};
-
-// A blocking RTSP client over a plain socket.
-class Client {
- public:
-  explicit Client(uint16_t port) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-  }
-  ~Client() { close(fd_); }
-  bool connected() const { return connected_; }
-
-  void Send(const std::string& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-      const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0)
-        return;
-      sent += static_cast<size_t>(n);
-    }
-  }
-
-  // Reads the next response, collecting interleaved frames on the way.
-  Response Read(int wait_ms = 3000) {
-    Response r;
-    for (;;) {
-      // Interleaved frames first.
-      while (buffer_.size() >= 4 && buffer_[0] == '$') {
-        const size_t len =
-            (static_cast<uint8_t>(buffer_[2]) << 8) | static_cast<uint8_t>(buffer_[3]);
-        if (buffer_.size() < 4 + len)
-          break;
-        frames_.push_back({static_cast<uint8_t>(buffer_[1]), buffer_.substr(4, len)});
-        buffer_.erase(0, 4 + len);
-      }
-      const size_t end = buffer_.find("\r\n\r\n");
-      if (!buffer_.empty() && buffer_[0] != '$' && end != std::string::npos) {
-        const std::string head = buffer_.substr(0, end);
-        std::smatch m;
-        std::regex status_re("^RTSP/1.0 (\\d{3})");
-        if (std::regex_search(head, m, status_re))
-          r.status = std::stoi(m[1]);
-        std::regex header_re("\r\n([^:\r\n]+): ([^\r\n]*)");
-        for (auto it = std::sregex_iterator(head.begin(), head.end(), header_re);
-             it != std::sregex_iterator(); ++it) {
-          r.headers[(*it)[1]] = (*it)[2];
-        }
-        size_t body_len =
-            r.headers.count("Content-Length") ? std::stoul(r.headers["Content-Length"]) : 0;
-        if (buffer_.size() >= end + 4 + body_len) {
-          r.body = buffer_.substr(end + 4, body_len);
-          buffer_.erase(0, end + 4 + body_len);
-          return r;
-        }
-      }
-      const int got = Fill(wait_ms);
-      if (got == 0) {
-        r.status = -1;
-        return r;
-      }
-      if (got < 0) {
-        r.status = -2;
-        return r;
-      }
-    }
-  }
-
-  // Reads for `ms` and returns the interleaved frames that arrived.
-  std::vector<std::pair<uint8_t, std::string>> Frames(int ms) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (Fill(20) == 0)
-        break;
-      Read(0);
-    }
-    auto out = std::move(frames_);
-    frames_.clear();
-    return out;
-  }
-
-  std::string Request(const std::string& method,
-                      const std::string& url,
-                      int cseq,
-                      const std::string& extra = "") {
-    return method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(cseq) + "\r\n" + extra +
-           "\r\n";
-  }
-
- private:
-  // >0 bytes read, 0 closed, <0 nothing within the wait.
-  int Fill(int wait_ms) {
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, wait_ms) <= 0)
-      return -1;
-    char buf[65536];
-    const ssize_t n = recv(fd_, buf, sizeof(buf), 0);
-    if (n <= 0)
-      return 0;
-    buffer_.append(buf, static_cast<size_t>(n));
-    return static_cast<int>(n);
-  }
-
-  int fd_;
-  bool connected_;
-  std::string buffer_;
-  std::vector<std::pair<uint8_t, std::string>> frames_;
-};
-
-std::string SessionId(const Response& r) {
-  auto it = r.headers.find("Session");
-  return it == r.headers.end() ? "" : it->second.substr(0, it->second.find(';'));
-}
 
 class ServerTest : public ::testing::Test {
  protected:
@@ -428,6 +309,13 @@ TEST_F(ServerTest, DescribeWaitsForParameterSetsThen503) {
 TEST_F(ServerTest, PipesAreRefusedWhenNamesClashOrTheServerIsStopped) {
   FakePublisher twin(server_->Handle(), "live");
   EXPECT_FALSE(twin.Offer());
+  // Names that would break the URL (or the SDP built from them).
+  for (const char* bad : {"", "a/b", "a b", "..", "x\r\ns=forged", "caf\xc3\xa9"}) {
+    FakePublisher odd(server_->Handle(), bad);
+    EXPECT_FALSE(odd.Offer()) << bad;
+  }
+  FakePublisher fine(server_->Handle(), "cam-1_front.v2~");
+  EXPECT_TRUE(fine.Offer());
   EXPECT_EQ(publisher_->piple()->GetRtspURL(), url_);
   server_->Stop();
   FakePublisher late(server_->Handle(), "late");

@@ -1,0 +1,58 @@
+// A blocking RTSP client over a plain loopback TCP socket, for tests and the
+// soak program: sends raw bytes, reads responses and collects the
+// interleaved frames that arrive on the way. One thread per client.
+#ifndef TESTS_FAKES_RTSP_TEST_CLIENT_H_
+#define TESTS_FAKES_RTSP_TEST_CLIENT_H_
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qz_test {
+
+struct Response {
+  int status = -1;  // -1: connection closed, -2: nothing within the wait
+  std::map<std::string, std::string> headers;
+  std::string body;
+};
+
+class Client {
+ public:
+  explicit Client(uint16_t port);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  bool connected() const { return connected_; }
+  // Sends all of `bytes` (or as much as the peer takes before closing).
+  void Send(const std::string& bytes);
+  // Reads the next response, collecting interleaved frames on the way.
+  Response Read(int wait_ms = 3000);
+  // Reads for `ms` and returns the interleaved frames that arrived.
+  std::vector<std::pair<uint8_t, std::string>> Frames(int ms);
+  // Closes with a TCP reset instead of an orderly shutdown.
+  void Reset();
+
+  static std::string Request(const std::string& method,
+                             const std::string& url,
+                             int cseq,
+                             const std::string& extra = "");
+
+ private:
+  // >0 bytes read, 0 closed, <0 nothing within the wait.
+  int Fill(int wait_ms);
+
+  int fd_;
+  bool connected_;
+  std::string buffer_;
+  std::vector<std::pair<uint8_t, std::string>> frames_;
+};
+
+// The id of a Session header, without its parameters.
+std::string SessionId(const Response& r);
+
+}  // namespace qz_test
+
+#endif  // TESTS_FAKES_RTSP_TEST_CLIENT_H_
