@@ -290,6 +290,7 @@ bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& p
     limits.keep_gop = options_.gop_cache;
     stream = std::make_shared<RtspStream>(piple, gate_, limits, static_cast<uint32_t>(rng_()));
     stream->set_on_packets([this](RtspStream& s) { OnStreamPackets(s); });
+    stream->set_on_cache_lost([this](RtspStream& s) { RequestKeyFrame(s); });
     streams_[name] = stream;
   }
   stream->Attach();

@@ -203,10 +203,15 @@ void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
 }
 
 // Keeps the ring from the latest key frame on, plus what playing clients have
-// not read yet, within the byte and age bounds. A client whose position falls
-// out of the ring is moved on by the server (to the latest key frame).
+// not read yet, within the byte and age bounds. Older packets go first, so
+// the cache for new viewers always starts at a key frame; a client whose
+// position falls out of the ring is moved on by the server (to the latest key
+// frame). The latest GOP itself is never evicted for age, and for size only
+// past a hard cap (an encoder that stopped sending key frames): then the
+// cache is dropped whole and a new key frame is asked for.
 void RtspStream::Evict() {
-  uint64_t keep_from = has_key_ && limits_.keep_gop ? last_key_index_ : end_index();
+  const bool keep_gop = has_key_ && limits_.keep_gop;
+  uint64_t keep_from = keep_gop ? last_key_index_ : end_index();
   for (RtspSession* session : sessions_) {
     // Sessions waiting for a key frame hold what arrives after their join
     // point, so that the key frame is still there when they look for it.
@@ -216,26 +221,38 @@ void RtspStream::Evict() {
   }
   const long long now = SteadyMs();
   while (!ring_.empty()) {
+    const bool in_cache = keep_gop && base_index_ >= last_key_index_;
+    if (in_cache) {
+      break;
+    }
     const RtpPacket& front = *ring_.front();
     const bool needed = base_index_ >= keep_from;
     const bool over_bytes = ring_bytes_ > limits_.max_ring_bytes;
     const bool too_old = now - front.arrival_ms > limits_.max_ring_age_ms;
-    // The latest key frame's GOP is never evicted for age, only for size.
-    const bool in_cache = limits_.keep_gop && has_key_ && base_index_ >= last_key_index_;
-    if (needed && !over_bytes && !(too_old && !in_cache)) {
+    if (needed && !over_bytes && !too_old) {
       break;
     }
-    if (in_cache && !over_bytes) {
-      break;
-    }
-    ring_bytes_ -= front.size;
-    ring_.pop_front();
-    ++base_index_;
+    PopFront();
   }
   if (has_key_ && last_key_index_ < base_index_) {
-    has_key_ = false;  // a GOP larger than the byte bound
+    has_key_ = false;  // without the cache the key frame goes like any packet
+  }
+  if (ring_bytes_ > limits_.max_ring_bytes * kHardCapFactor) {
+    while (!ring_.empty()) {
+      PopFront();
+    }
+    has_key_ = false;
+    if (on_cache_lost_) {
+      on_cache_lost_(*this);
+    }
   }
   cache_bytes_ = ring_bytes_;
+}
+
+void RtspStream::PopFront() {
+  ring_bytes_ -= ring_.front()->size;
+  ring_.pop_front();
+  ++base_index_;
 }
 
 QZRtspStreamStats RtspStream::Stats() const {

@@ -126,6 +126,10 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   const std::set<RtspSession*>& sessions() const { return sessions_; }
 
   void set_on_packets(std::function<void(RtspStream&)> f) { on_packets_ = std::move(f); }
+  // Runs on the network thread when the latest GOP passed the hard cap
+  // (twice the byte bound) and was dropped: a new key frame is needed.
+  void set_on_cache_lost(std::function<void(RtspStream&)> f) { on_cache_lost_ = std::move(f); }
+  static constexpr size_t kHardCapFactor = 2;
 
   unsigned long long packets_built() const { return packets_built_.load(); }
   RtspCounters& counters() { return counters_; }
@@ -148,6 +152,7 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
 
   void Append(std::vector<std::shared_ptr<RtpPacket>>& packets);
   void Evict();
+  void PopFront();
   RtpTrackWriter* Writer(int track);
 
   std::shared_ptr<QZRtspPacketPiple> piple_;
@@ -179,6 +184,7 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
 
   std::set<RtspSession*> sessions_;
   std::function<void(RtspStream&)> on_packets_;
+  std::function<void(RtspStream&)> on_cache_lost_;
   std::atomic<unsigned long long> packets_built_{0};
   std::atomic<size_t> cache_bytes_{0};  // mirrors ring_bytes_ for Stats()
   std::atomic<int> session_count_{0};
