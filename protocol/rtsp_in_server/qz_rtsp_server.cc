@@ -10,6 +10,7 @@
 #include <future>
 
 #include "protocol/rtsp_in_server/qz_rtsp_server_impl.h"
+#include "protocol/rtsp_in_server/qz_udp_batch.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
@@ -208,6 +209,7 @@ bool QZRtspServer::Impl::OpenUdp() {
     udp_rtp_ = std::move(rtp);
     udp_rtcp_ = std::move(rtcp);
     udp_rtp_port_ = port;
+    udp_v6_ = protocol == asio::ip::udp::v6();
     return true;
   }
   return false;
@@ -468,14 +470,37 @@ void QZRtspServer::Impl::Pump(RtspSession& session) {
     }
     return;
   }
+  // Everything new for this client in as few sendmmsg() calls as possible.
   RtspStream& stream = *session.stream;
+  UdpBatch batch(udp_rtp_->native_handle());
   for (uint64_t i = session.read_index; i < stream.end_index(); ++i) {
     const RtpPacket& packet = *stream.At(i);
     if (session.tracks[packet.track].setup) {
-      SendUdp(session, packet.track, packet.UdpData(), packet.UdpSize(), false);
+      batch.Add(UdpDestination(session, packet.track, false), packet.UdpData(), packet.UdpSize());
     }
   }
+  batch.Flush();
   session.read_index = stream.end_index();
+  if (batch.datagrams_sent() > 0) {
+    CountSent(session, batch.bytes_sent(), batch.datagrams_sent());
+  }
+  if (batch.datagrams_dropped() > 0) {
+    CountDropped(session, RtspCounters::Drop::kSocketFull, batch.datagrams_dropped());
+  }
+}
+
+asio::ip::udp::endpoint QZRtspServer::Impl::UdpDestination(const RtspSession& session,
+                                                           int track,
+                                                           bool rtcp) const {
+  const RtspSessionTrack& t = session.tracks[static_cast<size_t>(track)];
+  const asio::ip::udp::endpoint& endpoint = rtcp ? t.rtcp_endpoint : t.rtp_endpoint;
+  if (udp_v6_ && endpoint.address().is_v4()) {
+    // The dual-stack socket reaches IPv4 clients at their mapped address.
+    return asio::ip::udp::endpoint(
+        asio::ip::make_address_v6(asio::ip::v4_mapped, endpoint.address().to_v4()),
+        endpoint.port());
+  }
+  return endpoint;
 }
 
 void QZRtspServer::Impl::SendUdp(RtspSession& session,
@@ -484,15 +509,8 @@ void QZRtspServer::Impl::SendUdp(RtspSession& session,
                                  size_t size,
                                  bool rtcp) {
   asio::ip::udp::socket* socket = rtcp ? udp_rtcp_.get() : udp_rtp_.get();
-  const RtspSessionTrack& t = session.tracks[static_cast<size_t>(track)];
-  asio::ip::udp::endpoint endpoint = rtcp ? t.rtcp_endpoint : t.rtp_endpoint;
-  if (socket->local_endpoint().protocol() == asio::ip::udp::v6() && endpoint.address().is_v4()) {
-    endpoint = asio::ip::udp::endpoint(
-        asio::ip::make_address_v6(asio::ip::v4_mapped, endpoint.address().to_v4()),
-        endpoint.port());
-  }
   asio::error_code ec;
-  socket->send_to(asio::buffer(data, size), endpoint, 0, ec);
+  socket->send_to(asio::buffer(data, size), UdpDestination(session, track, rtcp), 0, ec);
   if (ec) {
     CountDropped(session, RtspCounters::Drop::kSocketFull, 1);
     return;

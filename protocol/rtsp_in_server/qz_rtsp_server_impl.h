@@ -54,6 +54,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   // write the TCP ones.
   void Pump(RtspSession& session);
   void SendUdp(RtspSession& session, int track, const uint8_t* data, size_t size, bool rtcp);
+  asio::ip::udp::endpoint UdpDestination(const RtspSession& session, int track, bool rtcp) const;
   // Counts on the session's stream and on the server's totals.
   void CountSent(RtspSession& session, size_t bytes, size_t packets);
   void CountDropped(RtspSession& session, RtspCounters::Drop reason, unsigned long long packets);
@@ -89,6 +90,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   std::unique_ptr<asio::ip::udp::socket> udp_rtp_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtcp_;
   uint16_t udp_rtp_port_ = 0;
+  bool udp_v6_ = false;  // the UDP sockets are dual-stack IPv6
   std::array<uint8_t, 2048> rtcp_buffer_[2];
   asio::ip::udp::endpoint rtcp_sender_[2];
   std::unique_ptr<asio::steady_timer> tick_;
