@@ -229,10 +229,29 @@ class Session : public std::enable_shared_from_this<Session> {
   void Setup(int track) {
     std::string transport;
     if (udp_) {
-      auto rtp = std::make_unique<UdpTrack>(asio::ip::udp::socket(
-          io_, asio::ip::udp::endpoint(
-                   server_.address().is_v4() ? asio::ip::udp::v4() : asio::ip::udp::v6(), 0)));
-      rtp->socket.set_option(asio::socket_base::receive_buffer_size(256 * 1024));
+      // An RTP port whose neighbour is free too, held for RTCP, so that no
+      // other session's RTCP lands on this session's RTP socket.
+      const asio::ip::udp protocol =
+          server_.address().is_v4() ? asio::ip::udp::v4() : asio::ip::udp::v6();
+      std::unique_ptr<UdpTrack> rtp;
+      for (int attempt = 0; attempt < 100 && !rtp; ++attempt) {
+        auto candidate = std::make_unique<UdpTrack>(
+            asio::ip::udp::socket(io_, asio::ip::udp::endpoint(protocol, 0)));
+        const uint16_t port = candidate->socket.local_endpoint().port();
+        auto rtcp = std::make_unique<UdpTrack>(asio::ip::udp::socket(io_, protocol));
+        asio::error_code ec;
+        rtcp->socket.bind(asio::ip::udp::endpoint(protocol, static_cast<uint16_t>(port + 1)), ec);
+        if (!ec) {
+          rtp = std::move(candidate);
+          udp_sockets_.push_back(std::move(rtcp));
+        }
+      }
+      if (!rtp) {
+        Fail();
+        return;
+      }
+      // Key frames arrive as bursts of hundreds of datagrams: room for a few.
+      rtp->socket.set_option(asio::socket_base::receive_buffer_size(4 << 20));
       const int port = rtp->socket.local_endpoint().port();
       transport =
           "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
@@ -260,7 +279,9 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   void OnRtp(int track, const uint8_t* p, size_t n) {
-    if (n < 12 || track < 0 || track >= static_cast<int>(tracks_.size())) {
+    // RTCP (packet types 200 to 204 where RTP has its payload type) is not media.
+    if (n < 12 || track < 0 || track >= static_cast<int>(tracks_.size()) ||
+        (p[1] >= 200 && p[1] <= 204)) {
       return;
     }
     TrackCounters& c = tracks_[static_cast<size_t>(track)];

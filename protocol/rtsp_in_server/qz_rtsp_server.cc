@@ -424,9 +424,24 @@ void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
       }
     }
   }
+  // The UDP clients' datagrams of this record go out together: one
+  // sendmmsg() per 64 datagrams across all clients.
+  UdpBatch batch = NewUdpBatch();
   for (auto& session : sessions) {
-    Pump(*session);
+    Pump(*session, &batch);
   }
+  batch.Flush();
+}
+
+UdpBatch QZRtspServer::Impl::NewUdpBatch() {
+  return UdpBatch(udp_rtp_->native_handle(), [this](void* tag, size_t size, bool sent) {
+    RtspSession& session = *static_cast<RtspSession*>(tag);
+    if (sent) {
+      CountSent(session, size, 1);
+    } else {
+      CountDropped(session, RtspCounters::Drop::kSocketFull, 1);
+    }
+  });
 }
 
 void QZRtspServer::Impl::Resync(RtspSession& session) {
@@ -455,7 +470,7 @@ void QZRtspServer::Impl::Resync(RtspSession& session) {
   }
 }
 
-void QZRtspServer::Impl::Pump(RtspSession& session) {
+void QZRtspServer::Impl::Pump(RtspSession& session, UdpBatch* batch) {
   if (session.state != RtspSession::State::kPlaying) {
     return;
   }
@@ -470,23 +485,20 @@ void QZRtspServer::Impl::Pump(RtspSession& session) {
     }
     return;
   }
-  // Everything new for this client in as few sendmmsg() calls as possible.
+  if (batch == nullptr) {
+    UdpBatch own = NewUdpBatch();
+    Pump(session, &own);
+    return;  // `own` sends what is left as it goes
+  }
   RtspStream& stream = *session.stream;
-  UdpBatch batch(udp_rtp_->native_handle());
   for (uint64_t i = session.read_index; i < stream.end_index(); ++i) {
     const RtpPacket& packet = *stream.At(i);
     if (session.tracks[packet.track].setup) {
-      batch.Add(UdpDestination(session, packet.track, false), packet.UdpData(), packet.UdpSize());
+      batch->Add(UdpDestination(session, packet.track, false), packet.UdpData(), packet.UdpSize(),
+                 &session);
     }
   }
-  batch.Flush();
   session.read_index = stream.end_index();
-  if (batch.datagrams_sent() > 0) {
-    CountSent(session, batch.bytes_sent(), batch.datagrams_sent());
-  }
-  if (batch.datagrams_dropped() > 0) {
-    CountDropped(session, RtspCounters::Drop::kSocketFull, batch.datagrams_dropped());
-  }
 }
 
 asio::ip::udp::endpoint QZRtspServer::Impl::UdpDestination(const RtspSession& session,

@@ -20,6 +20,7 @@
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
 #include "protocol/rtsp_in_server/qz_rtsp_session.h"
 #include "protocol/rtsp_in_server/qz_rtsp_stream.h"
+#include "protocol/rtsp_in_server/qz_udp_batch.h"
 
 namespace qz_rtsp_internal_server {
 
@@ -52,7 +53,11 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   uint16_t udp_rtp_port() const { return udp_rtp_port_; }
   // Sends the session's playable packets over UDP and asks its connection to
   // write the TCP ones.
-  void Pump(RtspSession& session);
+  // A UDP client's datagrams go into `batch` when given (the caller sends
+  // it while the session lives), else into one of its own.
+  void Pump(RtspSession& session, UdpBatch* batch = nullptr);
+  // A batch on the RTP socket that counts each datagram on its session.
+  UdpBatch NewUdpBatch();
   void SendUdp(RtspSession& session, int track, const uint8_t* data, size_t size, bool rtcp);
   asio::ip::udp::endpoint UdpDestination(const RtspSession& session, int track, bool rtcp) const;
   // Counts on the session's stream and on the server's totals.

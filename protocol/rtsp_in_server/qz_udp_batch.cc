@@ -4,11 +4,12 @@
 
 namespace qz_rtsp_internal_server {
 
-void UdpBatch::Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_t size) {
+void UdpBatch::Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_t size, void* tag) {
   if (count_ == kMaxBatch) {
     Flush();
   }
   const size_t i = count_++;
+  tags_[i] = tag;
   std::memcpy(&addresses_[i], to.data(), to.size());
   iovecs_[i].iov_base = const_cast<uint8_t*>(data);
   iovecs_[i].iov_len = size;
@@ -27,11 +28,17 @@ void UdpBatch::Flush() {
                            MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n <= 0) {
       ++datagrams_dropped_;  // this one was refused: go on with the next
+      if (on_result_) {
+        on_result_(tags_[next], iovecs_[next].iov_len, false);
+      }
       ++next;
       continue;
     }
-    for (int k = 0; k < n; ++k) {
-      bytes_sent_ += iovecs_[next + static_cast<size_t>(k)].iov_len;
+    for (size_t k = next; k < next + static_cast<size_t>(n); ++k) {
+      bytes_sent_ += iovecs_[k].iov_len;
+      if (on_result_) {
+        on_result_(tags_[k], iovecs_[k].iov_len, true);
+      }
     }
     datagrams_sent_ += static_cast<size_t>(n);
     next += static_cast<size_t>(n);

@@ -11,6 +11,7 @@
 #include <asio.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace qz_rtsp_internal_server {
 
@@ -18,14 +19,22 @@ class UdpBatch {
  public:
   static constexpr size_t kMaxBatch = 64;
 
-  explicit UdpBatch(int fd) : fd_(fd) {}
+  // Told of every datagram once its fate is known: the tag it was added
+  // with, its size, and whether the kernel took it. May be empty.
+  using Result = std::function<void(void* tag, size_t size, bool sent)>;
+
+  explicit UdpBatch(int fd, Result on_result = nullptr)
+      : fd_(fd), on_result_(std::move(on_result)) {}
   ~UdpBatch() { Flush(); }
   UdpBatch(const UdpBatch&) = delete;
   UdpBatch& operator=(const UdpBatch&) = delete;
 
   // Queues one datagram (sending the batch first when it is full). The bytes
   // must stay valid until the next Flush().
-  void Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_t size);
+  void Add(const asio::ip::udp::endpoint& to,
+           const uint8_t* data,
+           size_t size,
+           void* tag = nullptr);
   void Flush();
 
   size_t bytes_sent() const { return bytes_sent_; }
@@ -35,7 +44,9 @@ class UdpBatch {
 
  private:
   int fd_;
+  Result on_result_;
   size_t count_ = 0;
+  void* tags_[kMaxBatch];
   sockaddr_storage addresses_[kMaxBatch];
   iovec iovecs_[kMaxBatch];
   mmsghdr messages_[kMaxBatch];
