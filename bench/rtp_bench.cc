@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
+#include "tests/fakes/test_support.h"
 
 namespace {
 
@@ -18,18 +19,13 @@ using qz_rtsp_internal_server::QZRtspPacketData;
 using qz_rtsp_internal_server::RtpPacket;
 using qz_rtsp_internal_server::RtpTrackWriter;
 
-std::shared_ptr<QZRtspPacketData> Unit(std::vector<QZ_BYTE> bytes) {
-  auto* data = new QZ_BYTE[bytes.size()];
-  std::copy(bytes.begin(), bytes.end(), data);
-  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(bytes.size()));
-}
-
 void BM_PacketizeKeyFrame200KB(benchmark::State& state) {
   std::list<std::shared_ptr<QZRtspPacketData>> units = {
-      Unit({0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80}), Unit({0x68, 0xCE, 0x3C, 0x80})};
+      qz_test::PacketData({0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80}),
+      qz_test::PacketData({0x68, 0xCE, 0x3C, 0x80})};
   std::vector<QZ_BYTE> idr(200 * 1024, 0x5A);
   idr[0] = 0x65;
-  units.push_back(Unit(idr));
+  units.push_back(qz_test::PacketData(idr));
   RtpTrackWriter writer(0, 96, 90000, 0x1234, 1, 0, 0);
   std::vector<std::shared_ptr<RtpPacket>> packets;
   size_t total_packets = 0;

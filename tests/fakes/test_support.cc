@@ -1,5 +1,7 @@
 #include "tests/fakes/test_support.h"
 
+#include <algorithm>
+
 #include <thread>
 
 #include "utility/qz_log.h"
@@ -105,6 +107,14 @@ std::vector<QZ_BYTE> AnnexB(const std::vector<std::vector<QZ_BYTE>>& units) {
     out.insert(out.end(), unit.begin(), unit.end());
   }
   return out;
+}
+
+std::shared_ptr<qz_rtsp_internal_server::QZRtspPacketData> PacketData(
+    const std::vector<QZ_BYTE>& bytes) {
+  auto* data = new QZ_BYTE[bytes.size()];
+  std::copy(bytes.begin(), bytes.end(), data);
+  return std::make_shared<qz_rtsp_internal_server::QZRtspPacketData>(
+      data, static_cast<QZ_UINT32>(bytes.size()));
 }
 
 }  // namespace qz_test

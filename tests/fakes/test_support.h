@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
 #include "publisher/qz_media_define.h"
 #include "utility/qz_utility.h"
 
@@ -86,6 +87,10 @@ inline const std::vector<QZ_BYTE> kH265Idr = {0x26, 0x01, 0xAF, 0x09, 0x40};  //
 inline const std::vector<QZ_BYTE> kH265Trail = {0x02, 0x01, 0xD0, 0x11};      // TRAIL_R
 inline const std::vector<QZ_BYTE> kAacConfig44k2 = {0x12, 0x10};  // AAC-LC 44100 Hz stereo
 inline const std::vector<QZ_BYTE> kAacConfig48k1 = {0x11, 0x88};  // AAC-LC 48000 Hz mono
+
+// A record's NAL unit or frame buffer holding a copy of `bytes`.
+std::shared_ptr<qz_rtsp_internal_server::QZRtspPacketData> PacketData(
+    const std::vector<QZ_BYTE>& bytes);
 
 }  // namespace qz_test
 

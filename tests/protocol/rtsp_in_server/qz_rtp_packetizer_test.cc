@@ -6,17 +6,12 @@
 
 #include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/qz_sdp.h"
+#include "tests/fakes/test_support.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-std::shared_ptr<QZRtspPacketData> Unit(const Bytes& bytes) {
-  auto* data = new QZ_BYTE[bytes.size()];
-  std::copy(bytes.begin(), bytes.end(), data);
-  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(bytes.size()));
-}
 
 Bytes Filled(uint8_t header, size_t size) {
   Bytes b(size);
@@ -47,7 +42,9 @@ std::vector<Payload> Drain(RtpPayloadPacketizer& p, size_t capacity) {
 TEST(H264PacketizerTest, ParameterSetsAggregateAndSmallSlicesGoAlone) {
   const Bytes aud = {0x09, 0x30}, sps = {0x67, 0x42, 0x00, 0x1E}, pps = {0x68, 0xCE, 0x3C};
   const Bytes idr = Filled(0x65, 100);
-  H264Packetizer p({Unit(aud), Unit(sps), Unit(pps), Unit(idr)}, 1400);
+  H264Packetizer p({qz_test::PacketData(aud), qz_test::PacketData(sps), qz_test::PacketData(pps),
+                    qz_test::PacketData(idr)},
+                   1400);
   const auto packets = Drain(p, 1400);
   ASSERT_EQ(packets.size(), 2u);
   // STAP-A: F=0 NRI=11 (highest of the units) type 24 = 0x78; then 16-bit
@@ -66,7 +63,7 @@ TEST(H264PacketizerTest, FuABoundaries) {
   // 3001 bytes: header + 3000 payload bytes; 1398 per fragment after the
   // two FU bytes -> 1398, 1398, 204.
   const Bytes idr = Filled(0x65, 3001);
-  H264Packetizer p({Unit(idr)}, 1400);
+  H264Packetizer p({qz_test::PacketData(idr)}, 1400);
   const auto packets = Drain(p, 1400);
   ASSERT_EQ(packets.size(), 3u);
   // FU indicator: F=0 NRI=11 type 28 -> 0x7C. FU header: S E R type(5).
@@ -87,7 +84,7 @@ TEST(H264PacketizerTest, FuABoundaries) {
 }
 
 TEST(H264PacketizerTest, UnitExactlyAtTheLimitIsNotFragmented) {
-  H264Packetizer p({Unit(Filled(0x41, 1400))}, 1400);
+  H264Packetizer p({qz_test::PacketData(Filled(0x41, 1400))}, 1400);
   const auto packets = Drain(p, 1400);
   ASSERT_EQ(packets.size(), 1u);
   EXPECT_EQ(packets[0].bytes[0], 0x41);
@@ -98,7 +95,8 @@ TEST(H265PacketizerTest, FuKeepsLayerIdAndTid) {
   const Bytes idr = Filled(0x27, 2000);
   Bytes unit = idr;
   unit[1] = 0x0A;
-  H265Packetizer p({Unit({0x46, 0x01, 0x50}), Unit(unit)}, 1400);  // AUD (type 35) skipped
+  H265Packetizer p({qz_test::PacketData({0x46, 0x01, 0x50}), qz_test::PacketData(unit)},
+                   1400);  // AUD (type 35) skipped
   const auto packets = Drain(p, 1400);
   ASSERT_EQ(packets.size(), 2u);
   // PayloadHdr: F | type 49 | LayerId | TID -> (0x27 & 0x81) | 49 << 1 = 0x63, 0x0A.
@@ -113,7 +111,7 @@ TEST(H265PacketizerTest, FuKeepsLayerIdAndTid) {
 }
 
 TEST(AacPacketizerTest, AuHeaderAndFragments) {
-  AacPacketizer small(Unit(Filled(0x21, 300)), 1400);
+  AacPacketizer small(qz_test::PacketData(Filled(0x21, 300)), 1400);
   auto packets = Drain(small, 1400);
   ASSERT_EQ(packets.size(), 1u);
   // AU-headers-length 16 bits; AU-header: size 300 in 13 bits, index 0:
@@ -122,7 +120,7 @@ TEST(AacPacketizerTest, AuHeaderAndFragments) {
             Bytes({0x00, 0x10, 0x09, 0x60}));
   EXPECT_TRUE(packets[0].last);
 
-  AacPacketizer large(Unit(Filled(0x21, 2000)), 1400);
+  AacPacketizer large(qz_test::PacketData(Filled(0x21, 2000)), 1400);
   packets = Drain(large, 1400);
   ASSERT_EQ(packets.size(), 2u);
   EXPECT_EQ(packets[1].bytes[2], 0x3E);  // 2000 << 3 = 0x3E80, in every fragment
@@ -133,7 +131,7 @@ TEST(AacPacketizerTest, AuHeaderAndFragments) {
 
 TEST(RtpTrackWriterTest, HeaderMarkerAndSequence) {
   RtpTrackWriter writer(0, 96, 90000, 0x11223344, 0xFFFF, 1000, 0);
-  H264Packetizer p({Unit(Filled(0x65, 3001))}, 1400);
+  H264Packetizer p({qz_test::PacketData(Filled(0x65, 3001))}, 1400);
   std::vector<std::shared_ptr<RtpPacket>> out;
   const uint32_t ts = writer.RtpTime(40, 0);
   EXPECT_EQ(ts, 1000u + 40u * 90u);
@@ -158,7 +156,7 @@ TEST(RtpTrackWriterTest, HeaderMarkerAndSequence) {
 
 TEST(RtpTrackWriterTest, AudioTimeFollowsSampleCountWithinJitter) {
   RtpTrackWriter writer(1, 97, 48000, 1, 0, 0, 2);
-  RawAudioPacketizer p1(Unit(Filled(1, 10)), 1400);
+  RawAudioPacketizer p1(qz_test::PacketData(Filled(1, 10)), 1400);
   std::vector<std::shared_ptr<RtpPacket>> out;
   writer.Packetize(p1, 1400, writer.RtpTime(0, 0), 0, 0, false, false, out);
   // 21 ms later by the millisecond clock, 1024 samples later by count.

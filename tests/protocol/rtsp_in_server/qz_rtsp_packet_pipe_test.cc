@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "tests/fakes/test_support.h"
 
 namespace {
 
@@ -16,12 +17,6 @@ class CountingVideoSinker : public QZRtspVideoSinker {
   }
   std::vector<std::shared_ptr<QZRtspVideoPacket>> received;
 };
-
-std::shared_ptr<QZRtspPacketData> Buffer(std::initializer_list<QZ_BYTE> bytes) {
-  QZ_BYTE* data = new QZ_BYTE[bytes.size()];
-  std::copy(bytes.begin(), bytes.end(), data);
-  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(bytes.size()));
-}
 
 TEST(QZRtspPacketPipleTest, NewPipeIsBlank) {
   QZRtspPacketPiple piple("live");
@@ -122,7 +117,7 @@ TEST(QZRtspPacketPipleTest, PostReachesLiveConsumersOnlyAndSharesTheRecord) {
   piple.AddVideoSinker(a_base);  // twice: still one delivery
   piple.AddVideoSinker(b_base);
   auto record = std::make_shared<QZRtspVideoPacket>();
-  record->nal_units_.push_back(Buffer({0x65, 0x01}));
+  record->nal_units_.push_back(qz_test::PacketData({0x65, 0x01}));
   piple.PostVideoPacket(record);
   ASSERT_EQ(a->received.size(), 1u);
   EXPECT_EQ(a->received[0].get(), record.get());
@@ -160,7 +155,7 @@ TEST(QZRtspPacketPipleTest, ConsumerMayDetachDuringDelivery) {
 }
 
 TEST(QZRtspPacketDataTest, FreesItsBufferOnceWhenTheLastReferenceGoes) {
-  auto data = Buffer({1, 2, 3});
+  auto data = qz_test::PacketData({1, 2, 3});
   std::weak_ptr<QZRtspPacketData> weak = data;
   auto copy = data;
   data.reset();

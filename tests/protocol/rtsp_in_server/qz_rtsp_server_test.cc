@@ -29,12 +29,6 @@ using qz_test::Client;
 using qz_test::Response;
 using qz_test::SessionId;
 
-std::shared_ptr<QZRtspPacketData> Unit(const Bytes& b) {
-  auto* data = new QZ_BYTE[b.size()];
-  std::copy(b.begin(), b.end(), data);
-  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(b.size()));
-}
-
 // Plays the publisher: describes a pipe (H.264 + G.711 A-law) and posts a
 // record every 10 ms, a key frame every 10th.
 class FakePublisher {
@@ -62,11 +56,11 @@ class FakePublisher {
         video->is_key_frame_ = i % 10 == 0;
         video->time_stamp_ = static_cast<QZ_UINT64>(i) * 10;
         if (video->is_key_frame_) {
-          video->nal_units_.push_back(Unit(qz_test::kH264Sps));
-          video->nal_units_.push_back(Unit(qz_test::kH264Pps));
-          video->nal_units_.push_back(Unit(Bytes(3000, 0x65)));  // fragmented
+          video->nal_units_.push_back(qz_test::PacketData(qz_test::kH264Sps));
+          video->nal_units_.push_back(qz_test::PacketData(qz_test::kH264Pps));
+          video->nal_units_.push_back(qz_test::PacketData(Bytes(3000, 0x65)));  // fragmented
         } else {
-          video->nal_units_.push_back(Unit(Bytes(500, 0x41)));
+          video->nal_units_.push_back(qz_test::PacketData(Bytes(500, 0x41)));
         }
         piple_->PostVideoPacket(video);
         auto audio = std::make_shared<QZRtspAudioPacket>();
@@ -74,7 +68,7 @@ class FakePublisher {
         audio->sample_rate_ = 8000;
         audio->channels_ = 1;
         audio->time_stamp_ = static_cast<QZ_UINT64>(i) * 10;
-        audio->data_ = Unit(Bytes(80, 0xD5));
+        audio->data_ = qz_test::PacketData(Bytes(80, 0xD5));
         piple_->PostAudioPacket(audio);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }

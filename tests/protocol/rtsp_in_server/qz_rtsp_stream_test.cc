@@ -15,12 +15,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-std::shared_ptr<QZRtspPacketData> Unit(const Bytes& b) {
-  auto* data = new QZ_BYTE[b.size()];
-  std::copy(b.begin(), b.end(), data);
-  return std::make_shared<QZRtspPacketData>(data, static_cast<QZ_UINT32>(b.size()));
-}
-
 struct CacheCase {
   const char* name;
   bool keep_gop;
@@ -61,11 +55,11 @@ TEST_P(GopCacheTest, CacheStartsAtAKeyFrameWithinItsBounds) {
     record->is_key_frame_ = f == 'K';
     record->time_stamp_ = static_cast<QZ_UINT64>(t += 40);
     if (record->is_key_frame_) {
-      record->nal_units_.push_back(Unit(qz_test::kH264Sps));
-      record->nal_units_.push_back(Unit(qz_test::kH264Pps));
-      record->nal_units_.push_back(Unit(Bytes(3000, 0x65)));
+      record->nal_units_.push_back(qz_test::PacketData(qz_test::kH264Sps));
+      record->nal_units_.push_back(qz_test::PacketData(qz_test::kH264Pps));
+      record->nal_units_.push_back(qz_test::PacketData(Bytes(3000, 0x65)));
     } else {
-      record->nal_units_.push_back(Unit(Bytes(1000, 0x41)));
+      record->nal_units_.push_back(qz_test::PacketData(Bytes(1000, 0x41)));
     }
     stream.OnVideo(record);
     // After every record: whatever a joining viewer gets begins at a key frame.
