@@ -4,8 +4,9 @@
 # 2 s key-frame interval and no B-frames plus AAC 128 kbit/s, the server
 # pinned to core 0 and qz_rtsp_load to core 1, for each reader count. Per
 # point: server CPU (% of a core, over a 10 s window after 5 s of warm-up),
-# resident memory, loss and delay over the best frame. Prints a Markdown
-# table with the ratios ours/peer.
+# resident memory, loss and delay over the best frame. Each point runs
+# QZ_BENCH_REPEAT times (default 3) per server and the run with the median
+# CPU is reported. Prints a Markdown table with the ratios ours/peer.
 #   bench/compare_servers.sh [BUILD_DIR]      (default build; run by hand)
 set -uo pipefail
 BUILD=${1:-build}
@@ -13,6 +14,7 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 INPUT=${QZ_BENCH_INPUT:-$ROOT/$BUILD/bench_input_1080p30.mp4}
 POINTS=${QZ_BENCH_POINTS:-"tcp:1 tcp:10 tcp:50 tcp:100 tcp:200 tcp:500 udp:10 udp:50 udp:100"}
 PORT=18554
+REPEAT=${QZ_BENCH_REPEAT:-3}
 TICKS=$(getconf CLK_TCK)
 
 if [ ! -s "$INPUT" ]; then
@@ -63,13 +65,22 @@ measure() {
     "${p50:-?}" "${p99:-?}" "${alive:-0}"
 }
 
+# The run with the median CPU of REPEAT runs of one point.
+median_of() {
+  local runs=() i
+  for i in $(seq 1 "$REPEAT"); do
+    runs+=("$(measure "$@")")
+  done
+  printf "%s\n" "${runs[@]}" | sort -n -k1,1 | sed -n "$(((REPEAT + 1) / 2))p"
+}
+
 echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | alive ours/peer |"
 echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
 for point in $POINTS; do
   transport=${point%%:*}
   readers=${point##*:}
-  read -r oc om ol o50 o99 oa <<< "$(measure ours "$transport" "$readers")"
-  read -r gc gm gl g50 g99 ga <<< "$(measure peer "$transport" "$readers")"
+  read -r oc om ol o50 o99 oa <<< "$(median_of ours "$transport" "$readers")"
+  read -r gc gm gl g50 g99 ga <<< "$(median_of peer "$transport" "$readers")"
   ratio=$(echo "if ($gc > 0) $oc / $gc else 0" | bc -l)
   printf "| %s %s | %s | %s | %.2f | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s |\n" \
     "$readers" "$transport" "$oc" "$gc" "$ratio" "$om" "$gm" "$ol" "$gl" "$o50" "$o99" \
