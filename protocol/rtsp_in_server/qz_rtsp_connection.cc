@@ -15,7 +15,7 @@ namespace {
 constexpr const char* kPublic =
     "OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER";
 constexpr size_t kMaxControlBytes = 256 * 1024;
-constexpr size_t kMaxPacketsPerWrite = 128;
+constexpr size_t kMaxPacketsPerWrite = 64;  // one sendmsg() takes up to 64 buffers in Asio
 constexpr size_t kMaxBytesPerWrite = 256 * 1024;
 
 // Path of an RTSP URL (absolute or not), without query.
@@ -91,6 +91,8 @@ RtspConnection::RtspConnection(QZRtspServer::Impl& server,
   remote_ = socket_.remote_endpoint(ec);
   local_ = socket_.local_endpoint(ec);
   socket_.set_option(asio::ip::tcp::no_delay(true), ec);
+  // Writes are tried at once and never block; see KickWrite().
+  socket_.non_blocking(true, ec);
   last_activity_ms_ = server_.NowMs();
 }
 
@@ -209,7 +211,6 @@ bool RtspConnection::SendInterleaved(uint8_t channel, const std::vector<uint8_t>
   frame.append(reinterpret_cast<const char*>(rtcp.data()), rtcp.size());
   control_bytes_ += frame.size();
   control_.push_back(std::move(frame));
-  KickWrite();
   return true;
 }
 
@@ -546,42 +547,105 @@ bool RtspConnection::GatherMedia(std::vector<asio::const_buffer>& buffers) {
   return false;
 }
 
-void RtspConnection::KickWrite() {
-  if (writing_ || closed_) {
-    return;
-  }
-  std::vector<asio::const_buffer> buffers;
-  if (!control_.empty()) {
-    writing_control_ = std::move(control_.front());
-    control_.pop_front();
-    control_bytes_ -= writing_control_.size();
-    buffers.emplace_back(asio::buffer(writing_control_));
-  } else if (close_after_write_) {
-    Close();
-    return;
-  } else if (!GatherMedia(buffers)) {
-    return;
-  }
-  writing_ = true;
-  auto self = shared_from_this();
-  asio::async_write(socket_, buffers, [this, self](const asio::error_code& ec, size_t n) {
-    writing_ = false;
-    writing_control_.clear();
-    if (writing_session_ != nullptr) {
-      writing_session_->writing = false;
-      if (!ec) {
-        server_.CountSent(*writing_session_, n, writing_packets_.size());
-      }
-      writing_session_->last_activity_ms = server_.NowMs();
-      writing_session_ = nullptr;
+void RtspConnection::SizeSendBuffer(int ms) {
+  constexpr size_t kMinSendBuffer = 64 * 1024;
+  constexpr size_t kMaxSendBuffer = 8 * 1024 * 1024;
+  size_t rate = 0;
+  for (const auto& entry : sessions_) {
+    const RtspSession& session = *entry.second;
+    if (session.state == RtspSession::State::kPlaying && session.HasTcpTrack()) {
+      rate += session.stream->byte_rate();
     }
-    writing_packets_.clear();
-    if (ec) {
+  }
+  if (ms <= 0 || rate == 0 || closed_) {
+    return;
+  }
+  const size_t want =
+      std::clamp(rate * static_cast<size_t>(ms) / 1000, kMinSendBuffer, kMaxSendBuffer);
+  if (send_buffer_bytes_ != 0 && want * 4 > send_buffer_bytes_ * 3 &&
+      want * 4 < send_buffer_bytes_ * 5) {
+    return;  // within 25 %
+  }
+  asio::error_code ec;
+  // Linux doubles the value for its bookkeeping; what it reports back is
+  // not what it holds of payload, so the value asked for is remembered.
+  socket_.set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
+  if (!ec) {
+    send_buffer_bytes_ = want;
+  }
+}
+
+void RtspConnection::KickWrite() {
+  auto self = shared_from_this();  // a failed write closes (and may release) this connection
+  while (!writing_ && !closed_) {
+    std::vector<asio::const_buffer> buffers;
+    if (!control_.empty()) {
+      writing_control_ = std::move(control_.front());
+      control_.pop_front();
+      control_bytes_ -= writing_control_.size();
+      buffers.emplace_back(asio::buffer(writing_control_));
+    } else if (close_after_write_) {
       Close();
       return;
+    } else if (!GatherMedia(buffers)) {
+      return;
     }
-    KickWrite();
-  });
+    writing_ = true;
+    // Most writes fit into the socket's buffer: hand them to the kernel now,
+    // in one sendmsg(), without a round trip through the event loop. Only
+    // what does not fit waits for the socket to drain.
+    const size_t total = asio::buffer_size(buffers);
+    asio::error_code ec;
+    size_t n = socket_.write_some(buffers, ec);
+    if (ec == asio::error::would_block || ec == asio::error::try_again) {
+      ec.clear();
+      n = 0;
+    }
+    if (ec || n == total) {
+      FinishWrite(ec, n);
+      continue;
+    }
+    std::vector<asio::const_buffer> rest;
+    size_t skip = n;
+    for (const asio::const_buffer& b : buffers) {
+      if (skip >= b.size()) {
+        skip -= b.size();
+        continue;
+      }
+      rest.push_back(b + skip);
+      skip = 0;
+    }
+    asio::async_write(socket_, rest, [this, self, n](const asio::error_code& error, size_t m) {
+      FinishWrite(error, n + m);
+      KickWrite();
+    });
+    return;
+  }
+}
+
+void RtspConnection::FinishWrite(const asio::error_code& ec, size_t bytes) {
+  writing_ = false;
+  writing_control_.clear();
+  if (writing_session_ != nullptr) {
+    RtspSession& session = *writing_session_;
+    session.writing = false;
+    if (!ec) {
+      server_.CountSent(session, bytes, writing_packets_.size());
+      const uint64_t before = session.written_index;
+      session.written_index = session.write_end;
+      RtspStream& stream = *session.stream;
+      session.live = session.live || session.written_index >= stream.end_index();
+      if (session.live && stream.has_unwritten() && before < stream.first_unwritten_end()) {
+        server_.SettleWrites(stream);
+      }
+    }
+    session.last_activity_ms = server_.NowMs();
+    writing_session_ = nullptr;
+  }
+  writing_packets_.clear();
+  if (ec) {
+    Close();
+  }
 }
 
 }  // namespace qz_rtsp_internal_server

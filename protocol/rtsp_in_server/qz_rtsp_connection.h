@@ -36,7 +36,12 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   // Writes pending responses, RTCP and the media of this connection's TCP
   // sessions, one scatter-gather write at a time.
   void KickWrite();
+  // Sizes the socket's send buffer to `ms` of the bit rate of the streams
+  // this connection plays over TCP (tick; no change for small differences).
+  void SizeSendBuffer(int ms);
   // Queues RTCP for a TCP track; false (dropped) when the queue is long.
+  // The caller kicks the write once it queued every report that must go
+  // before the next media (a write may start at once and take the media).
   bool SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp);
 
   asio::ip::address remote_address() const { return remote_.address(); }
@@ -48,6 +53,8 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   void ForgetSession(const std::string& id) { sessions_.erase(id); }
 
  private:
+  // A media or control write ended (`bytes` of it written unless `ec`).
+  void FinishWrite(const asio::error_code& ec, size_t bytes);
   void DoRead();
   void OnRequest(const RtspRequest& request);
   void OnInterleaved(uint8_t channel);
@@ -77,6 +84,7 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   std::array<char, 8192> read_buffer_;
   std::deque<std::string> control_;  // responses and RTCP, written before media
   size_t control_bytes_ = 0;
+  size_t send_buffer_bytes_ = 0;  // what SizeSendBuffer() last set
   bool writing_ = false;
   std::string writing_control_;
   std::vector<std::shared_ptr<RtpPacket>> writing_packets_;

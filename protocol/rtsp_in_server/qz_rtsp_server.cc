@@ -210,6 +210,7 @@ bool QZRtspServer::Impl::OpenUdp() {
     udp_rtcp_ = std::move(rtcp);
     udp_rtp_port_ = port;
     udp_v6_ = protocol == asio::ip::udp::v6();
+    udp_gso_ = options_.udp_gso;
     return true;
   }
   return false;
@@ -431,10 +432,32 @@ void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
     Pump(*session, &batch);
   }
   batch.Flush();
+  SettleWrites(stream);
+}
+
+void QZRtspServer::Impl::SettleWrites(RtspStream& stream) {
+  if (!stream.has_unwritten()) {
+    return;
+  }
+  uint64_t written_by_all = UINT64_MAX;
+  for (RtspSession* session : stream.sessions()) {
+    if (session->state != RtspSession::State::kPlaying || session->waiting_key) {
+      continue;
+    }
+    session->live = session->live || session->written_index >= stream.end_index();
+    if (session->live) {
+      written_by_all = std::min(written_by_all, session->written_index);
+    }
+  }
+  if (written_by_all == UINT64_MAX) {
+    stream.ForgetUnwritten();
+    return;
+  }
+  stream.SettleWritten(written_by_all, RtspStream::NowUs());
 }
 
 UdpBatch QZRtspServer::Impl::NewUdpBatch() {
-  return UdpBatch(udp_rtp_->native_handle(), [this](void* tag, size_t size, bool sent) {
+  return UdpBatch(udp_rtp_->native_handle(), &udp_gso_, [this](void* tag, size_t size, bool sent) {
     RtspSession& session = *static_cast<RtspSession*>(tag);
     if (sent) {
       CountSent(session, size, 1);
@@ -499,6 +522,7 @@ void QZRtspServer::Impl::Pump(RtspSession& session, UdpBatch* batch) {
     }
   }
   session.read_index = stream.end_index();
+  session.written_index = session.read_index;  // the caller flushes the batch next
 }
 
 asio::ip::udp::endpoint QZRtspServer::Impl::UdpDestination(const RtspSession& session,
@@ -566,6 +590,9 @@ void QZRtspServer::Impl::SendSenderReports(RtspSession& session, long long now_m
     } else {
       SendUdp(session, static_cast<int>(t), report.data(), report.size(), true);
     }
+  }
+  if (connection) {
+    connection->KickWrite();
   }
 }
 
@@ -680,6 +707,7 @@ void QZRtspServer::Impl::OnTick() {
     }
   }
   for (auto& connection : connections_) {
+    connection->SizeSendBuffer(options_.tcp_send_buffer_ms);
     const long long started = connection->request_started_ms();
     if ((!connection->has_sessions() &&
          now - connection->last_activity_ms() > options_.idle_timeout_s * 1000LL) ||

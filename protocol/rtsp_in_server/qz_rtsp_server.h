@@ -48,6 +48,17 @@ struct QZRtspServerOptions {
   // viewer gets a picture at once. Off: new viewers wait for the next key
   // frame.
   bool gop_cache = true;
+  // Send a UDP client's packets of one frame as one segmented message
+  // (UDP_SEGMENT, Linux 4.18 and later): the kernel walks its stack once
+  // per frame instead of once per packet. Switched off by itself where the
+  // kernel or the network device cannot segment.
+  bool udp_gso = true;
+  // A TCP client's kernel send buffer holds about this much of its streams
+  // (sized from their bit rate, at least 64 KiB): a client that cannot keep
+  // up falls behind in the server's shared packet ring, where it is cut
+  // back to a key frame, instead of in a deep socket buffer that holds
+  // seconds of stale video. 0 leaves the buffer to the kernel.
+  int tcp_send_buffer_ms = 500;
   // Authentication, off while `auth_user` is empty: every request but
   // OPTIONS then needs Digest credentials (RFC 2617, MD5), or Basic ones
   // when `allow_basic_auth` is set (they cross the network in clear text).
@@ -85,6 +96,15 @@ struct QZRtspStreamStats {
   unsigned long long key_frame_requests = 0;  // calls of on_key_frame_request
   unsigned long long rtp_packets_built = 0;   // once per stream, shared by its clients
   unsigned long long cache_bytes = 0;         // held for viewers that join
+  // From a record posted into the stream's pipe to its last RTP packet
+  // handed to the kernel for every client that keeps up, in µs, over the
+  // stream's life (records a client skipped or never got are not counted).
+  unsigned long long write_delay_samples = 0;
+  long long write_delay_p50_us = 0;
+  long long write_delay_p99_us = 0;
+  long long write_delay_max_us = 0;
+  // The same delays per bucket (DelayHistogram's), for figures over a window.
+  std::vector<unsigned long long> write_delay_counts;
 };
 
 struct QZRtspServerStats {

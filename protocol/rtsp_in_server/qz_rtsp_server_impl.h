@@ -73,6 +73,9 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
                              const std::vector<uint8_t>& report);
   // Asks the application for a key frame, at most once a second per stream.
   void RequestKeyFrame(RtspStream& stream);
+  // Counts the stream's records that every client that keeps up has now
+  // written (see RtspStream::SettleWritten).
+  void SettleWrites(RtspStream& stream);
   // Moves a session's read position on when the ring dropped what it needed.
   void Resync(RtspSession& session);
   long long NowMs() const;
@@ -95,7 +98,8 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   std::unique_ptr<asio::ip::udp::socket> udp_rtp_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtcp_;
   uint16_t udp_rtp_port_ = 0;
-  bool udp_v6_ = false;  // the UDP sockets are dual-stack IPv6
+  bool udp_v6_ = false;   // the UDP sockets are dual-stack IPv6
+  bool udp_gso_ = false;  // segment UDP media; cleared when the kernel refuses
   std::array<uint8_t, 2048> rtcp_buffer_[2];
   asio::ip::udp::endpoint rtcp_sender_[2];
   std::unique_ptr<asio::steady_timer> tick_;

@@ -42,6 +42,11 @@ struct RtspSession {
   // A TCP write of packets up to this index is under way.
   bool writing = false;
   uint64_t write_end = 0;
+  // Packets before this index were handed to the kernel; `live` once the
+  // client caught up with the stream (its joining burst is not counted in
+  // the write delay).
+  uint64_t written_index = 0;
+  bool live = false;
 
   long long last_activity_ms = 0;
   unsigned long long bytes_sent = 0;

@@ -57,8 +57,10 @@ class RtspStream::Consumer : public QZRtspPacketSinkerImpl<Record> {
       : stream_(std::move(stream)), gate_(std::move(gate)) {}
   void OnRtspPacket(const std::shared_ptr<Record>& packet) override {
     std::weak_ptr<RtspStream> stream = stream_;
-    gate_->Post([stream, packet] {
+    const long long posted_us = NowUs();
+    gate_->Post([stream, packet, posted_us] {
       if (auto s = stream.lock()) {
+        s->set_posted_us(posted_us);
         ((*s).*Handle)(packet);
       }
     });
@@ -91,6 +93,19 @@ RtspStream::RtspStream(std::shared_ptr<QZRtspPacketPiple> piple,
 }
 
 RtspStream::~RtspStream() = default;
+
+long long RtspStream::NowUs() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+void RtspStream::SettleWritten(uint64_t written, long long now_us) {
+  while (!unwritten_.empty() && unwritten_.front().end_index <= written) {
+    write_delay_.Add(now_us - unwritten_.front().posted_us);
+    unwritten_.pop_front();
+  }
+}
 
 void RtspStream::Attach() {
   video_consumer_ = std::make_shared<VideoConsumer>(shared_from_this(), gate_);
@@ -187,7 +202,16 @@ void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
   if (packets.empty()) {
     return;
   }
+  const long long now_ms = SteadyMs();
+  if (rate_window_start_ms_ < 0) {
+    rate_window_start_ms_ = now_ms;
+  } else if (now_ms - rate_window_start_ms_ >= 1000) {
+    byte_rate_ = rate_window_bytes_ * 1000 / static_cast<size_t>(now_ms - rate_window_start_ms_);
+    rate_window_start_ms_ = now_ms;
+    rate_window_bytes_ = 0;
+  }
   for (auto& packet : packets) {
+    rate_window_bytes_ += packet->size;
     if (packet->key_frame_start) {
       has_key_ = true;
       last_key_index_ = end_index();
@@ -195,6 +219,13 @@ void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
     ring_bytes_ += packet->size;
     ring_.push_back(std::move(packet));
     ++packets_built_;
+  }
+  if (posted_us_ > 0) {
+    if (unwritten_.size() == kMaxUnwritten) {
+      unwritten_.pop_front();  // a client stuck this long is no longer "keeping up"
+    }
+    unwritten_.push_back(Unwritten{end_index(), posted_us_});
+    posted_us_ = 0;
   }
   Evict();
   if (on_packets_) {
@@ -266,6 +297,11 @@ QZRtspStreamStats RtspStream::Stats() const {
   stats.key_frame_requests = counters_.key_frame_requests.load();
   stats.rtp_packets_built = packets_built_.load();
   stats.cache_bytes = cache_bytes_.load();
+  stats.write_delay_samples = write_delay_.count();
+  stats.write_delay_p50_us = write_delay_.PercentileUs(0.50);
+  stats.write_delay_p99_us = write_delay_.PercentileUs(0.99);
+  stats.write_delay_max_us = write_delay_.max_us();
+  stats.write_delay_counts = write_delay_.Counts();
   return stats;
 }
 

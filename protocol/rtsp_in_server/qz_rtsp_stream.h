@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/rtsp_in_server/qz_delay_histogram.h"
 #include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
 #include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
@@ -132,6 +133,9 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   static constexpr size_t kHardCapFactor = 2;
 
   unsigned long long packets_built() const { return packets_built_.load(); }
+  // Network thread: bytes a second the stream sent into its ring over the
+  // last full second (0 before one has passed).
+  size_t byte_rate() const { return byte_rate_; }
   RtspCounters& counters() { return counters_; }
   // Network thread: how many of its sessions play (refreshed by the server).
   void set_playing_count(int n) { playing_count_ = n; }
@@ -140,7 +144,21 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   // Rate limit of key-frame requests: network thread only.
   long long last_key_request_ms = -1000000;
 
-  // Network thread: handle one record (exposed for tests).
+  // Network thread: records wait here from their post into the pipe until
+  // every client that keeps up has written them; the time they waited goes
+  // into the stream's write-delay statistics.
+  static long long NowUs();
+  bool has_unwritten() const { return !unwritten_.empty(); }
+  uint64_t first_unwritten_end() const { return unwritten_.front().end_index; }
+  // Every client has written the packets before ring index `written`.
+  void SettleWritten(uint64_t written, long long now_us);
+  // No client keeps up: what waits is not counted.
+  void ForgetUnwritten() { unwritten_.clear(); }
+  static constexpr size_t kMaxUnwritten = 4096;
+
+  // Network thread: handle one record (exposed for tests). `posted_us`, when
+  // set, is when the record was posted into the pipe (NowUs()).
+  void set_posted_us(long long posted_us) { posted_us_ = posted_us; }
   void OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record);
   void OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record);
 
@@ -181,6 +199,17 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   bool has_time_base_ = false;
   unsigned long long wall_base_us_ = 0;
   long long record_base_ms_ = 0;
+
+  struct Unwritten {
+    uint64_t end_index;  // one past the record's last packet
+    long long posted_us;
+  };
+  std::deque<Unwritten> unwritten_;
+  long long rate_window_start_ms_ = -1;
+  size_t rate_window_bytes_ = 0;
+  size_t byte_rate_ = 0;
+  long long posted_us_ = 0;  // of the record being handled
+  DelayHistogram write_delay_;
 
   std::set<RtspSession*> sessions_;
   std::function<void(RtspStream&)> on_packets_;

@@ -20,6 +20,13 @@ Client::Client(uint16_t port) {
   connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
 }
 
+uint16_t Client::local_port() const {
+  sockaddr_in addr{};
+  socklen_t size = sizeof(addr);
+  getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &size);
+  return ntohs(addr.sin_port);
+}
+
 Client::~Client() {
   if (fd_ >= 0) {
     close(fd_);

@@ -26,6 +26,8 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   bool connected() const { return connected_; }
+  // The port this client's end of the connection is bound to.
+  uint16_t local_port() const;
   // Sends all of `bytes` (or as much as the peer takes before closing).
   void Send(const std::string& bytes);
   // Reads the next response, collecting interleaved frames on the way.

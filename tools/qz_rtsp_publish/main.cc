@@ -4,11 +4,13 @@
 // that push packets, user data, and a clean stop on Ctrl-C.
 #include <csignal>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "protocol/rtsp_in_server/qz_delay_histogram.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 #include "publisher/qz_rtsp_sinker.h"
 #include "tools/qz_rtsp_publish/file_source.h"
@@ -51,6 +53,8 @@ QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& se
     total.dropped.control_backlog += s.dropped.control_backlog;
     total.key_frame_requests += s.key_frame_requests;
     total.connections_refused += s.connections_refused;
+    total.stream_stats.insert(total.stream_stats.end(), s.stream_stats.begin(),
+                              s.stream_stats.end());
   }
   return total;
 }
@@ -87,6 +91,7 @@ int main(int argc, char** argv) {
     server_options.bind_address = options.bind;
     server_options.max_clients = options.max_clients;
     server_options.gop_cache = options.gop_cache;
+    server_options.udp_gso = options.udp_gso;
     server_options.auth_user = options.user;
     server_options.auth_password = options.password;
     // A viewer waiting for a key frame gets one from the encoder at once
@@ -128,6 +133,9 @@ int main(int argc, char** argv) {
   long long next_user_data = start;
   long long last_bytes = 0;
   unsigned long long last_sent = 0;
+  // Write-delay counts per stream when the summary's window opened.
+  std::map<std::string, std::vector<unsigned long long>> delay_base;
+  bool delay_window_open = options.stats_after == 0;
   while (!g_stop.load()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const long long now = qz_tools::MonotonicMs();
@@ -143,6 +151,12 @@ int main(int argc, char** argv) {
       item->SetUTF8String(options.user_data);
       sinker.PostUserData(item);
       next_user_data = now + options.user_data_every * 1000LL;
+    }
+    if (!delay_window_open && now - start >= options.stats_after * 1000LL) {
+      for (const auto& stream : Summarize(servers).stream_stats) {
+        delay_base[stream.name] = stream.write_delay_counts;
+      }
+      delay_window_open = true;
     }
     if (now >= next_status) {
       const long long bytes = counters.bytes.load();
@@ -178,6 +192,23 @@ int main(int argc, char** argv) {
                  stats.connections, stats.sessions, stats.packets_sent, stats.dropped.slow_reader,
                  stats.dropped.socket_full, stats.dropped.control_backlog,
                  stats.connections_refused);
+    for (const auto& stream : stats.stream_stats) {
+      std::vector<unsigned long long> counts = stream.write_delay_counts;
+      const std::vector<unsigned long long>& base = delay_base[stream.name];
+      unsigned long long records = 0;
+      for (size_t i = 0; i < counts.size(); ++i) {
+        counts[i] -= i < base.size() ? base[i] : 0;
+        records += counts[i];
+      }
+      using qz_rtsp_internal_server::DelayHistogram;
+      std::fprintf(stderr,
+                   "stream %s: %llu records written to every client after %d s, "
+                   "posted-to-written delay p50 %.3f ms, p99 %.3f ms (whole run: max %.3f ms)\n",
+                   stream.name.c_str(), records, options.stats_after,
+                   DelayHistogram::PercentileOfCountsUs(counts, 0.50) / 1000.0,
+                   DelayHistogram::PercentileOfCountsUs(counts, 0.99) / 1000.0,
+                   stream.write_delay_max_us / 1000.0);
+    }
   }
   sinker.Stop();
   for (auto& server : servers) {

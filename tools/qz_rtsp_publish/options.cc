@@ -25,12 +25,16 @@ const char kUsage[] =
     "      --max-clients N     connections per server (default 64)\n"
     "      --no-gop-cache      new viewers wait for the next key frame instead of\n"
     "                          starting at once with the latest one\n"
+    "      --no-udp-gso        send UDP media one datagram per packet instead of\n"
+    "                          one segmented message per frame and client\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
     "      --user-data TEXT    text carried in the H.264 stream as user-data SEI\n"
     "      --user-data-every S seconds between two user-data messages (default 2)\n"
     "  -t, --duration S        stop after S seconds (default 0: until Ctrl-C)\n"
+    "      --stats-after S     the exit summary's delay figures count only records\n"
+    "                          posted after S seconds (default 0: the whole run)\n"
     "      --no-loop           play a file once\n"
     "  -q, --quiet             no status line\n"
     "  -h, --help              this text\n";
@@ -71,6 +75,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.loop = false;
     } else if (arg == "--no-gop-cache") {
       o.gop_cache = false;
+    } else if (arg == "--no-udp-gso") {
+      o.udp_gso = false;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
     } else if (!value(&v)) {
@@ -133,6 +139,9 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
     } else if (arg == "--user-data-every") {
       if (!ParseInt(v, 1, 3600, o.user_data_every))
         return fail("--user-data-every must be 1 to 3600");
+    } else if (arg == "--stats-after") {
+      if (!ParseInt(v, 0, 10 * 365 * 86400, o.stats_after))
+        return fail("--stats-after must be >= 0");
     } else if (arg == "-t" || arg == "--duration") {
       if (!ParseInt(v, 0, 10 * 365 * 86400, o.duration))
         return fail("--duration must be >= 0");

@@ -20,12 +20,14 @@ struct PublishOptions {
   std::string bind;       // empty: all interfaces
   int max_clients = 64;   // connections per server
   bool gop_cache = true;  // new viewers start at the latest key frame
+  bool udp_gso = true;    // UDP media as segmented messages
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;
   std::string user_data;    // text carried as SEI
   int user_data_every = 2;  // seconds
   int duration = 0;         // seconds; 0 runs until Ctrl-C
+  int stats_after = 0;      // seconds before the summary's delay window opens
   bool loop = true;         // file source
   bool quiet = false;       // no status line
 };
