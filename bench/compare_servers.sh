@@ -6,7 +6,11 @@
 # point: server CPU (% of a core, over a 10 s window after 5 s of warm-up),
 # resident memory, loss and delay over the best frame. Each point runs
 # QZ_BENCH_REPEAT times (default 3) per server and the run with the median
-# CPU is reported. Prints a Markdown table with the ratios ours/peer.
+# CPU is reported. Over UDP ours also runs without segmentation offload
+# (--no-udp-gso). Ours also reports its own posted-to-written delay over the
+# same window (its exit summary). Prints a Markdown table with the ratios
+# ours/peer and writes it into BENCHMARKS.md between the compare_servers
+# markers (QZ_BENCH_WRITE=0: print only).
 #   bench/compare_servers.sh [BUILD_DIR]      (default build; run by hand)
 set -uo pipefail
 BUILD=${1:-build}
@@ -15,6 +19,9 @@ INPUT=${QZ_BENCH_INPUT:-$ROOT/$BUILD/bench_input_1080p30.mp4}
 POINTS=${QZ_BENCH_POINTS:-"tcp:1 tcp:10 tcp:50 tcp:100 tcp:200 tcp:500 udp:10 udp:50 udp:100"}
 PORT=18554
 REPEAT=${QZ_BENCH_REPEAT:-3}
+WRITE=${QZ_BENCH_WRITE:-1}
+OUT=$(mktemp)
+trap 'rm -f "$OUT" /tmp/qz_load.$$ /tmp/qz_pub.$$' EXIT
 TICKS=$(getconf CLK_TCK)
 
 if [ ! -s "$INPUT" ]; then
@@ -28,14 +35,19 @@ fi
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 rss_kb() { awk '/VmRSS/ {print $2}' "/proc/$1/status"; }
 
-# measure SERVER_KIND TRANSPORT READERS -> "cpu% rss_MB loss p50 p99 alive"
+# measure SERVER_KIND TRANSPORT READERS
+#   -> "cpu% rss_MB loss p50 p99 alive write_p50 write_p99"
+# SERVER_KIND: ours, ours-nogso or peer.
 measure() {
   local kind=$1 transport=$2 readers=$3 pid
-  if [ "$kind" = ours ]; then
-    taskset -c 0 "$ROOT/$BUILD/tools/qz_rtsp_publish" -q -p $PORT --input "$INPUT" \
-      --max-clients 1000 > /dev/null 2>&1 &
-  else
+  if [ "$kind" = peer ]; then
     taskset -c 0 "$ROOT/$BUILD/bench/qz_gst_rtsp_peer" "$INPUT" $PORT > /dev/null 2>&1 &
+  else
+    local extra=()
+    [ "$kind" = ours-nogso ] && extra=(--no-udp-gso)
+    # The delay window opens once every reader joined (7 s of its 20 s).
+    taskset -c 0 "$ROOT/$BUILD/tools/qz_rtsp_publish" -p $PORT --input "$INPUT" \
+      --max-clients 1000 --stats-after 7 "${extra[@]}" > /dev/null 2> /tmp/qz_pub.$$ &
   fi
   pid=$!
   sleep 2
@@ -51,9 +63,13 @@ measure() {
   t1=$(date +%s.%N); c1=$(cpu_ticks $pid); rss=$(rss_kb $pid)
   wait $load
   kill -INT $pid; sleep 1; kill -KILL $pid 2>/dev/null; wait $pid 2>/dev/null
-  local summary
+  local summary written="" w50="-" w99="-"
   summary=$(grep '^summary' /tmp/qz_load.$$)
-  rm -f /tmp/qz_load.$$
+  if [ "$kind" != peer ]; then
+    written=$(grep '^stream live:' /tmp/qz_pub.$$)
+    w50=$(echo "$written" | sed -nE 's/.*delay p50 ([0-9.]+) ms.*/\1/p')
+    w99=$(echo "$written" | sed -nE 's/.*, p99 ([0-9.]+) ms.*/\1/p')
+  fi
   local cpu
   cpu=$(echo "($c1 - $c0) * 100 / $TICKS / ($t1 - $t0)" | bc -l)
   local alive loss p50 p99
@@ -61,8 +77,8 @@ measure() {
   loss=$(echo "$summary" | sed -E 's/.*loss ([0-9.]+) %.*/\1/')
   p50=$(echo "$summary" | sed -E 's/.*p50 ([0-9.]+) ms.*/\1/')
   p99=$(echo "$summary" | sed -E 's/.*p99 ([0-9.]+) ms.*/\1/')
-  printf "%.1f %.1f %s %s %s %s" "$cpu" "$(echo "$rss / 1024" | bc -l)" "${loss:-?}" \
-    "${p50:-?}" "${p99:-?}" "${alive:-0}"
+  printf "%.1f %.1f %s %s %s %s %s %s" "$cpu" "$(echo "$rss / 1024" | bc -l)" "${loss:-?}" \
+    "${p50:-?}" "${p99:-?}" "${alive:-0}" "${w50:--}" "${w99:--}"
 }
 
 # The run with the median CPU of REPEAT runs of one point.
@@ -74,15 +90,49 @@ median_of() {
   printf "%s\n" "${runs[@]}" | sort -n -k1,1 | sed -n "$(((REPEAT + 1) / 2))p"
 }
 
-echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | alive ours/peer |"
-echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
-for point in $POINTS; do
-  transport=${point%%:*}
-  readers=${point##*:}
-  read -r oc om ol o50 o99 oa <<< "$(median_of ours "$transport" "$readers")"
-  read -r gc gm gl g50 g99 ga <<< "$(median_of peer "$transport" "$readers")"
-  ratio=$(echo "if ($gc > 0) $oc / $gc else 0" | bc -l)
-  printf "| %s %s | %s | %s | %.2f | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s |\n" \
-    "$readers" "$transport" "$oc" "$gc" "$ratio" "$om" "$gm" "$ol" "$gl" "$o50" "$o99" \
-    "$g50" "$g99" "$oa" "$ga"
-done
+{
+  echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours CPU % without GSO | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | ours posted-to-written p50/p99 ms | alive ours/peer |"
+  echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
+  for point in $POINTS; do
+    transport=${point%%:*}
+    readers=${point##*:}
+    read -r oc om ol o50 o99 oa ow50 ow99 <<< "$(median_of ours "$transport" "$readers")"
+    read -r gc gm gl g50 g99 ga _ <<< "$(median_of peer "$transport" "$readers")"
+    nogso="-"
+    if [ "$transport" = udp ]; then
+      read -r nogso _ <<< "$(median_of ours-nogso "$transport" "$readers")"
+    fi
+    ratio=$(printf "%.2f" "$(echo "if ($gc > 0) $oc / $gc else 0" | bc -l)")
+    if [ "${ga:-0}" -lt "$readers" ]; then
+      # The peer closed sessions and stopped serving: no CPU figure to compare.
+      gc="-" ratio="-" g50="-" g99="-"
+    fi
+    printf "| %s %s | %s | %s | %s | %s | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s | %s/%s |\n" \
+      "$readers" "$transport" "$oc" "$gc" "$ratio" "$nogso" "$om" "$gm" "$ol" "$gl" "$o50" "$o99" \
+      "$g50" "$g99" "$ow50" "$ow99" "$oa" "$ga"
+  done
+} | tee "$OUT"
+
+if [ "$WRITE" = 1 ]; then
+  doc="$ROOT/BENCHMARKS.md"
+  begin='<!-- compare_servers:begin -->'
+  end='<!-- compare_servers:end -->'
+  if grep -qF "$begin" "$doc" && grep -qF "$end" "$doc"; then
+    {
+      echo "$begin"
+      echo "Written by \`bench/compare_servers.sh\` on $(date -u +%Y-%m-%d), commit" \
+        "$(git -C "$ROOT" rev-parse --short HEAD), $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')), median of $REPEAT runs per point:"
+      echo
+      cat "$OUT"
+      echo "$end"
+    } > "$OUT.section"
+    awk -v section="$OUT.section" -v begin="$begin" -v end="$end" '
+      $0 == begin { while ((getline line < section) > 0) print line; skip = 1; next }
+      $0 == end { skip = 0; next }
+      !skip { print }' "$doc" > "$OUT.doc" && mv "$OUT.doc" "$doc"
+    rm -f "$OUT.section"
+    echo "table written into $doc" >&2
+  else
+    echo "BENCHMARKS.md has no compare_servers markers: table not written" >&2
+  fi
+fi

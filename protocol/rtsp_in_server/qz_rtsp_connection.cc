@@ -636,7 +636,7 @@ void RtspConnection::FinishWrite(const asio::error_code& ec, size_t bytes) {
       RtspStream& stream = *session.stream;
       session.live = session.live || session.written_index >= stream.end_index();
       if (session.live && stream.has_unwritten() && before < stream.first_unwritten_end()) {
-        server_.SettleWrites(stream);
+        server_.ScheduleSettle(stream);
       }
     }
     session.last_activity_ms = server_.NowMs();

@@ -435,6 +435,20 @@ void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
   SettleWrites(stream);
 }
 
+void QZRtspServer::Impl::ScheduleSettle(RtspStream& stream) {
+  if (stream.settle_scheduled) {
+    return;
+  }
+  stream.settle_scheduled = true;
+  std::weak_ptr<RtspStream> weak = stream.shared_from_this();
+  asio::post(io_, [this, weak] {
+    if (auto s = weak.lock()) {
+      s->settle_scheduled = false;
+      SettleWrites(*s);
+    }
+  });
+}
+
 void QZRtspServer::Impl::SettleWrites(RtspStream& stream) {
   if (!stream.has_unwritten()) {
     return;

@@ -76,6 +76,9 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   // Counts the stream's records that every client that keeps up has now
   // written (see RtspStream::SettleWritten).
   void SettleWrites(RtspStream& stream);
+  // The same once the writes finished in this turn of the event loop are
+  // done: a scan of the stream's clients per turn, not one per write.
+  void ScheduleSettle(RtspStream& stream);
   // Moves a session's read position on when the ring dropped what it needed.
   void Resync(RtspSession& session);
   long long NowMs() const;

@@ -155,6 +155,7 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   // No client keeps up: what waits is not counted.
   void ForgetUnwritten() { unwritten_.clear(); }
   static constexpr size_t kMaxUnwritten = 4096;
+  bool settle_scheduled = false;  // see QZRtspServer::Impl::ScheduleSettle
 
   // Network thread: handle one record (exposed for tests). `posted_us`, when
   // set, is when the record was posted into the pipe (NowUs()).
