@@ -56,18 +56,22 @@ void UdpBatch::Prepare(size_t i) {
   }
 }
 
+void UdpBatch::Account(void* tag, size_t size, bool sent) {
+  if (sent) {
+    bytes_sent_ += size;
+    ++datagrams_sent_;
+  } else {
+    ++datagrams_dropped_;
+  }
+  if (on_result_) {
+    on_result_(tag, size, sent);
+  }
+}
+
 void UdpBatch::Report(size_t i, bool sent) {
   const Run& run = runs_[i];
   for (size_t k = run.first; k < run.first + run.count; ++k) {
-    if (sent) {
-      bytes_sent_ += iovecs_[k].iov_len;
-      ++datagrams_sent_;
-    } else {
-      ++datagrams_dropped_;
-    }
-    if (on_result_) {
-      on_result_(run.tag, iovecs_[k].iov_len, sent);
-    }
+    Account(run.tag, iovecs_[k].iov_len, sent);
   }
 }
 
@@ -86,15 +90,7 @@ bool UdpBatch::SendOneByOne(size_t i) {
     const bool sent = sendmsg(fd_, &header, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
     any = any || sent;
     messages_sent_ += sent ? 1 : 0;
-    if (sent) {
-      bytes_sent_ += iovecs_[k].iov_len;
-      ++datagrams_sent_;
-    } else {
-      ++datagrams_dropped_;
-    }
-    if (on_result_) {
-      on_result_(run.tag, iovecs_[k].iov_len, sent);
-    }
+    Account(run.tag, iovecs_[k].iov_len, sent);
   }
   return any;
 }

@@ -74,6 +74,7 @@ class UdpBatch {
 
   bool Extends(const Run& run, const asio::ip::udp::endpoint& to, size_t size) const;
   void Prepare(size_t message);
+  void Account(void* tag, size_t size, bool sent);  // one datagram
   void Report(size_t message, bool sent);
   bool SendOneByOne(size_t message);
 

@@ -15,6 +15,17 @@
 namespace qz_rtsp_internal_server {
 namespace {
 
+// Each payload arrives as one datagram, in order.
+void ExpectReceived(asio::ip::udp::socket& receiver, const std::vector<std::string>& payloads) {
+  char buffer[2048];
+  for (const std::string& p : payloads) {
+    pollfd pfd{receiver.native_handle(), POLLIN, 0};
+    ASSERT_EQ(poll(&pfd, 1, 1000), 1);
+    const size_t n = receiver.receive(asio::buffer(buffer));
+    ASSERT_EQ(std::string(buffer, n), p);
+  }
+}
+
 TEST(UdpBatchTest, DatagramsArriveInOrderInFewCalls) {
   asio::io_context io;
   asio::ip::udp::socket receiver(io,
@@ -38,13 +49,7 @@ TEST(UdpBatchTest, DatagramsArriveInOrderInFewCalls) {
     EXPECT_EQ(batch.bytes_sent(), total);
     EXPECT_EQ(batch.system_calls(), 2u);  // 64 + 36
   }
-  char buffer[2048];
-  for (const std::string& p : payloads) {
-    pollfd pfd{receiver.native_handle(), POLLIN, 0};
-    ASSERT_EQ(poll(&pfd, 1, 1000), 1);
-    const size_t n = receiver.receive(asio::buffer(buffer));
-    ASSERT_EQ(std::string(buffer, n), p);
-  }
+  ExpectReceived(receiver, payloads);
 }
 
 // Runs of same-size datagrams to one client leave as segmented messages;
@@ -91,13 +96,7 @@ TEST_P(UdpBatchGsoTest, EveryDatagramArrivesWhole) {
   }
   EXPECT_EQ(reported, payloads.size());
   EXPECT_EQ(gso, c.gso_after);
-  char buffer[2048];
-  for (const std::string& p : payloads) {
-    pollfd pfd{receiver.native_handle(), POLLIN, 0};
-    ASSERT_EQ(poll(&pfd, 1, 1000), 1);
-    const size_t n = receiver.receive(asio::buffer(buffer));
-    ASSERT_EQ(std::string(buffer, n), p);
-  }
+  ExpectReceived(receiver, payloads);
 }
 
 std::vector<size_t> Frame(size_t full, size_t count, size_t last) {
