@@ -3,12 +3,16 @@
 # (qz_gst_rtsp_peer) in turn on the same input, 1080p30 H.264 4 Mbit/s with a
 # 2 s key-frame interval and no B-frames plus AAC 128 kbit/s, the server
 # pinned to core 0 and qz_rtsp_load to core 1, for each reader count. Per
-# point: server CPU (% of a core, over a 10 s window after 5 s of warm-up),
-# resident memory, loss and delay over the best frame. Each point runs
+# point: server CPU (% of a core, the run time of its threads from
+# /proc/PID/task/*/schedstat in ns over a 10 s window after 5 s of warm-up),
+# resident memory, loss and delay over the best frame. The load client polls
+# its sockets every QZ_BENCH_POLL_MS (default 1) instead of sleeping in
+# epoll_wait, so that a server's loopback writes do not each pay for waking it
+# (see qz_rtsp_load); 0 restores the blocking client. Each point runs
 # QZ_BENCH_REPEAT times (default 3) per server and the run with the median
 # CPU is reported. Over UDP ours also runs without segmentation offload
-# (--no-udp-gso). Ours also reports its own posted-to-written delay over the
-# same window (its exit summary). Prints a Markdown table with the ratios
+# (--no-udp-gso). Ours also reports its own posted-to-written and
+# pushed-to-written delays over the same window (its exit summary). Prints a Markdown table with the ratios
 # ours/peer and writes it into BENCHMARKS.md between the compare_servers
 # markers (QZ_BENCH_WRITE=0: print only).
 #   bench/compare_servers.sh [BUILD_DIR]      (default build; run by hand)
@@ -20,9 +24,9 @@ POINTS=${QZ_BENCH_POINTS:-"tcp:1 tcp:10 tcp:50 tcp:100 tcp:200 tcp:500 udp:10 ud
 PORT=18554
 REPEAT=${QZ_BENCH_REPEAT:-3}
 WRITE=${QZ_BENCH_WRITE:-1}
+POLL_MS=${QZ_BENCH_POLL_MS:-1}
 OUT=$(mktemp)
 trap 'rm -f "$OUT" /tmp/qz_load.$$ /tmp/qz_pub.$$' EXIT
-TICKS=$(getconf CLK_TCK)
 
 if [ ! -s "$INPUT" ]; then
   echo "making $INPUT" >&2
@@ -32,11 +36,12 @@ if [ ! -s "$INPUT" ]; then
     -sc_threshold 0 -bf 0 -pix_fmt yuv420p -c:a aac -b:a 128k -ac 2 "$INPUT" || exit 1
 fi
 
-cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+# CPU time of every thread of a process, in ns.
+cpu_ns() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ns += $1} END {printf "%d", ns}'; }
 rss_kb() { awk '/VmRSS/ {print $2}' "/proc/$1/status"; }
 
 # measure SERVER_KIND TRANSPORT READERS
-#   -> "cpu% rss_MB loss p50 p99 alive write_p50 write_p99"
+#   -> "cpu% rss_MB loss p50 p99 alive write_p50 write_p99 push_p99"
 # SERVER_KIND: ours, ours-nogso or peer.
 measure() {
   local kind=$1 transport=$2 readers=$3 pid
@@ -54,31 +59,32 @@ measure() {
   local flag=""
   [ "$transport" = udp ] && flag="--udp"
   taskset -c 1 "$ROOT/$BUILD/bench/qz_rtsp_load" "rtsp://127.0.0.1:$PORT/live" \
-    --sessions "$readers" --seconds 17 $flag > /tmp/qz_load.$$ 2>&1 &
+    --sessions "$readers" --seconds 17 --poll-ms "$POLL_MS" $flag > /tmp/qz_load.$$ 2>&1 &
   local load=$!
   sleep 5
   local t0 c0 t1 c1 rss
-  t0=$(date +%s.%N); c0=$(cpu_ticks $pid)
+  t0=$(date +%s.%N); c0=$(cpu_ns $pid)
   sleep 10
-  t1=$(date +%s.%N); c1=$(cpu_ticks $pid); rss=$(rss_kb $pid)
+  t1=$(date +%s.%N); c1=$(cpu_ns $pid); rss=$(rss_kb $pid)
   wait $load
   kill -INT $pid; sleep 1; kill -KILL $pid 2>/dev/null; wait $pid 2>/dev/null
-  local summary written="" w50="-" w99="-"
+  local summary written="" w50="-" w99="-" p99push="-"
   summary=$(grep '^summary' /tmp/qz_load.$$)
   if [ "$kind" != peer ]; then
     written=$(grep '^stream live:' /tmp/qz_pub.$$)
-    w50=$(echo "$written" | sed -nE 's/.*delay p50 ([0-9.]+) ms.*/\1/p')
-    w99=$(echo "$written" | sed -nE 's/.*, p99 ([0-9.]+) ms.*/\1/p')
+    w50=$(echo "$written" | sed -nE 's/.*posted-to-written delay p50 ([0-9.]+) ms.*/\1/p')
+    w99=$(echo "$written" | sed -nE 's/.*posted-to-written delay p50 [0-9.]+ ms, p99 ([0-9.]+) ms.*/\1/p')
+    p99push=$(echo "$written" | sed -nE 's/.*pushed-to-written p50 [0-9.]+ ms, p99 ([0-9.]+) ms.*/\1/p')
   fi
   local cpu
-  cpu=$(echo "($c1 - $c0) * 100 / $TICKS / ($t1 - $t0)" | bc -l)
+  cpu=$(echo "($c1 - $c0) / 10000000 / ($t1 - $t0)" | bc -l)
   local alive loss p50 p99
   alive=$(echo "$summary" | sed -E 's/.*sessions ([0-9]+)\/.*/\1/')
   loss=$(echo "$summary" | sed -E 's/.*loss ([0-9.]+) %.*/\1/')
   p50=$(echo "$summary" | sed -E 's/.*p50 ([0-9.]+) ms.*/\1/')
   p99=$(echo "$summary" | sed -E 's/.*p99 ([0-9.]+) ms.*/\1/')
-  printf "%.1f %.1f %s %s %s %s %s %s" "$cpu" "$(echo "$rss / 1024" | bc -l)" "${loss:-?}" \
-    "${p50:-?}" "${p99:-?}" "${alive:-0}" "${w50:--}" "${w99:--}"
+  printf "%.2f %.1f %s %s %s %s %s %s %s" "$cpu" "$(echo "$rss / 1024" | bc -l)" "${loss:-?}" \
+    "${p50:-?}" "${p99:-?}" "${alive:-0}" "${w50:--}" "${w99:--}" "${p99push:--}"
 }
 
 # The run with the median CPU of REPEAT runs of one point.
@@ -91,12 +97,12 @@ median_of() {
 }
 
 {
-  echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours CPU % without GSO | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | ours posted-to-written p50/p99 ms | alive ours/peer |"
-  echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
+  echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours CPU % without GSO | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | ours posted-to-written p50/p99 ms | ours pushed-to-written p99 ms | alive ours/peer |"
+  echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
   for point in $POINTS; do
     transport=${point%%:*}
     readers=${point##*:}
-    read -r oc om ol o50 o99 oa ow50 ow99 <<< "$(median_of ours "$transport" "$readers")"
+    read -r oc om ol o50 o99 oa ow50 ow99 op99 <<< "$(median_of ours "$transport" "$readers")"
     read -r gc gm gl g50 g99 ga _ <<< "$(median_of peer "$transport" "$readers")"
     nogso="-"
     if [ "$transport" = udp ]; then
@@ -107,9 +113,9 @@ median_of() {
       # The peer closed sessions and stopped serving: no CPU figure to compare.
       gc="-" ratio="-" g50="-" g99="-"
     fi
-    printf "| %s %s | %s | %s | %s | %s | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s | %s/%s |\n" \
+    printf "| %s %s | %s | %s | %s | %s | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s | %s | %s/%s |\n" \
       "$readers" "$transport" "$oc" "$gc" "$ratio" "$nogso" "$om" "$gm" "$ol" "$gl" "$o50" "$o99" \
-      "$g50" "$g99" "$ow50" "$ow99" "$oa" "$ga"
+      "$g50" "$g99" "$ow50" "$ow99" "$op99" "$oa" "$ga"
   done
 } | tee "$OUT"
 
@@ -121,7 +127,7 @@ if [ "$WRITE" = 1 ]; then
     {
       echo "$begin"
       echo "Written by \`bench/compare_servers.sh\` on $(date -u +%Y-%m-%d), commit" \
-        "$(git -C "$ROOT" rev-parse --short HEAD), $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')), median of $REPEAT runs per point:"
+        "$(git -C "$ROOT" rev-parse --short HEAD), $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')), median of $REPEAT runs per point, load client polling every $POLL_MS ms (0: blocking):"
       echo
       cat "$OUT"
       echo "$end"

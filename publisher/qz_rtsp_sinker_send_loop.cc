@@ -2,6 +2,7 @@
 // thread, and the drop policy that keeps queued video from piling up.
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 
 #include "publisher/qz_rtsp_sinker.h"
 #include "utility/qz_log.h"
@@ -45,6 +46,9 @@ void RtspSinker::PushPacket(QZ_MediaPacketRefPtr packet) {
   if (!packet) {
     return;
   }
+  packet->SetPushedUs(std::chrono::duration_cast<std::chrono::microseconds>(
+                          std::chrono::steady_clock::now().time_since_epoch())
+                          .count());
   std::lock_guard<std::recursive_mutex> lock(packet_rmutex_);
   if (IsVideo(packet) && !is_recv_video_) {
     is_recv_video_ = true;

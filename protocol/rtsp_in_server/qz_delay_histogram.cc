@@ -67,4 +67,14 @@ long long DelayHistogram::PercentileUs(double fraction) const {
   return count() == 0 ? 0 : std::min(PercentileOfCountsUs(Counts(), fraction), max_us());
 }
 
+QZRtspDelayStats DelayHistogram::Stats() const {
+  QZRtspDelayStats stats;
+  stats.samples = count();
+  stats.p50_us = PercentileUs(0.50);
+  stats.p99_us = PercentileUs(0.99);
+  stats.max_us = max_us();
+  stats.counts = Counts();
+  return stats;
+}
+
 }  // namespace qz_rtsp_internal_server

@@ -1,5 +1,5 @@
-// Counts durations in microseconds into logarithmic buckets (four per
-// doubling, so a percentile is read to within 19 %), from 1 µs to about
+// Counts durations in microseconds into logarithmic buckets (eight per
+// doubling, so a percentile is read to within 9 %), from 1 µs to about
 // 70 s. Written by one thread, read by any: the counts are atomics.
 #ifndef PROTOCOL_RTSP_IN_SERVER_QZ_DELAY_HISTOGRAM_H_
 #define PROTOCOL_RTSP_IN_SERVER_QZ_DELAY_HISTOGRAM_H_
@@ -9,11 +9,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
+
 namespace qz_rtsp_internal_server {
 
 class DelayHistogram {
  public:
-  static constexpr int kBucketsPerDoubling = 4;
+  static constexpr int kBucketsPerDoubling = 8;
   static constexpr int kBuckets = 26 * kBucketsPerDoubling;
 
   void Add(long long us);
@@ -29,6 +31,8 @@ class DelayHistogram {
   std::vector<unsigned long long> Counts() const;
   static long long PercentileOfCountsUs(const std::vector<unsigned long long>& counts,
                                         double fraction);
+  // Samples, p50, p99, max and the counts.
+  QZRtspDelayStats Stats() const;
 
  private:
   static int BucketOf(long long us);

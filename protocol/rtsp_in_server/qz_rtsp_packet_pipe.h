@@ -37,7 +37,8 @@ struct QZRtspVideoPacket {
 
   QZ_MEDIA_CODEC_ID codec_id_;
   bool is_key_frame_;
-  QZ_UINT64 time_stamp_;  // ms on the session's time line
+  QZ_UINT64 time_stamp_;     // ms on the session's time line
+  long long pushed_us_ = 0;  // steady_clock µs when the frame was pushed (0: unknown)
   std::list<std::shared_ptr<QZRtspPacketData>> nal_units_;
 };
 
@@ -53,7 +54,8 @@ struct QZRtspAudioPacket {
   QZ_MEDIA_CODEC_ID codec_id_;
   QZ_INT32 sample_rate_;
   QZ_INT32 channels_;
-  QZ_UINT64 time_stamp_;  // ms, same origin as video
+  QZ_UINT64 time_stamp_;     // ms, same origin as video
+  long long pushed_us_ = 0;  // steady_clock µs when the frame was pushed (0: unknown)
   std::shared_ptr<QZRtspPacketData> data_;
   std::shared_ptr<QZRtspPacketData> extra_data_;
 };

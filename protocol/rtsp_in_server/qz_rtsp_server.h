@@ -86,6 +86,17 @@ struct QZRtspDropCounts {
   unsigned long long total() const { return slow_reader + socket_full + control_backlog; }
 };
 
+// Percentiles of a delay, in µs.
+struct QZRtspDelayStats {
+  unsigned long long samples = 0;
+  long long p50_us = 0;
+  long long p99_us = 0;
+  long long max_us = 0;
+  // Per bucket (DelayHistogram's), for figures over a window: subtract an
+  // earlier copy and read the difference with PercentileOfCountsUs().
+  std::vector<unsigned long long> counts;
+};
+
 struct QZRtspStreamStats {
   std::string name;
   int sessions = 0;
@@ -96,15 +107,13 @@ struct QZRtspStreamStats {
   unsigned long long key_frame_requests = 0;  // calls of on_key_frame_request
   unsigned long long rtp_packets_built = 0;   // once per stream, shared by its clients
   unsigned long long cache_bytes = 0;         // held for viewers that join
-  // From a record posted into the stream's pipe to its last RTP packet
-  // handed to the kernel for every client that keeps up, in µs, over the
-  // stream's life (records a client skipped or never got are not counted).
-  unsigned long long write_delay_samples = 0;
-  long long write_delay_p50_us = 0;
-  long long write_delay_p99_us = 0;
-  long long write_delay_max_us = 0;
-  // The same delays per bucket (DelayHistogram's), for figures over a window.
-  std::vector<unsigned long long> write_delay_counts;
+  // Delays up to a record's last RTP packet handed to the kernel for every
+  // client that keeps up, over the stream's life (records a client skipped
+  // or never got are not counted): from the record posted into the stream's
+  // pipe, and from its frame pushed into the publisher's sinker (records
+  // built from frames that carry their push time).
+  QZRtspDelayStats write_delay;
+  QZRtspDelayStats push_delay;
 };
 
 struct QZRtspServerStats {

@@ -60,7 +60,7 @@ class RtspStream::Consumer : public QZRtspPacketSinkerImpl<Record> {
     const long long posted_us = NowUs();
     gate_->Post([stream, packet, posted_us] {
       if (auto s = stream.lock()) {
-        s->set_posted_us(posted_us);
+        s->set_posted_us(posted_us, packet->pushed_us_);
         ((*s).*Handle)(packet);
       }
     });
@@ -103,6 +103,9 @@ long long RtspStream::NowUs() {
 void RtspStream::SettleWritten(uint64_t written, long long now_us) {
   while (!unwritten_.empty() && unwritten_.front().end_index <= written) {
     write_delay_.Add(now_us - unwritten_.front().posted_us);
+    if (unwritten_.front().pushed_us > 0) {
+      push_delay_.Add(now_us - unwritten_.front().pushed_us);
+    }
     unwritten_.pop_front();
   }
 }
@@ -224,8 +227,9 @@ void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
     if (unwritten_.size() == kMaxUnwritten) {
       unwritten_.pop_front();  // a client stuck this long is no longer "keeping up"
     }
-    unwritten_.push_back(Unwritten{end_index(), posted_us_});
+    unwritten_.push_back(Unwritten{end_index(), posted_us_, pushed_us_});
     posted_us_ = 0;
+    pushed_us_ = 0;
   }
   Evict();
   if (on_packets_) {
@@ -297,11 +301,8 @@ QZRtspStreamStats RtspStream::Stats() const {
   stats.key_frame_requests = counters_.key_frame_requests.load();
   stats.rtp_packets_built = packets_built_.load();
   stats.cache_bytes = cache_bytes_.load();
-  stats.write_delay_samples = write_delay_.count();
-  stats.write_delay_p50_us = write_delay_.PercentileUs(0.50);
-  stats.write_delay_p99_us = write_delay_.PercentileUs(0.99);
-  stats.write_delay_max_us = write_delay_.max_us();
-  stats.write_delay_counts = write_delay_.Counts();
+  stats.write_delay = write_delay_.Stats();
+  stats.push_delay = push_delay_.Stats();
   return stats;
 }
 

@@ -158,8 +158,12 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   bool settle_scheduled = false;  // see QZRtspServer::Impl::ScheduleSettle
 
   // Network thread: handle one record (exposed for tests). `posted_us`, when
-  // set, is when the record was posted into the pipe (NowUs()).
-  void set_posted_us(long long posted_us) { posted_us_ = posted_us; }
+  // set, is when the record was posted into the pipe (NowUs()); `pushed_us`
+  // when its frame was pushed into the publisher (same clock, 0: unknown).
+  void set_posted_us(long long posted_us, long long pushed_us = 0) {
+    posted_us_ = posted_us;
+    pushed_us_ = pushed_us;
+  }
   void OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record);
   void OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record);
 
@@ -204,13 +208,16 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   struct Unwritten {
     uint64_t end_index;  // one past the record's last packet
     long long posted_us;
+    long long pushed_us;  // 0: unknown
   };
   std::deque<Unwritten> unwritten_;
   long long rate_window_start_ms_ = -1;
   size_t rate_window_bytes_ = 0;
   size_t byte_rate_ = 0;
   long long posted_us_ = 0;  // of the record being handled
+  long long pushed_us_ = 0;
   DelayHistogram write_delay_;
+  DelayHistogram push_delay_;
 
   std::set<RtspSession*> sessions_;
   std::function<void(RtspStream&)> on_packets_;

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -121,6 +122,39 @@ TEST_F(LifecycleTest, DestroyingAStartedSinkerJoinsAndWithdraws) {
   EXPECT_TRUE(low_->pipes().empty());
   EXPECT_EQ(log_.lines(),
             std::vector<std::string>({"VartoLogIOS [I] rtsp sinker stop thread ret=0\n"}));
+}
+
+TEST_F(LifecycleTest, RecordsCarryThePushTimeOfTheirFrame) {
+  const auto now_us = [] {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  };
+  RtspSinker& sinker = MakeSinker(true, true, {Handle(0x1000)});
+  ASSERT_TRUE(sinker.Start());
+  sinker.PushPacket(MakeVideo(0, true));
+  sinker.PushPacket(MakeAudio(0, QZ_MEDIA_CODEC_ID_PCMA));
+  ASSERT_TRUE(WaitFor([&] { return !low_->audio().empty(); }));  // the session is open
+  const long long before = now_us();
+  sinker.PushPacket(MakeVideo(40, true));
+  sinker.PushPacket(MakeAudio(40, QZ_MEDIA_CODEC_ID_PCMA));
+  const long long between = now_us();
+  sinker.PushPacket(MakeVideo(80, false));
+  sinker.PushPacket(MakeAudio(80, QZ_MEDIA_CODEC_ID_PCMA));
+  const long long after = now_us();
+  ASSERT_TRUE(WaitFor([&] { return low_->video().size() >= 2 && low_->audio().size() >= 3; }));
+  sinker.Stop();
+  const auto video = low_->video();
+  const auto audio = low_->audio();
+  const size_t v = video.size(), a = audio.size();
+  for (long long t : {video[v - 2].record->pushed_us_, audio[a - 2].record->pushed_us_}) {
+    EXPECT_GE(t, before);
+    EXPECT_LE(t, between);
+  }
+  for (long long t : {video[v - 1].record->pushed_us_, audio[a - 1].record->pushed_us_}) {
+    EXPECT_GE(t, between);
+    EXPECT_LE(t, after);
+  }
 }
 
 }  // namespace

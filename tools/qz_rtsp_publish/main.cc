@@ -38,6 +38,33 @@ struct Counters {
 };
 
 // The statistics of every server, added up.
+// Delay counts when the summary's window opened.
+struct WindowBase {
+  std::vector<unsigned long long> write;
+  std::vector<unsigned long long> push;
+};
+
+struct DelayWindow {
+  unsigned long long records = 0;
+  double p50_ms = 0;
+  double p99_ms = 0;
+};
+
+// Percentiles of the delays counted since `base` was taken.
+DelayWindow Window(const qz_rtsp_internal_server::QZRtspDelayStats& delay,
+                   const std::vector<unsigned long long>& base) {
+  std::vector<unsigned long long> counts = delay.counts;
+  DelayWindow window;
+  for (size_t i = 0; i < counts.size(); ++i) {
+    counts[i] -= i < base.size() ? base[i] : 0;
+    window.records += counts[i];
+  }
+  using qz_rtsp_internal_server::DelayHistogram;
+  window.p50_ms = DelayHistogram::PercentileOfCountsUs(counts, 0.50) / 1000.0;
+  window.p99_ms = DelayHistogram::PercentileOfCountsUs(counts, 0.99) / 1000.0;
+  return window;
+}
+
 QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& servers) {
   QZRtspServerStats total;
   for (const auto& server : servers) {
@@ -133,8 +160,8 @@ int main(int argc, char** argv) {
   long long next_user_data = start;
   long long last_bytes = 0;
   unsigned long long last_sent = 0;
-  // Write-delay counts per stream when the summary's window opened.
-  std::map<std::string, std::vector<unsigned long long>> delay_base;
+  // Delay counts per stream when the summary's window opened.
+  std::map<std::string, WindowBase> delay_base;
   bool delay_window_open = options.stats_after == 0;
   while (!g_stop.load()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -154,7 +181,7 @@ int main(int argc, char** argv) {
     }
     if (!delay_window_open && now - start >= options.stats_after * 1000LL) {
       for (const auto& stream : Summarize(servers).stream_stats) {
-        delay_base[stream.name] = stream.write_delay_counts;
+        delay_base[stream.name] = WindowBase{stream.write_delay.counts, stream.push_delay.counts};
       }
       delay_window_open = true;
     }
@@ -193,21 +220,16 @@ int main(int argc, char** argv) {
                  stats.dropped.socket_full, stats.dropped.control_backlog,
                  stats.connections_refused);
     for (const auto& stream : stats.stream_stats) {
-      std::vector<unsigned long long> counts = stream.write_delay_counts;
-      const std::vector<unsigned long long>& base = delay_base[stream.name];
-      unsigned long long records = 0;
-      for (size_t i = 0; i < counts.size(); ++i) {
-        counts[i] -= i < base.size() ? base[i] : 0;
-        records += counts[i];
-      }
-      using qz_rtsp_internal_server::DelayHistogram;
+      const WindowBase& base = delay_base[stream.name];
+      const DelayWindow posted = Window(stream.write_delay, base.write);
+      const DelayWindow pushed = Window(stream.push_delay, base.push);
       std::fprintf(stderr,
                    "stream %s: %llu records written to every client after %d s, "
-                   "posted-to-written delay p50 %.3f ms, p99 %.3f ms (whole run: max %.3f ms)\n",
-                   stream.name.c_str(), records, options.stats_after,
-                   DelayHistogram::PercentileOfCountsUs(counts, 0.50) / 1000.0,
-                   DelayHistogram::PercentileOfCountsUs(counts, 0.99) / 1000.0,
-                   stream.write_delay_max_us / 1000.0);
+                   "posted-to-written delay p50 %.3f ms, p99 %.3f ms (whole run: max %.3f ms), "
+                   "pushed-to-written p50 %.3f ms, p99 %.3f ms (whole run: max %.3f ms)\n",
+                   stream.name.c_str(), posted.records, options.stats_after, posted.p50_ms,
+                   posted.p99_ms, stream.write_delay.max_us / 1000.0, pushed.p50_ms, pushed.p99_ms,
+                   stream.push_delay.max_us / 1000.0);
     }
   }
   sinker.Stop();

@@ -55,6 +55,11 @@ class FakePublisher {
         video->codec_id_ = QZ_MEDIA_CODEC_ID_H264;
         video->is_key_frame_ = i % 10 == 0;
         video->time_stamp_ = static_cast<QZ_UINT64>(i) * 10;
+        // Video as if pushed 5 ms ago; audio without a push time.
+        video->pushed_us_ = std::chrono::duration_cast<std::chrono::microseconds>(
+                                std::chrono::steady_clock::now().time_since_epoch())
+                                .count() -
+                            5000;
         if (video->is_key_frame_) {
           video->nal_units_.push_back(qz_test::PacketData(qz_test::kH264Sps));
           video->nal_units_.push_back(qz_test::PacketData(qz_test::kH264Pps));
@@ -660,11 +665,16 @@ TEST_F(ServerTest, StatisticsPerStreamAndServer) {
   EXPECT_GT(live.cache_bytes, 0u);
   EXPECT_GT(live.bytes_sent, live.packets_sent * 12);  // at least an RTP header each
   // Records posted while both played were timed to the last client's write.
-  EXPECT_GT(live.write_delay_samples, 50u);
-  EXPECT_GT(live.write_delay_p99_us, 0);
-  EXPECT_LE(live.write_delay_p50_us, live.write_delay_p99_us);
-  EXPECT_LE(live.write_delay_p99_us, live.write_delay_max_us);
-  EXPECT_LT(live.write_delay_p50_us, 1000000);
+  EXPECT_GT(live.write_delay.samples, 50u);
+  EXPECT_GT(live.write_delay.p99_us, 0);
+  EXPECT_LE(live.write_delay.p50_us, live.write_delay.p99_us);
+  EXPECT_LE(live.write_delay.p99_us, live.write_delay.max_us);
+  EXPECT_LT(live.write_delay.p50_us, 1000000);
+  // Only the video records carried a push time, 5 ms before their posting.
+  EXPECT_GT(live.push_delay.samples, live.write_delay.samples / 3);
+  EXPECT_LT(live.push_delay.samples, live.write_delay.samples * 2 / 3);
+  EXPECT_GE(live.push_delay.p50_us, 5000);
+  EXPECT_GE(live.push_delay.max_us, live.write_delay.p50_us);
   // One stream: the server's totals are its counters.
   EXPECT_LE(live.bytes_sent, server_->GetStats().bytes_sent);
   EXPECT_EQ(stats.packets_dropped, stats.dropped.total());
