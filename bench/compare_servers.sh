@@ -37,7 +37,7 @@ if [ ! -s "$INPUT" ]; then
 fi
 
 # CPU time of every thread of a process, in ns.
-cpu_ns() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ns += $1} END {printf "%d", ns}'; }
+cpu_ns() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ns += $1} END {printf "%.0f", ns}'; }
 rss_kb() { awk '/VmRSS/ {print $2}' "/proc/$1/status"; }
 
 # measure SERVER_KIND TRANSPORT READERS
