@@ -15,6 +15,12 @@
 # pushed-to-written delays over the same window (its exit summary). Prints a Markdown table with the ratios
 # ours/peer and writes it into BENCHMARKS.md between the compare_servers
 # markers (QZ_BENCH_WRITE=0: print only).
+# QZ_BENCH_RPS=1 (needs root) steers loopback's receive processing to the
+# load client's core for the run (RPS on lo, and a longer per-core backlog so
+# that the steered packets are not dropped there), then restores both. Over
+# loopback the readers' receive path otherwise runs on the server's core,
+# inside its sendmsg/sendmmsg calls; with remote readers it runs on their
+# machines. That table goes between the compare_servers_rps markers.
 #   bench/compare_servers.sh [BUILD_DIR]      (default build; run by hand)
 set -uo pipefail
 BUILD=${1:-build}
@@ -25,8 +31,26 @@ PORT=18554
 REPEAT=${QZ_BENCH_REPEAT:-3}
 WRITE=${QZ_BENCH_WRITE:-1}
 POLL_MS=${QZ_BENCH_POLL_MS:-1}
+RPS=${QZ_BENCH_RPS:-0}
 OUT=$(mktemp)
-trap 'rm -f "$OUT" /tmp/qz_load.$$ /tmp/qz_pub.$$' EXIT
+RPS_CPUS=/sys/class/net/lo/queues/rx-0/rps_cpus
+BACKLOG=/proc/sys/net/core/netdev_max_backlog
+restore() {
+  rm -f "$OUT" /tmp/qz_load.$$ /tmp/qz_pub.$$
+  if [ -n "${old_rps:-}" ]; then
+    echo "$old_rps" > "$RPS_CPUS"
+    echo "$old_backlog" > "$BACKLOG"
+  fi
+}
+trap restore EXIT
+MARK=compare_servers
+if [ "$RPS" = 1 ]; then
+  MARK=compare_servers_rps
+  rps_value=$(cat "$RPS_CPUS") && backlog_value=$(cat "$BACKLOG") || exit 1
+  echo 2 > "$RPS_CPUS" || { echo "cannot write $RPS_CPUS (root needed)" >&2; exit 1; }
+  old_rps=$rps_value old_backlog=$backlog_value
+  echo 10000 > "$BACKLOG"
+fi
 
 if [ ! -s "$INPUT" ]; then
   echo "making $INPUT" >&2
@@ -121,13 +145,13 @@ median_of() {
 
 if [ "$WRITE" = 1 ]; then
   doc="$ROOT/BENCHMARKS.md"
-  begin='<!-- compare_servers:begin -->'
-  end='<!-- compare_servers:end -->'
+  begin="<!-- $MARK:begin -->"
+  end="<!-- $MARK:end -->"
   if grep -qF "$begin" "$doc" && grep -qF "$end" "$doc"; then
     {
       echo "$begin"
       echo "Written by \`bench/compare_servers.sh\` on $(date -u +%Y-%m-%d), commit" \
-        "$(git -C "$ROOT" rev-parse --short HEAD), $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')), median of $REPEAT runs per point, load client polling every $POLL_MS ms (0: blocking):"
+        "$(git -C "$ROOT" rev-parse --short HEAD), $(nproc) cores ($(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')), median of $REPEAT runs per point, load client polling every $POLL_MS ms (0: blocking)$([ "$RPS" = 1 ] && echo ", loopback receive processing on the load client's core (RPS)"):"
       echo
       cat "$OUT"
       echo "$end"
@@ -139,6 +163,6 @@ if [ "$WRITE" = 1 ]; then
     rm -f "$OUT.section"
     echo "table written into $doc" >&2
   else
-    echo "BENCHMARKS.md has no compare_servers markers: table not written" >&2
+    echo "BENCHMARKS.md has no $MARK markers: table not written" >&2
   fi
 fi

@@ -420,9 +420,7 @@ void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
   std::vector<std::shared_ptr<RtspSession>> sessions;
   for (RtspSession* session : stream.sessions()) {
     if (session->state == RtspSession::State::kPlaying) {
-      if (auto found = FindSession(session->id)) {
-        sessions.push_back(found);
-      }
+      sessions.push_back(session->shared_from_this());
     }
   }
   // The UDP clients' datagrams of this record go out together: one

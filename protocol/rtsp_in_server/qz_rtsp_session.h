@@ -26,7 +26,9 @@ struct RtspSessionTrack {
   long long last_sr_ms = 0;
 };
 
-struct RtspSession {
+// Owned by the server's session map; the fan-out keeps the sessions it
+// pumps alive with shared_from_this() rather than looking each one up by id.
+struct RtspSession : std::enable_shared_from_this<RtspSession> {
   enum class State { kInit, kReady, kPlaying };
 
   std::string id;
