@@ -157,6 +157,13 @@ TEST_F(ServerTest, OptionsDescribeSetupPlayTeardown) {
   EXPECT_NE(describe.body.find("sprop-parameter-sets=Z0LAHtoCgA==,aM48gA=="), std::string::npos);
   EXPECT_NE(describe.body.find("a=rtpmap:8 PCMA/8000"), std::string::npos);
 
+  // The feeder's first key frame must be in the stream before PLAY for the
+  // client to start at it (and for RTP-Info to name it); on a loaded machine
+  // the feeder thread may not have run yet.
+  ASSERT_TRUE(qz_test::WaitFor([this] {
+    const QZRtspServerStats stats = server_->GetStats();
+    return !stats.stream_stats.empty() && stats.stream_stats[0].rtp_packets_built > 0;
+  }));
   std::string session;
   Response play = Play(c, &session);
   ASSERT_EQ(play.status, 200);
