@@ -238,13 +238,7 @@ void FileSource::Loop() {
     }
     const long long out_ms = loop_offset_ms + (media_ms - first_ms);
     last_ms = std::max(last_ms, out_ms);
-    // Real-time pacing.
-    while (!stop_.load()) {
-      const long long wait = start_ms + out_ms - MonotonicMs();
-      if (wait <= 0)
-        break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(std::min<long long>(wait, 20)));
-    }
+    SleepUntil(start_ms + out_ms, stop_);  // real-time pacing
     if (index == video_index_) {
       PushVideo(packet, start_ms + out_ms);
     } else {

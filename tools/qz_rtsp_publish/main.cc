@@ -163,8 +163,11 @@ int main(int argc, char** argv) {
   // Delay counts per stream when the summary's window opened.
   std::map<std::string, WindowBase> delay_base;
   bool delay_window_open = options.stats_after == 0;
+  // Events, user data and the status line need no finer clock than this;
+  // Ctrl-C is noticed within one period.
+  constexpr auto kMainLoopPeriod = std::chrono::milliseconds(200);
   while (!g_stop.load()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(kMainLoopPeriod);
     const long long now = qz_tools::MonotonicMs();
     while (qz_top_common::InnerEvent* event = events.PopEvent()) {
       if (event->id_ == EVENT_KESTRAVOX_ERC_PUBLISHER_RTSP_URL) {

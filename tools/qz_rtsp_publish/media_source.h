@@ -30,6 +30,11 @@ class MediaSource {
 // Milliseconds of the monotonic clock, the timestamps' time base.
 long long MonotonicMs();
 
+// Sleeps until MonotonicMs() reaches `deadline_ms` or `stop` is set. Pacing
+// threads wake once per frame: the sleep goes to the deadline itself, in
+// slices of at most 100 ms so that Stop() is noticed.
+void SleepUntil(long long deadline_ms, const std::atomic<bool>& stop);
+
 }  // namespace qz_tools
 
 #endif  // TOOLS_QZ_RTSP_PUBLISH_MEDIA_SOURCE_H_

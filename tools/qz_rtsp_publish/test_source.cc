@@ -91,16 +91,6 @@ void DrawPicture(AVFrame* frame, long long index, int fps) {
   DrawText(frame, text, w / 16, h / 8 + 9 * scale, scale / 2 + 1);
 }
 
-void SleepUntil(long long deadline_ms, const std::atomic<bool>& stop) {
-  while (!stop.load()) {
-    const long long left = deadline_ms - MonotonicMs();
-    if (left <= 0) {
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::min<long long>(left, 20)));
-  }
-}
-
 std::string AvError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {0};
   av_strerror(code, text, sizeof(text));
