@@ -9,8 +9,8 @@
 # its sockets every QZ_BENCH_POLL_MS (default 1) instead of sleeping in
 # epoll_wait, so that a server's loopback writes do not each pay for waking it
 # (see qz_rtsp_load); 0 restores the blocking client. Each point runs
-# QZ_BENCH_REPEAT times (default 3) per server and the run with the median
-# CPU is reported. Over UDP ours also runs without segmentation offload
+# QZ_BENCH_REPEAT times (default 3) per server, the servers taking turns, and
+# the run with the median CPU is reported. Over UDP ours also runs without segmentation offload
 # (--no-udp-gso). Ours also reports its own posted-to-written and
 # pushed-to-written delays over the same window (its exit summary). Prints a Markdown table with the ratios
 # ours/peer and writes it into BENCHMARKS.md between the compare_servers
@@ -36,7 +36,7 @@ OUT=$(mktemp)
 RPS_CPUS=/sys/class/net/lo/queues/rx-0/rps_cpus
 BACKLOG=/proc/sys/net/core/netdev_max_backlog
 restore() {
-  rm -f "$OUT" /tmp/qz_load.$$ /tmp/qz_pub.$$
+  rm -f "$OUT" "$OUT".ours* "$OUT".peer /tmp/qz_load.$$ /tmp/qz_pub.$$
   if [ -n "${old_rps:-}" ]; then
     echo "$old_rps" > "$RPS_CPUS"
     echo "$old_backlog" > "$BACKLOG"
@@ -111,13 +111,9 @@ measure() {
     "${p50:-?}" "${p99:-?}" "${alive:-0}" "${w50:--}" "${w99:--}" "${p99push:--}"
 }
 
-# The run with the median CPU of REPEAT runs of one point.
+# The run with the median CPU among the lines of a file of runs.
 median_of() {
-  local runs=() i
-  for i in $(seq 1 "$REPEAT"); do
-    runs+=("$(measure "$@")")
-  done
-  printf "%s\n" "${runs[@]}" | sort -n -k1,1 | sed -n "$(((REPEAT + 1) / 2))p"
+  sort -n -k1,1 "$1" | sed -n "$(((REPEAT + 1) / 2))p"
 }
 
 {
@@ -126,11 +122,22 @@ median_of() {
   for point in $POINTS; do
     transport=${point%%:*}
     readers=${point##*:}
-    read -r oc om ol o50 o99 oa ow50 ow99 op99 <<< "$(median_of ours "$transport" "$readers")"
-    read -r gc gm gl g50 g99 ga _ <<< "$(median_of peer "$transport" "$readers")"
+    # The servers take turns run by run, so that a slow spell of the VM
+    # falls on both rather than on one server's three runs.
+    kinds="ours peer"
+    [ "$transport" = udp ] && kinds="ours peer ours-nogso"
+    for kind in $kinds; do : > "$OUT.$kind"; done
+    for i in $(seq 1 "$REPEAT"); do
+      for kind in $kinds; do
+        measure "$kind" "$transport" "$readers" >> "$OUT.$kind"
+        echo >> "$OUT.$kind"
+      done
+    done
+    read -r oc om ol o50 o99 oa ow50 ow99 op99 <<< "$(median_of "$OUT.ours")"
+    read -r gc gm gl g50 g99 ga _ <<< "$(median_of "$OUT.peer")"
     nogso="-"
     if [ "$transport" = udp ]; then
-      read -r nogso _ <<< "$(median_of ours-nogso "$transport" "$readers")"
+      read -r nogso _ <<< "$(median_of "$OUT.ours-nogso")"
     fi
     ratio=$(printf "%.2f" "$(echo "if ($gc > 0) $oc / $gc else 0" | bc -l)")
     if [ "${ga:-0}" -lt "$readers" ]; then
