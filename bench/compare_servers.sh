@@ -61,8 +61,8 @@ if [ ! -s "$INPUT" ]; then
 fi
 
 # CPU time of every thread of a process, in ns.
-cpu_ns() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ns += $1} END {printf "%.0f", ns}'; }
-rss_kb() { awk '/VmRSS/ {print $2}' "/proc/$1/status"; }
+cpu_ns() { cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ns += $1} END {if (NR) printf "%.0f", ns}'; }
+rss_kb() { awk '/VmRSS/ {print $2}' "/proc/$1/status" 2>/dev/null; }
 
 # measure SERVER_KIND TRANSPORT READERS
 #   -> "cpu% rss_MB loss p50 p99 alive write_p50 write_p99 push_p99"
@@ -90,8 +90,13 @@ measure() {
   t0=$(date +%s.%N); c0=$(cpu_ns $pid)
   sleep 10
   t1=$(date +%s.%N); c1=$(cpu_ns $pid); rss=$(rss_kb $pid)
+  # A server that aborted in the window (GStreamer's does at 100 TCP readers
+  # now and then) has no figures; its alive count marks the point.
+  c0=${c0:-0}
+  [ -n "$c1" ] || c1=$c0
+  rss=${rss:-0}
   wait $load
-  kill -INT $pid; sleep 1; kill -KILL $pid 2>/dev/null; wait $pid 2>/dev/null
+  kill -INT $pid 2>/dev/null; sleep 1; kill -KILL $pid 2>/dev/null; wait $pid 2>/dev/null
   local summary written="" w50="-" w99="-" p99push="-"
   summary=$(grep '^summary' /tmp/qz_load.$$)
   if [ "$kind" != peer ]; then
