@@ -623,6 +623,18 @@ void RtspConnection::KickWrite() {
   }
 }
 
+void RtspConnection::KickSoon() {
+  // A write in flight kicks again when it ends and takes what is queued.
+  if (kick_soon_ || writing_ || closed_) {
+    return;
+  }
+  kick_soon_ = true;
+  asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    self->kick_soon_ = false;
+    self->KickWrite();
+  });
+}
+
 void RtspConnection::FinishWrite(const asio::error_code& ec, size_t bytes) {
   writing_ = false;
   writing_control_.clear();
@@ -631,6 +643,7 @@ void RtspConnection::FinishWrite(const asio::error_code& ec, size_t bytes) {
     session.writing = false;
     if (!ec) {
       server_.CountSent(session, bytes, writing_packets_.size());
+      server_.CountTcpWrite(session);
       const uint64_t before = session.written_index;
       session.written_index = session.write_end;
       RtspStream& stream = *session.stream;

@@ -518,7 +518,7 @@ void QZRtspServer::Impl::Pump(RtspSession& session, UdpBatch* batch) {
   SendFirstReports(session);
   if (session.HasTcpTrack()) {
     if (auto connection = session.connection.lock()) {
-      connection->KickWrite();
+      connection->KickSoon();
     }
     return;
   }
@@ -573,6 +573,11 @@ void QZRtspServer::Impl::CountSent(RtspSession& session, size_t bytes, size_t pa
   session.packets_sent += packets;
   session.stream->counters().Sent(bytes, packets);
   totals_.Sent(bytes, packets);
+}
+
+void QZRtspServer::Impl::CountTcpWrite(RtspSession& session) {
+  ++session.stream->counters().tcp_writes;
+  ++totals_.tcp_writes;
 }
 
 void QZRtspServer::Impl::CountDropped(RtspSession& session,
@@ -756,6 +761,7 @@ QZRtspServerStats QZRtspServer::Impl::Stats() {
   }
   stats.bytes_sent = totals_.bytes_sent.load();
   stats.packets_sent = totals_.packets_sent.load();
+  stats.tcp_writes = totals_.tcp_writes.load();
   stats.dropped = totals_.Drops();
   stats.packets_dropped = stats.dropped.total();
   stats.key_frame_requests = totals_.key_frame_requests.load();

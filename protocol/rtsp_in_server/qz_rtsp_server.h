@@ -103,6 +103,9 @@ struct QZRtspStreamStats {
   int playing = 0;
   unsigned long long bytes_sent = 0;  // RTP and RTCP, every client
   unsigned long long packets_sent = 0;
+  // Media writes to TCP clients (one sendmsg() each unless the socket was
+  // full); records posted together share one.
+  unsigned long long tcp_writes = 0;
   QZRtspDropCounts dropped;
   unsigned long long key_frame_requests = 0;  // calls of on_key_frame_request
   unsigned long long rtp_packets_built = 0;   // once per stream, shared by its clients
@@ -124,6 +127,7 @@ struct QZRtspServerStats {
   // Since Start(), streams that are gone included.
   unsigned long long bytes_sent = 0;
   unsigned long long packets_sent = 0;
+  unsigned long long tcp_writes = 0;
   unsigned long long packets_dropped = 0;  // dropped.total()
   QZRtspDropCounts dropped;
   unsigned long long key_frame_requests = 0;

@@ -62,6 +62,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   asio::ip::udp::endpoint UdpDestination(const RtspSession& session, int track, bool rtcp) const;
   // Counts on the session's stream and on the server's totals.
   void CountSent(RtspSession& session, size_t bytes, size_t packets);
+  void CountTcpWrite(RtspSession& session);
   void CountDropped(RtspSession& session, RtspCounters::Drop reason, unsigned long long packets);
   // A connection refused or closed by one of the limits.
   void CountRefused() { ++connections_refused_; }

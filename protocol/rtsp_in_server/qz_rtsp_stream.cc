@@ -297,6 +297,7 @@ QZRtspStreamStats RtspStream::Stats() const {
   stats.playing = playing_count_.load();
   stats.bytes_sent = counters_.bytes_sent.load();
   stats.packets_sent = counters_.packets_sent.load();
+  stats.tcp_writes = counters_.tcp_writes.load();
   stats.dropped = counters_.Drops();
   stats.key_frame_requests = counters_.key_frame_requests.load();
   stats.rtp_packets_built = packets_built_.load();

@@ -63,6 +63,7 @@ struct RtspCounters {
 
   std::atomic<unsigned long long> bytes_sent{0};
   std::atomic<unsigned long long> packets_sent{0};
+  std::atomic<unsigned long long> tcp_writes{0};
   std::atomic<unsigned long long> drop_slow{0};
   std::atomic<unsigned long long> drop_socket{0};
   std::atomic<unsigned long long> drop_control{0};

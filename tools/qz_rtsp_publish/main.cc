@@ -74,6 +74,7 @@ QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& se
     total.playing += s.playing;
     total.bytes_sent += s.bytes_sent;
     total.packets_sent += s.packets_sent;
+    total.tcp_writes += s.tcp_writes;
     total.packets_dropped += s.packets_dropped;
     total.dropped.slow_reader += s.dropped.slow_reader;
     total.dropped.socket_full += s.dropped.socket_full;
@@ -217,11 +218,12 @@ int main(int argc, char** argv) {
     // have left no connection or session behind.
     const QZRtspServerStats stats = Summarize(servers);
     std::fprintf(stderr,
-                 "servers: %d connections, %d sessions, %llu packets sent, dropped %llu slow "
-                 "reader / %llu socket full / %llu control backlog, %llu refused\n",
-                 stats.connections, stats.sessions, stats.packets_sent, stats.dropped.slow_reader,
-                 stats.dropped.socket_full, stats.dropped.control_backlog,
-                 stats.connections_refused);
+                 "servers: %d connections, %d sessions, %llu packets sent (%llu TCP writes), "
+                 "dropped %llu slow reader / %llu socket full / %llu control backlog, "
+                 "%llu refused\n",
+                 stats.connections, stats.sessions, stats.packets_sent, stats.tcp_writes,
+                 stats.dropped.slow_reader, stats.dropped.socket_full,
+                 stats.dropped.control_backlog, stats.connections_refused);
     for (const auto& stream : stats.stream_stats) {
       const WindowBase& base = delay_base[stream.name];
       const DelayWindow posted = Window(stream.write_delay, base.write);

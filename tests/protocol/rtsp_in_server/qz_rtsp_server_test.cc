@@ -134,6 +134,19 @@ class ServerTest : public ::testing::Test {
     return c.Read();
   }
 
+  // SETUP of both tracks over TCP (channels 0-1 and 2-3) and PLAY.
+  void PlayBoth(Client& c) {
+    c.Send(c.Request("SETUP", url_ + "/trackID=0", 1,
+                     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+    const std::string session = SessionId(c.Read());
+    c.Send(c.Request(
+        "SETUP", url_ + "/trackID=1", 2,
+        "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\nSession: " + session + "\r\n"));
+    ASSERT_EQ(c.Read().status, 200);
+    c.Send(c.Request("PLAY", url_, 3, "Session: " + session + "\r\n"));
+    ASSERT_EQ(c.Read().status, 200);
+  }
+
   std::unique_ptr<QZRtspServer> server_;
   std::unique_ptr<FakePublisher> publisher_;
   std::string url_;
@@ -228,15 +241,7 @@ TEST_F(ServerTest, EachTrackReportPrecedesItsFirstPacket) {
   std::this_thread::sleep_for(std::chrono::milliseconds(150));  // audio and video are held
   for (int join = 0; join < 3; ++join) {
     Client c(server_->Port());
-    c.Send(c.Request("SETUP", url_ + "/trackID=0", 1,
-                     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
-    const std::string session = SessionId(c.Read());
-    c.Send(c.Request(
-        "SETUP", url_ + "/trackID=1", 2,
-        "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\nSession: " + session + "\r\n"));
-    ASSERT_EQ(c.Read().status, 200);
-    c.Send(c.Request("PLAY", url_, 3, "Session: " + session + "\r\n"));
-    ASSERT_EQ(c.Read().status, 200);
+    ASSERT_NO_FATAL_FAILURE(PlayBoth(c));
     const auto frames = c.Frames(300);
     for (const uint8_t media : {0, 2}) {
       const auto first_of = [&frames](uint8_t channel) {
@@ -248,6 +253,27 @@ TEST_F(ServerTest, EachTrackReportPrecedesItsFirstPacket) {
           << "the report of channel " << int{media} << " comes after its media";
     }
   }
+}
+
+// The feeder posts each video record with its audio record right behind it,
+// as the sinker does with what it finds queued on one pass: the network
+// thread finds both waiting and a TCP client gets them in one write, not
+// one write each.
+TEST_F(ServerTest, RecordsPostedTogetherShareOneTcpWrite) {
+  Client c(server_->Port());
+  ASSERT_NO_FATAL_FAILURE(PlayBoth(c));
+  const auto frames = c.Frames(500);
+  size_t records = 0;  // an audio packet each, and video packets with the marker bit
+  for (const auto& f : frames) {
+    records += f.first == 2 || (f.first == 0 && (static_cast<uint8_t>(f.second[1]) & 0x80));
+  }
+  ASSERT_GT(records, 40u);
+  const QZRtspServerStats stats = server_->GetStats();
+  ASSERT_EQ(stats.stream_stats.size(), 1u);
+  const unsigned long long writes = stats.stream_stats[0].tcp_writes;
+  EXPECT_GT(writes, 0u);
+  EXPECT_LT(writes * 4, records * 3) << writes << " writes for " << records << " records";
+  EXPECT_EQ(stats.tcp_writes, writes);
 }
 
 TEST_F(ServerTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
