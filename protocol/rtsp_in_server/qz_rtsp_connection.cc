@@ -623,18 +623,6 @@ void RtspConnection::KickWrite() {
   }
 }
 
-void RtspConnection::KickSoon() {
-  // A write in flight kicks again when it ends and takes what is queued.
-  if (kick_soon_ || writing_ || closed_) {
-    return;
-  }
-  kick_soon_ = true;
-  asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    self->kick_soon_ = false;
-    self->KickWrite();
-  });
-}
-
 void RtspConnection::FinishWrite(const asio::error_code& ec, size_t bytes) {
   writing_ = false;
   writing_control_.clear();

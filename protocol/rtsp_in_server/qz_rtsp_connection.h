@@ -36,10 +36,6 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   // Writes pending responses, RTCP and the media of this connection's TCP
   // sessions, one scatter-gather write at a time.
   void KickWrite();
-  // KickWrite() once the handlers already queued on the network thread have
-  // run: records posted together (a video frame and the audio frame beside
-  // it) then leave in one write instead of one write each.
-  void KickSoon();
   // Sizes the socket's send buffer to `ms` of the bit rate of the streams
   // this connection plays over TCP (tick; no change for small differences).
   void SizeSendBuffer(int ms);
@@ -90,7 +86,6 @@ class RtspConnection : public std::enable_shared_from_this<RtspConnection> {
   size_t control_bytes_ = 0;
   size_t send_buffer_bytes_ = 0;  // what SizeSendBuffer() last set
   bool writing_ = false;
-  bool kick_soon_ = false;  // a KickSoon() is queued
   std::string writing_control_;
   std::vector<std::shared_ptr<RtpPacket>> writing_packets_;
   std::shared_ptr<RtspSession> writing_session_;

@@ -5,6 +5,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <future>
@@ -155,8 +156,9 @@ bool QZRtspServer::Impl::Start() {
   }
   port_.store(acceptor_->local_endpoint(ec).port());
   url_host_ = options_.url_host.empty() ? FirstNonLoopbackAddress() : options_.url_host;
-  gate_ = std::make_shared<RtspIoGate>(
-      [this](std::function<void()> work) { asio::post(io_, std::move(work)); });
+  gate_ = std::make_shared<RtspIoGate>([this](std::function<void()> batch) {
+    asio::post(io_, [this, batch = std::move(batch)] { RunGateBatch(batch); });
+  });
   tick_.reset(new asio::steady_timer(io_));
   work_.reset(new asio::executor_work_guard<asio::io_context::executor_type>(io_.get_executor()));
   {
@@ -416,6 +418,32 @@ void QZRtspServer::Impl::DoAccept() {
 
 // ---- media ----------------------------------------------------------------------------
 
+void QZRtspServer::Impl::RunGateBatch(const std::function<void()>& batch) {
+  in_gate_batch_ = true;
+  batch();
+  in_gate_batch_ = false;
+  if (kicks_.empty()) {
+    return;
+  }
+  // Each connection once, however many of the batch's records it got.
+  std::vector<std::shared_ptr<RtspConnection>> kicks;
+  kicks.swap(kicks_);
+  std::sort(kicks.begin(), kicks.end());
+  kicks.erase(std::unique(kicks.begin(), kicks.end()), kicks.end());
+  kicking_ = true;
+  for (auto& connection : kicks) {
+    connection->KickWrite();
+  }
+  kicking_ = false;
+  // The writes just made settle here, one scan per stream.
+  std::vector<std::shared_ptr<RtspStream>> settle;
+  settle.swap(settle_after_kicks_);
+  for (auto& stream : settle) {
+    stream->settle_scheduled = false;
+    SettleWrites(*stream);
+  }
+}
+
 void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
   std::vector<std::shared_ptr<RtspSession>> sessions;
   for (RtspSession* session : stream.sessions()) {
@@ -440,6 +468,10 @@ void QZRtspServer::Impl::ScheduleSettle(RtspStream& stream) {
     return;
   }
   stream.settle_scheduled = true;
+  if (kicking_) {
+    settle_after_kicks_.push_back(stream.shared_from_this());
+    return;
+  }
   std::weak_ptr<RtspStream> weak = stream.shared_from_this();
   asio::post(io_, [this, weak] {
     if (auto s = weak.lock()) {
@@ -518,7 +550,11 @@ void QZRtspServer::Impl::Pump(RtspSession& session, UdpBatch* batch) {
   SendFirstReports(session);
   if (session.HasTcpTrack()) {
     if (auto connection = session.connection.lock()) {
-      connection->KickSoon();
+      if (in_gate_batch_) {
+        kicks_.push_back(std::move(connection));  // written when the batch is done
+      } else {
+        connection->KickWrite();
+      }
     }
     return;
   }

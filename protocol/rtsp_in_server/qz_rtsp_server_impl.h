@@ -52,7 +52,8 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   void RemoveConnection(RtspConnection* connection);
   uint16_t udp_rtp_port() const { return udp_rtp_port_; }
   // Sends the session's playable packets over UDP and asks its connection to
-  // write the TCP ones.
+  // write the TCP ones (inside a batch of records from the gate: once the
+  // batch is done, so that its records share one write).
   // A UDP client's datagrams go into `batch` when given (the caller sends
   // it while the session lives), else into one of its own.
   void Pump(RtspSession& session, UdpBatch* batch = nullptr);
@@ -91,6 +92,9 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   void ReceiveRtcp(asio::ip::udp::socket& socket, int which);
   bool OpenUdp();
   void OnStreamPackets(RtspStream& stream);
+  // Runs work handed over by the publisher's threads, then writes what it
+  // queued for TCP clients.
+  void RunGateBatch(const std::function<void()>& batch);
   void Shutdown();
 
   QZRtspServerOptions options_;
@@ -108,6 +112,10 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   asio::ip::udp::endpoint rtcp_sender_[2];
   std::unique_ptr<asio::steady_timer> tick_;
   std::shared_ptr<RtspIoGate> gate_;
+  bool in_gate_batch_ = false;
+  std::vector<std::shared_ptr<RtspConnection>> kicks_;  // to write after the gate's batch
+  bool kicking_ = false;
+  std::vector<std::shared_ptr<RtspStream>> settle_after_kicks_;
 
   std::atomic<bool> running_{false};
   std::atomic<uint16_t> port_{0};

@@ -38,14 +38,31 @@ size_t AudioSamples(const QZRtspAudioPacket& record, int channels) {
 
 void RtspIoGate::Post(std::function<void()> work) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (poster_) {
-    poster_(std::move(work));
+  if (!poster_) {
+    return;
+  }
+  batch_.push_back(std::move(work));
+  if (!scheduled_) {
+    scheduled_ = true;
+    poster_([self = shared_from_this()] { self->RunBatch(); });
+  }
+}
+
+void RtspIoGate::RunBatch() {
+  std::vector<std::function<void()>> batch;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    batch.swap(batch_);
+    scheduled_ = false;
+  }
+  for (auto& work : batch) {
+    work();
   }
 }
 
 void RtspIoGate::Close() {
   std::lock_guard<std::mutex> lock(mutex_);
-  poster_ = nullptr;
+  poster_ = nullptr;  // a batch already handed over still runs
 }
 
 // The consumers run on the publisher's send thread: they only hand the

@@ -27,8 +27,13 @@ namespace qz_rtsp_internal_server {
 struct RtspSession;
 
 // Lets threads outside the server hand work to the network thread for as
-// long as the server runs; after Close() posts are dropped.
-class RtspIoGate {
+// long as the server runs; after Close() posts are dropped. Work posted while
+// earlier work still waits joins it: the poster is called once per batch,
+// with a function that runs the batch in order (the server writes what a
+// batch queued for its TCP clients after it, so that records posted together
+// leave in one write). The poster must not run that function before it
+// returns.
+class RtspIoGate : public std::enable_shared_from_this<RtspIoGate> {
  public:
   using Poster = std::function<void(std::function<void()>)>;
   explicit RtspIoGate(Poster poster) : poster_(std::move(poster)) {}
@@ -36,8 +41,12 @@ class RtspIoGate {
   void Close();
 
  private:
-  std::mutex mutex_;  // guards poster_
+  void RunBatch();
+
+  std::mutex mutex_;  // guards the members below
   Poster poster_;
+  std::vector<std::function<void()>> batch_;
+  bool scheduled_ = false;  // the poster holds a RunBatch() that has not started
 };
 
 // Delivery counters: written on the network thread, read from any.

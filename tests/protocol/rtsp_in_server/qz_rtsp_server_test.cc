@@ -256,9 +256,9 @@ TEST_F(ServerTest, EachTrackReportPrecedesItsFirstPacket) {
 }
 
 // The feeder posts each video record with its audio record right behind it,
-// as the sinker does with what it finds queued on one pass: the network
-// thread finds both waiting and a TCP client gets them in one write, not
-// one write each.
+// as the sinker does with what it finds queued on one pass: the audio joins
+// the video's batch on its way to the network thread, and a TCP client gets
+// both in one write, not one write each.
 TEST_F(ServerTest, RecordsPostedTogetherShareOneTcpWrite) {
   Client c(server_->Port());
   ASSERT_NO_FATAL_FAILURE(PlayBoth(c));

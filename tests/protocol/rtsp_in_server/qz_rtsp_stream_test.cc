@@ -1,9 +1,13 @@
 // The stream's packet ring as a GOP cache: what a viewer that joins now
 // would be sent must always start at a key frame, the latest GOP survives the
 // soft byte bound, and past the hard cap the cache is dropped and a key frame
-// asked for.
+// asked for. And the gate that hands the publisher's records to the network
+// thread in batches.
 #include "protocol/rtsp_in_server/qz_rtsp_stream.h"
 
+#include <deque>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,7 +44,8 @@ TEST_P(GopCacheTest, CacheStartsAtAKeyFrameWithinItsBounds) {
   piple->IsHasVideo(true);
   piple->SetVideoCodecID(QZ_MEDIA_CODEC_ID_H264);
   piple->SetSpsPps(qz_test::kH264Sps.data(), 7, qz_test::kH264Pps.data(), 4);
-  auto gate = std::make_shared<RtspIoGate>([](std::function<void()> work) { work(); });
+  // Nothing is posted: the test hands the records to the stream itself.
+  auto gate = std::make_shared<RtspIoGate>([](std::function<void()>) {});
   RtspStreamLimits limits;
   limits.max_ring_bytes = 12000;
   limits.keep_gop = c.keep_gop;
@@ -80,6 +85,39 @@ INSTANTIATE_TEST_SUITE_P(Table,
                          [](const ::testing::TestParamInfo<CacheCase>& info) {
                            return std::string(info.param.name);
                          });
+
+// Work posted while a batch waits joins it; the network thread is asked
+// once per batch, runs it in order, and nothing passes a closed gate.
+TEST(RtspIoGateTest, PostsJoinTheWaitingBatch) {
+  // What the network thread was given (a deque: a batch may add to it while
+  // it runs).
+  std::deque<std::function<void()>> handed;
+  auto gate = std::make_shared<RtspIoGate>(
+      [&handed](std::function<void()> batch) { handed.push_back(std::move(batch)); });
+  std::string ran;
+  for (char c : std::string("abc")) {
+    gate->Post([&ran, c] { ran += c; });
+  }
+  ASSERT_EQ(handed.size(), 1u);
+  handed[0]();
+  EXPECT_EQ(ran, "abc");
+  // Posted while the batch runs: a batch of its own.
+  gate->Post([&] {
+    gate->Post([&ran] { ran += 'e'; });
+    ran += 'd';
+  });
+  ASSERT_EQ(handed.size(), 2u);
+  handed[1]();
+  ASSERT_EQ(handed.size(), 3u);
+  handed[2]();
+  EXPECT_EQ(ran, "abcde");
+  gate->Post([&ran] { ran += 'x'; });
+  gate->Close();
+  gate->Post([&ran] { ran += 'y'; });
+  ASSERT_EQ(handed.size(), 4u);
+  handed[3]();  // handed over before Close(): still runs
+  EXPECT_EQ(ran, "abcdex");
+}
 
 }  // namespace
 }  // namespace qz_rtsp_internal_server
