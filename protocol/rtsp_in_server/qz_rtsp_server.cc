@@ -454,17 +454,15 @@ void QZRtspServer::Impl::OnStreamPackets(RtspStream& stream) {
   // The UDP clients' datagrams of this record go out together: one
   // sendmmsg() per 64 datagrams across all clients.
   UdpBatch batch = NewUdpBatch();
-  stream.fanning_out = true;
   for (auto& session : sessions) {
     Pump(*session, &batch);
   }
   batch.Flush();
-  stream.fanning_out = false;
   SettleWrites(stream);
 }
 
 void QZRtspServer::Impl::ScheduleSettle(RtspStream& stream) {
-  if (stream.settle_scheduled || stream.fanning_out) {
+  if (stream.settle_scheduled) {
     return;
   }
   stream.settle_scheduled = true;

@@ -79,7 +79,8 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor,
   // written (see RtspStream::SettleWritten).
   void SettleWrites(RtspStream& stream);
   // The same once the writes finished in this turn of the event loop are
-  // done: a scan of the stream's clients per turn, not one per write.
+  // done (after a gate batch's writes, or in a turn of its own): a scan of
+  // the stream's clients per turn, not one per write.
   void ScheduleSettle(RtspStream& stream);
   // Moves a session's read position on when the ring dropped what it needed.
   void Resync(RtspSession& session);

@@ -166,7 +166,6 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   void ForgetUnwritten() { unwritten_.clear(); }
   static constexpr size_t kMaxUnwritten = 4096;
   bool settle_scheduled = false;  // see QZRtspServer::Impl::ScheduleSettle
-  bool fanning_out = false;       // the fan-out settles its own writes at its end
 
   // Network thread: handle one record (exposed for tests). `posted_us`, when
   // set, is when the record was posted into the pipe (NowUs()); `pushed_us`
