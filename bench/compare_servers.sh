@@ -11,9 +11,16 @@
 # (see qz_rtsp_load); 0 restores the blocking client. Each point runs
 # QZ_BENCH_REPEAT times (default 3) per server, the servers taking turns, and
 # the run with the median CPU is reported. Over UDP ours also runs without segmentation offload
-# (--no-udp-gso). Ours also reports its own posted-to-written and
+# (--no-udp-gso; QZ_BENCH_NOGSO=0 skips those runs). Ours also reports its own posted-to-written and
 # pushed-to-written delays over the same window (its exit summary). Prints a Markdown table with the ratios
-# ours/peer and writes it into BENCHMARKS.md between the compare_servers
+# ours/peer: of the two medians, and the median and range of the ratios of
+# the runs made back to back (run i of ours against run i of the peer, so a
+# slow spell of the VM that lasts a minute falls on both sides of a pair),
+# and of the cost of an added reader: (CPU at N - CPU at 1) / (N - 1), each
+# server against its own one-reader point of the same transport (so the
+# fixed cost of reading the file and running the pipeline, which the peer
+# pays only once a client plays, is left out; the peer's figure at N is the
+# median of its runs that kept all N readers). Writes it into BENCHMARKS.md between the compare_servers
 # markers (QZ_BENCH_WRITE=0: print only).
 # QZ_BENCH_RPS=1 (needs root) steers loopback's receive processing to the
 # load client's core for the run (RPS on lo, and a longer per-core backlog so
@@ -26,12 +33,13 @@ set -uo pipefail
 BUILD=${1:-build}
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 INPUT=${QZ_BENCH_INPUT:-$ROOT/$BUILD/bench_input_1080p30.mp4}
-POINTS=${QZ_BENCH_POINTS:-"tcp:1 tcp:10 tcp:50 tcp:100 tcp:200 tcp:500 udp:10 udp:50 udp:100"}
+POINTS=${QZ_BENCH_POINTS:-"tcp:1 tcp:10 tcp:50 tcp:100 tcp:200 tcp:500 udp:1 udp:10 udp:50 udp:100"}
 PORT=18554
 REPEAT=${QZ_BENCH_REPEAT:-3}
 WRITE=${QZ_BENCH_WRITE:-1}
 POLL_MS=${QZ_BENCH_POLL_MS:-1}
 RPS=${QZ_BENCH_RPS:-0}
+NOGSO=${QZ_BENCH_NOGSO:-1}
 OUT=$(mktemp)
 RPS_CPUS=/sys/class/net/lo/queues/rx-0/rps_cpus
 BACKLOG=/proc/sys/net/core/netdev_max_backlog
@@ -121,36 +129,61 @@ median_of() {
   sort -n -k1,1 "$1" | sed -n "$(((REPEAT + 1) / 2))p"
 }
 
+# Ratios ours/peer of the runs made back to back, over the pairs where the
+# peer kept every reader: "median (min-max)", or "-" when there is none.
+paired_ratios() {
+  paste -d ' ' <(awk '{print $1}' "$1") <(awk '{print $1, $6}' "$2") |
+    awk -v readers="$3" '$3 >= readers && $2 > 0 {printf "%.3f\n", $1 / $2}' | sort -n |
+    awk '{r[NR] = $1} END {
+      if (NR == 0) { print "-"; exit }
+      m = NR % 2 ? r[(NR + 1) / 2] : (r[NR / 2] + r[NR / 2 + 1]) / 2
+      printf "%.2f (%.2f-%.2f)", m, r[1], r[NR] }'
+}
+
 {
-  echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours CPU % without GSO | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | ours posted-to-written p50/p99 ms | ours pushed-to-written p99 ms | alive ours/peer |"
-  echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
+  echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours/peer paired, median (range) | per added reader ours/peer % (ratio) | ours CPU % without GSO | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | ours posted-to-written p50/p99 ms | ours pushed-to-written p99 ms | alive ours/peer |"
+  echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
   for point in $POINTS; do
     transport=${point%%:*}
     readers=${point##*:}
     # The servers take turns run by run, so that a slow spell of the VM
     # falls on both rather than on one server's three runs.
     kinds="ours peer"
-    [ "$transport" = udp ] && kinds="ours peer ours-nogso"
+    [ "$transport" = udp ] && [ "$NOGSO" = 1 ] && kinds="ours peer ours-nogso"
     for kind in $kinds; do : > "$OUT.$kind"; done
     for i in $(seq 1 "$REPEAT"); do
       for kind in $kinds; do
         measure "$kind" "$transport" "$readers" >> "$OUT.$kind"
         echo >> "$OUT.$kind"
+        echo "$(date -u +%T) $readers $transport $kind run $i: $(tail -n 1 "$OUT.$kind")" >&2
       done
     done
     read -r oc om ol o50 o99 oa ow50 ow99 op99 <<< "$(median_of "$OUT.ours")"
     read -r gc gm gl g50 g99 ga _ <<< "$(median_of "$OUT.peer")"
     nogso="-"
-    if [ "$transport" = udp ]; then
+    if [ -s "$OUT.ours-nogso" ] && [ "$transport" = udp ]; then
       read -r nogso _ <<< "$(median_of "$OUT.ours-nogso")"
     fi
     ratio=$(printf "%.2f" "$(echo "if ($gc > 0) $oc / $gc else 0" | bc -l)")
+    paired=$(paired_ratios "$OUT.ours" "$OUT.peer" "$readers")
+    added="-"
+    served=$(awk -v n="$readers" '$6 >= n {print $1}' "$OUT.peer" | sort -n |
+      awk '{c[NR] = $1} END {if (NR) print c[int((NR + 1) / 2)]}')
+    if [ "$readers" = 1 ]; then
+      eval "base_ours_$transport=$oc base_peer_$transport=$served"
+    else
+      eval "bo=\${base_ours_$transport:-} bp=\${base_peer_$transport:-}"
+      if [ -n "$bo" ] && [ -n "$bp" ] && [ -n "$served" ]; then
+        added=$(echo "$oc $bo $served $bp $readers" | awk '{o = ($1 - $2) / ($5 - 1); p = ($3 - $4) / ($5 - 1)
+          printf "%.3f/%.3f (%s)", o, p, (p > 0 ? sprintf("%.2f", o / p) : "-")}')
+      fi
+    fi
     if [ "${ga:-0}" -lt "$readers" ]; then
       # The peer closed sessions and stopped serving: no CPU figure to compare.
       gc="-" ratio="-" g50="-" g99="-"
     fi
-    printf "| %s %s | %s | %s | %s | %s | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s | %s | %s/%s |\n" \
-      "$readers" "$transport" "$oc" "$gc" "$ratio" "$nogso" "$om" "$gm" "$ol" "$gl" "$o50" "$o99" \
+    printf "| %s %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s | %s/%s | %s/%s | %s/%s | %s | %s/%s |\n" \
+      "$readers" "$transport" "$oc" "$gc" "$ratio" "$paired" "$added" "$nogso" "$om" "$gm" "$ol" "$gl" "$o50" "$o99" \
       "$g50" "$g99" "$ow50" "$ow99" "$op99" "$oa" "$ga"
   done
 } | tee "$OUT"
