@@ -140,6 +140,8 @@ paired_ratios() {
       printf "%.2f (%.2f-%.2f)", m, r[1], r[NR] }'
 }
 
+# Each transport's one-reader CPU per server, for the cost of an added reader.
+declare -A base_ours base_peer
 {
   echo "| readers | ours CPU % | peer CPU % | ours/peer CPU | ours/peer paired, median (range) | per added reader ours/peer % (ratio) | ours CPU % without GSO | ours RSS MB | peer RSS MB | ours loss % | peer loss % | ours delay p50/p99 ms | peer delay p50/p99 ms | ours posted-to-written p50/p99 ms | ours pushed-to-written p99 ms | alive ours/peer |"
   echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
@@ -170,9 +172,10 @@ paired_ratios() {
     served=$(awk -v n="$readers" '$6 >= n {print $1}' "$OUT.peer" | sort -n |
       awk '{c[NR] = $1} END {if (NR) print c[int((NR + 1) / 2)]}')
     if [ "$readers" = 1 ]; then
-      eval "base_ours_$transport=$oc base_peer_$transport=$served"
+      base_ours[$transport]=$oc
+      base_peer[$transport]=$served
     else
-      eval "bo=\${base_ours_$transport:-} bp=\${base_peer_$transport:-}"
+      bo=${base_ours[$transport]:-} bp=${base_peer[$transport]:-}
       if [ -n "$bo" ] && [ -n "$bp" ] && [ -n "$served" ]; then
         added=$(echo "$oc $bo $served $bp $readers" | awk '{o = ($1 - $2) / ($5 - 1); p = ($3 - $4) / ($5 - 1)
           printf "%.3f/%.3f (%s)", o, p, (p > 0 ? sprintf("%.2f", o / p) : "-")}')
