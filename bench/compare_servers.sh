@@ -124,9 +124,11 @@ measure() {
     "${p50:-?}" "${p99:-?}" "${alive:-0}" "${w50:--}" "${w99:--}" "${p99push:--}"
 }
 
-# The run with the median CPU among the lines of a file of runs.
-median_of() {
-  sort -n -k1,1 "$1" | sed -n "$(((REPEAT + 1) / 2))p"
+# The middle line of its input by the number in the first column (the lower
+# of the two middle lines for an even count), or nothing for no input: the
+# run with the median CPU among the lines of a file of runs.
+middle_line() {
+  sort -n -k1,1 | awk '{l[NR] = $0} END {if (NR) print l[int((NR + 1) / 2)]}'
 }
 
 # Ratios ours/peer of the runs made back to back, over the pairs where the
@@ -160,17 +162,16 @@ declare -A base_ours base_peer
         echo "$(date -u +%T) $readers $transport $kind run $i: $(tail -n 1 "$OUT.$kind")" >&2
       done
     done
-    read -r oc om ol o50 o99 oa ow50 ow99 op99 <<< "$(median_of "$OUT.ours")"
-    read -r gc gm gl g50 g99 ga _ <<< "$(median_of "$OUT.peer")"
+    read -r oc om ol o50 o99 oa ow50 ow99 op99 <<< "$(middle_line < "$OUT.ours")"
+    read -r gc gm gl g50 g99 ga _ <<< "$(middle_line < "$OUT.peer")"
     nogso="-"
     if [ -s "$OUT.ours-nogso" ] && [ "$transport" = udp ]; then
-      read -r nogso _ <<< "$(median_of "$OUT.ours-nogso")"
+      read -r nogso _ <<< "$(middle_line < "$OUT.ours-nogso")"
     fi
     ratio=$(printf "%.2f" "$(echo "if ($gc > 0) $oc / $gc else 0" | bc -l)")
     paired=$(paired_ratios "$OUT.ours" "$OUT.peer" "$readers")
     added="-"
-    served=$(awk -v n="$readers" '$6 >= n {print $1}' "$OUT.peer" | sort -n |
-      awk '{c[NR] = $1} END {if (NR) print c[int((NR + 1) / 2)]}')
+    served=$(awk -v n="$readers" '$6 >= n {print $1}' "$OUT.peer" | middle_line)
     if [ "$readers" = 1 ]; then
       base_ours[$transport]=$oc
       base_peer[$transport]=$served
