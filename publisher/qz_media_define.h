@@ -91,11 +91,6 @@ class QZMediaPacket : public qz_base::RefCountInterface {
   long long PTS() const { return pts_; }
   int Duration() const { return duration_; }
   void Duration(int duration) { duration_ = duration; }
-  // When the packet was pushed into a sinker, in µs of std::chrono::
-  // steady_clock (0 before). Carried into the records built from it so the
-  // server can measure push-to-written delay.
-  long long PushedUs() const { return pushed_us_; }
-  void SetPushedUs(long long us) { pushed_us_ = us; }
 
  private:
   MediaType mediaType_;
@@ -109,7 +104,6 @@ class QZMediaPacket : public qz_base::RefCountInterface {
   long long pts_;
   int duration_;
   bool isKeyFrame_;
-  long long pushed_us_ = 0;
 };
 
 typedef qz_base::scoped_refptr<qz_base::RefCountedObject<QZMediaPacket>> QZ_MediaPacketRefPtr;

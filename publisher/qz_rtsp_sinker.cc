@@ -32,6 +32,7 @@ RtspSinker::RtspSinker(QZ_NAMESPACE::EventMgr* event_mgr,
   video_kbitrate_ = 0;
   setting_init_auido_packet_time_ = 0;
   setting_init_video_packet_time_ = 0;
+  popped_pushed_us_ = 0;
   is_send_thread_exit_.store(false);
   is_send_thread_running_.store(false);
 }

@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "common/qz_pb_user_data.h"
@@ -78,7 +79,11 @@ class RtspSinker : public MediaSinker {
   static void* SendThreadFun(void* arg);
 
   // Queue and send loop.
+  using PacketList = std::list<QZ_MediaPacketRefPtr>;
   QZ_MediaPacketRefPtr PopPacket();
+  // Removes one queue entry and its push stamp; returns the next entry.
+  // Caller holds packet_rmutex_.
+  PacketList::iterator EraseQueued(PacketList::iterator pos);
   void SaveInitPacket(QZ_MediaPacketRefPtr packet);
   bool IsCanInitRtsp() const;
   void Process();
@@ -172,8 +177,21 @@ class RtspSinker : public MediaSinker {
   QZ_UINT64 setting_init_video_packet_time_;
   std::vector<void*> rtsp_servers_;
   std::map<void*, std::shared_ptr<QZRtspPacketPiple>> handle_2_piple_;
-  std::recursive_mutex packet_rmutex_;  // guards packet_list_ and the is_recv_ flags
-  std::list<QZ_MediaPacketRefPtr> packet_list_;
+  std::recursive_mutex packet_rmutex_;  // guards the queue, its push stamps, the is_recv_ flags
+  PacketList packet_list_;
+  // When each queued packet was pushed (steady_clock µs), so that the records
+  // built from it carry the push time for the server's push-to-written delay.
+  // Kept beside the queue rather than in the packet: one packet is shared by
+  // every sink of the publisher and must not be written by any of them. A
+  // packet queued twice keeps its first stamp until both entries are gone.
+  struct PushStamp {
+    long long pushed_us;
+    int entries;
+  };
+  std::unordered_map<const QZMediaPacket*, PushStamp> push_stamps_;
+  // The push stamp of the packet the send thread popped last: the one it is
+  // sending. Send thread only.
+  long long popped_pushed_us_;
   std::unique_ptr<PublisherUserDataQueue> user_data_queue_;
   std::atomic_bool is_send_thread_exit_;
   std::atomic_bool is_send_thread_running_;

@@ -135,7 +135,7 @@ std::shared_ptr<QZRtspAudioPacket> RtspSinker::MakeAudioRecord(QZ_MediaPacketRef
   record->sample_rate_ = sample_rate;
   record->channels_ = channels;
   record->time_stamp_ = out_timestamp;
-  record->pushed_us_ = packet->PushedUs();
+  record->pushed_us_ = popped_pushed_us_;
   record->data_ = std::make_shared<QZRtspPacketData>(buffer, static_cast<QZ_UINT32>(size));
   return record;
 }

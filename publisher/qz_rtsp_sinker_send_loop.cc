@@ -46,15 +46,17 @@ void RtspSinker::PushPacket(QZ_MediaPacketRefPtr packet) {
   if (!packet) {
     return;
   }
-  packet->SetPushedUs(std::chrono::duration_cast<std::chrono::microseconds>(
-                          std::chrono::steady_clock::now().time_since_epoch())
-                          .count());
+  const long long pushed_us = std::chrono::duration_cast<std::chrono::microseconds>(
+                                  std::chrono::steady_clock::now().time_since_epoch())
+                                  .count();
   std::lock_guard<std::recursive_mutex> lock(packet_rmutex_);
   if (IsVideo(packet) && !is_recv_video_) {
     is_recv_video_ = true;
   } else if (IsAudio(packet) && !is_recv_audio_) {
     is_recv_audio_ = true;
   }
+  PushStamp& stamp = push_stamps_.emplace(packet.get(), PushStamp{pushed_us, 0}).first->second;
+  ++stamp.entries;
   const long long t = packet->TimeStamp();
   if (!packet_list_.empty() && t >= packet_list_.back()->TimeStamp()) {
     packet_list_.push_back(packet);
@@ -71,6 +73,14 @@ void RtspSinker::PushPacket(QZ_MediaPacketRefPtr packet) {
   if (!is_send_thread_running_.load()) {
     TrimStoppedBacklog();
   }
+}
+
+RtspSinker::PacketList::iterator RtspSinker::EraseQueued(PacketList::iterator pos) {
+  auto stamp = push_stamps_.find(pos->get());
+  if (stamp != push_stamps_.end() && --stamp->second.entries <= 0) {
+    push_stamps_.erase(stamp);
+  }
+  return packet_list_.erase(pos);
 }
 
 // Keeps the newest kStoppedBacklogSpanMs of the queue. The cut is made at the
@@ -97,11 +107,13 @@ void RtspSinker::TrimStoppedBacklog() {
       }
     }
     if (cut != packet_list_.end()) {
-      packet_list_.erase(packet_list_.begin(), cut);
+      while (packet_list_.begin() != cut) {
+        EraseQueued(packet_list_.begin());
+      }
     } else {
       for (auto it = packet_list_.begin(); it != packet_list_.end();) {
         if (IsVideo(*it) || (*it)->TimeStamp() < window_start) {
-          it = packet_list_.erase(it);
+          it = EraseQueued(it);
         } else {
           ++it;
         }
@@ -109,7 +121,7 @@ void RtspSinker::TrimStoppedBacklog() {
     }
   }
   while (packet_list_.size() > kStoppedBacklogMaxPackets) {
-    packet_list_.pop_front();
+    EraseQueued(packet_list_.begin());
   }
 }
 
@@ -118,8 +130,10 @@ QZ_MediaPacketRefPtr RtspSinker::PopPacket() {
   if (packet_list_.empty()) {
     return QZ_MediaPacketRefPtr();
   }
-  QZ_MediaPacketRefPtr packet = std::move(packet_list_.front());
-  packet_list_.pop_front();
+  QZ_MediaPacketRefPtr packet = packet_list_.front();
+  auto stamp = push_stamps_.find(packet.get());
+  popped_pushed_us_ = stamp != push_stamps_.end() ? stamp->second.pushed_us : 0;
+  EraseQueued(packet_list_.begin());
   return packet;
 }
 
@@ -284,7 +298,7 @@ void RtspSinker::DropPacket(QZ_UINT64 delay_time) {
           "VartoLogIOS [I] RtspSinker$$$##11 drop video nk frame timestamp=%lld, delay_t=%lld, "
           "c=%d, key=%d\n",
           (*it)->TimeStamp(), delay, frame_count, key_frame_count);
-      it = packet_list_.erase(it);
+      it = EraseQueued(it);
     }
     return;
   }
@@ -313,7 +327,7 @@ void RtspSinker::DropPacket(QZ_UINT64 delay_time) {
           "VartoLogIOS [I] RtspSinker##$$22222 drop video nk frame timestamp=%lld, delay_t=%lld\n",
           (*it)->TimeStamp(), delay);
       is_no_complete_video_packet_drop_ = true;
-      it = packet_list_.erase(it);
+      it = EraseQueued(it);
       ++drop_count;
       continue;
     }
@@ -329,7 +343,7 @@ void RtspSinker::DropPacket(QZ_UINT64 delay_time) {
           "VartoLogIOS [I] RtspSinker###$$$3 drop video key frame timestamp=%lld, delay_t=%lld\n",
           (*it)->TimeStamp(), delay);
       is_no_complete_video_packet_drop_ = true;
-      it = packet_list_.erase(it);
+      it = EraseQueued(it);
       ++drop_key_count;
       ++drop_count;
       continue;

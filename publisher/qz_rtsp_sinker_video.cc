@@ -210,7 +210,7 @@ void RtspSinker::SendH264RemoveStartCode(QZ_MediaPacketRefPtr packet) {
   }
   rtsp_packet->time_stamp_ =
       static_cast<QZ_UINT64>(packet->TimeStamp()) - send_first_frame_timestamp_;
-  rtsp_packet->pushed_us_ = packet->PushedUs();
+  rtsp_packet->pushed_us_ = popped_pushed_us_;
   PostToPiples(rtsp_packet);
 }
 
@@ -399,7 +399,7 @@ void RtspSinker::SendH265NalUnits(QZ_MediaPacketRefPtr packet, const NalUnitList
   }
   rtsp_packet->time_stamp_ =
       static_cast<QZ_UINT64>(packet->TimeStamp()) - send_first_frame_timestamp_;
-  rtsp_packet->pushed_us_ = packet->PushedUs();
+  rtsp_packet->pushed_us_ = popped_pushed_us_;
   PostToPiples(rtsp_packet);
 }
 

@@ -117,4 +117,13 @@ std::shared_ptr<qz_rtsp_internal_server::QZRtspPacketData> PacketData(
       data, static_cast<QZ_UINT32>(bytes.size()));
 }
 
+std::vector<std::vector<QZ_BYTE>> NalUnits(
+    const qz_rtsp_internal_server::QZRtspVideoPacket& record) {
+  std::vector<std::vector<QZ_BYTE>> out;
+  for (const auto& unit : record.nal_units_) {
+    out.emplace_back(unit->data_.get(), unit->data_.get() + unit->size_);
+  }
+  return out;
+}
+
 }  // namespace qz_test

@@ -88,6 +88,10 @@ inline const std::vector<QZ_BYTE> kH265Trail = {0x02, 0x01, 0xD0, 0x11};      //
 inline const std::vector<QZ_BYTE> kAacConfig44k2 = {0x12, 0x10};  // AAC-LC 44100 Hz stereo
 inline const std::vector<QZ_BYTE> kAacConfig48k1 = {0x11, 0x88};  // AAC-LC 48000 Hz mono
 
+// The NAL units of a video record, copied out.
+std::vector<std::vector<QZ_BYTE>> NalUnits(
+    const qz_rtsp_internal_server::QZRtspVideoPacket& record);
+
 // A record's NAL unit or frame buffer holding a copy of `bytes`.
 std::shared_ptr<qz_rtsp_internal_server::QZRtspPacketData> PacketData(
     const std::vector<QZ_BYTE>& bytes);

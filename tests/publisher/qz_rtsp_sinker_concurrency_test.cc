@@ -89,5 +89,52 @@ TEST_F(ConcurrencyTest, DestroyWhileEncodersPushAndServerReads) {
   }
 }
 
+// A publisher hands every packet to each of its sinks on the encoder thread
+// while their send threads run: a sink must only read the packet it is given.
+// Under ThreadSanitizer a write into the shared packet shows up here.
+TEST_F(ConcurrencyTest, TwoSinkersShareEveryPacket) {
+  auto second = FakeRtspServer::Create(Handle(0x6000));
+  RtspSinker a(&events_, "live", true, true, 4);
+  RtspSinker b(&events_, "live", true, true, 4);
+  a.SetRtspServers({Handle(0x5000)});
+  b.SetRtspServers({Handle(0x6000)});
+  ASSERT_TRUE(a.Start());
+  ASSERT_TRUE(b.Start());
+  // 10 ms apart: all of it fits under the sinkers' video drop threshold, so
+  // each must post every frame whatever its send thread's pace.
+  constexpr int kFrames = 200;
+  for (int i = 0; i < kFrames; ++i) {
+    for (QZ_MediaPacketRefPtr packet : {MakeVideo(i * 10, i % 25 == 0), MakeAudio(i * 10)}) {
+      a.PushPacket(packet);
+      b.PushPacket(packet);
+    }
+    if (i % 10 == 0) {
+      std::this_thread::yield();
+    }
+  }
+  // The first video packet only describes the stream and the first one sent
+  // must be a key frame: video is posted from the second key frame (25) on.
+  const auto all_posted = [](FakeRtspServer& s) {
+    return s.video().size() == kFrames - 25 && s.audio().size() == kFrames;
+  };
+  ASSERT_TRUE(WaitFor([&] { return all_posted(*server_) && all_posted(*second); }))
+      << server_->video().size() << "/" << second->video().size() << " video records";
+  a.Stop();
+  b.Stop();
+  const auto va = server_->video(), vb = second->video();
+  for (size_t i = 0; i < va.size(); ++i) {
+    EXPECT_EQ(va[i].record->time_stamp_, vb[i].record->time_stamp_);
+    EXPECT_EQ(va[i].record->is_key_frame_, vb[i].record->is_key_frame_);
+    EXPECT_EQ(NalUnits(*va[i].record), NalUnits(*vb[i].record)) << "record " << i;
+    EXPECT_GT(va[i].record->pushed_us_, 0) << "record " << i;
+  }
+  const auto aa = server_->audio(), ab = second->audio();
+  for (size_t i = 0; i < aa.size(); ++i) {
+    EXPECT_EQ(aa[i].record->time_stamp_, ab[i].record->time_stamp_);
+    EXPECT_GT(ab[i].record->pushed_us_, 0) << "record " << i;
+  }
+  second->Unregister();
+}
+
 }  // namespace
 }  // namespace qz_test

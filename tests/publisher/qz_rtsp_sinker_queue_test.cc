@@ -38,6 +38,7 @@ TEST_P(QueueOrderTest, PopsInTimestampOrder) {
     pushed.push_back(p);
     sinker.PushPacket(p);
   }
+  EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
   std::vector<long long> popped;
   int last_size_for_equal = 0;
   long long last_ts = 0;
@@ -50,6 +51,7 @@ TEST_P(QueueOrderTest, PopsInTimestampOrder) {
     popped.push_back(p->TimeStamp());
   }
   EXPECT_EQ(popped, GetParam().popped);
+  EXPECT_EQ(peer_->StampedEntries(), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
@@ -58,6 +60,21 @@ INSTANTIATE_TEST_SUITE_P(Table,
                          [](const ::testing::TestParamInfo<OrderCase>& info) {
                            return std::string(info.param.name);
                          });
+
+// One packet queued twice (an encoder that repeats a frame) keeps its push
+// stamp until its last entry leaves the queue.
+TEST_F(QueueTest, PacketQueuedTwiceKeepsItsStampForBothEntries) {
+  RtspSinker& sinker = MakeSinker(true, true);
+  peer_->set_send_thread_running(true);
+  QZ_MediaPacketRefPtr p = MakeAudio(10);
+  sinker.PushPacket(p);
+  sinker.PushPacket(p);
+  EXPECT_EQ(peer_->StampedEntries(), 2u);
+  peer_->PopPacket();
+  EXPECT_EQ(peer_->StampedEntries(), 1u);
+  peer_->PopPacket();
+  EXPECT_EQ(peer_->StampedEntries(), 0u);
+}
 
 TEST_F(QueueTest, NullPacketIsIgnoredAndFlagsTrackFirstPackets) {
   RtspSinker& sinker = MakeSinker(true, true);
@@ -258,6 +275,7 @@ TEST_P(DropTest, DropPacket) {
   EXPECT_EQ(Describe(*peer_), c.remaining);
   EXPECT_EQ(log_.lines(), c.log);
   EXPECT_EQ(peer_->is_no_complete_video_packet_drop(), c.flag_after);
+  EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
@@ -303,6 +321,7 @@ TEST_F(QueueTest, StoppedSinkerBoundsItsBacklogAtAKeyFrame) {
   EXPECT_GE(span, 1000);
   EXPECT_EQ(queued.front()->GetMediaType(), QZMediaPacket::MediaTypeVideo);
   EXPECT_TRUE(queued.front()->IsKeyFrame());
+  EXPECT_EQ(peer_->StampedEntries(), queued.size());
 }
 
 TEST_F(QueueTest, StoppedSinkerWithoutKeyFramesKeepsOnlyRecentAudio) {
@@ -320,6 +339,7 @@ TEST_F(QueueTest, StoppedSinkerWithoutKeyFramesKeepsOnlyRecentAudio) {
     sinker.PushPacket(MakeAudio(7));
   }
   EXPECT_LE(peer_->QueueSize(), 2048u);
+  EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
 }
 
 // ---- the send loop -------------------------------------------------------------

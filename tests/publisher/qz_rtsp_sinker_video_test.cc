@@ -12,14 +12,6 @@ namespace {
 using Bytes = std::vector<QZ_BYTE>;
 using VideoTest = SinkerTest;
 
-std::vector<Bytes> Units(const QZRtspVideoPacket& record) {
-  std::vector<Bytes> out;
-  for (const auto& unit : record.nal_units_) {
-    out.emplace_back(unit->data_.get(), unit->data_.get() + unit->size_);
-  }
-  return out;
-}
-
 // ---- scanners --------------------------------------------------------------------
 
 struct ScanCase {
@@ -241,7 +233,7 @@ TEST_P(H264RecordTest, BuildsRecord) {
       MakePacket(QZMediaPacket::MediaTypeVideo, QZ_MEDIA_CODEC_ID_H264, c.au, c.key, 40));
   ASSERT_EQ(low_->video().size(), 2u);
   const auto& record = *low_->video()[1].record;
-  EXPECT_EQ(Units(record), c.units);
+  EXPECT_EQ(NalUnits(record), c.units);
   EXPECT_EQ(record.is_key_frame_, c.key);
   EXPECT_EQ(record.codec_id_, QZ_MEDIA_CODEC_ID_H264);
   EXPECT_EQ(record.time_stamp_, 40u);
@@ -330,7 +322,7 @@ TEST_F(VideoTest, UserDataTravelsOneItemPerRecordAsSei) {
   text_sei.insert(text_sei.end(), qz_top_common::H264Sei::kTextUuid,
                   qz_top_common::H264Sei::kTextUuid + 16);
   text_sei.insert(text_sei.end(), {'a', 'b', 0x80});
-  const auto key_units = Units(*low_->video()[0].record);
+  const auto key_units = NalUnits(*low_->video()[0].record);
   ASSERT_EQ(key_units.size(), 5u);  // AUD, SPS, PPS, SEI, IDR
   EXPECT_EQ(key_units[3], text_sei);
 
@@ -338,11 +330,11 @@ TEST_F(VideoTest, UserDataTravelsOneItemPerRecordAsSei) {
   binary_sei.insert(binary_sei.end(), qz_top_common::H264Sei::kBinaryUuid,
                     qz_top_common::H264Sei::kBinaryUuid + 16);
   binary_sei.insert(binary_sei.end(), {0, 0, 3, 1, 0x80});  // emulation prevention applied
-  const auto p_units = Units(*low_->video()[1].record);
+  const auto p_units = NalUnits(*low_->video()[1].record);
   ASSERT_EQ(p_units.size(), 3u);  // AUD, SEI, slice
   EXPECT_EQ(p_units[1], binary_sei);
 
-  EXPECT_EQ(Units(*low_->video()[2].record).size(), 2u);  // queue empty: no SEI
+  EXPECT_EQ(NalUnits(*low_->video()[2].record).size(), 2u);  // queue empty: no SEI
 }
 
 TEST_F(VideoTest, WithoutPipesNothingIsBuiltAndUserDataStays) {
@@ -411,7 +403,7 @@ TEST_F(VideoTest, H265RecordsKeepTheAccessUnitAndAddMissingSets) {
   }
   ASSERT_EQ(low_->video().size(), 4u);
   for (size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(Units(*low_->video()[i].record), cases[i].units) << "case " << i;
+    EXPECT_EQ(NalUnits(*low_->video()[i].record), cases[i].units) << "case " << i;
     EXPECT_EQ(low_->video()[i].record->codec_id_, QZ_MEDIA_CODEC_ID_H265);
   }
   EXPECT_FALSE(low_->video()[3].record->is_key_frame_);
@@ -448,7 +440,7 @@ TEST_F(VideoTest, H265ParameterSetTracking) {
   // Extra data completes the sets: stored, pushed before the record, inserted.
   peer_->SendVideoPacket(H265(40, true, {kH265Idr}, true, true, true));
   EXPECT_EQ(low_->video()[1].vps, kH265Vps);
-  EXPECT_EQ(Units(*low_->video()[1].record),
+  EXPECT_EQ(NalUnits(*low_->video()[1].record),
             std::vector<Bytes>({kH265Vps, kH265Sps, kH265Pps, kH265Idr}));
   // Two of three kinds: nothing pushed, the missing kind inserted from store.
   peer_->SendVideoPacket(H265(80, true, {kOtherH265Sps, kH265Idr}, false, false, true));

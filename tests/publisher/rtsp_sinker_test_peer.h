@@ -30,6 +30,16 @@ class RtspSinkerTestPeer {
     std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);
     return s_.packet_list_.size();
   }
+  // Queue entries that have a push stamp: equal to QueueSize() when no
+  // stamp was lost or leaked.
+  size_t StampedEntries() {
+    std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);
+    size_t entries = 0;
+    for (const auto& stamp : s_.push_stamps_) {
+      entries += static_cast<size_t>(stamp.second.entries);
+    }
+    return entries;
+  }
   void SaveInitPacket(QZ_MediaPacketRefPtr p) { s_.SaveInitPacket(p); }
   bool IsCanInitRtsp() const { return s_.IsCanInitRtsp(); }
   QZ_MediaPacketRefPtr init_audio_packet() const { return s_.init_audio_packet_; }
