@@ -1,6 +1,7 @@
 // Arbitrary access units through the H.264 and H.265 send paths of a sinker
 // with a live session: nothing may crash or read outside the packet.
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "tests/fakes/fake_rtsp_server.h"
@@ -11,12 +12,16 @@
 
 namespace {
 
+// A sinker and a server made afresh for every input and gone when it ends:
+// no state leaks from one input into the next (a crash reproduces from its
+// input alone), and libFuzzer, which runs a full leak scan after any input
+// that allocated more than it freed, has nothing to scan for.
 struct Session {
   Session() : sinker(&events, "fuzz", false, true, 4), peer(sinker) {
-    qz_utility::SetLogSinkForTesting([](const std::string&) {});
     server = qz_test::FakeRtspServer::Create(reinterpret_cast<void*>(0xF00));
     sinker.SetRtspServers({reinterpret_cast<void*>(0xF00)});
   }
+  ~Session() { server->Unregister(); }
   qz_top_common::EventMgr events;
   qz_publisher::RtspSinker sinker;
   qz_publisher::RtspSinkerTestPeer peer;
@@ -29,7 +34,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1 || size > 64 * 1024) {
     return 0;
   }
-  static Session* session = new Session();
+  static const bool quiet = [] {
+    qz_utility::SetLogSinkForTesting([](const std::string&) {});
+    return true;
+  }();
+  (void)quiet;
+  auto session = std::make_unique<Session>();
   const bool h265 = data[0] & 1;
   const bool key = data[0] & 2;
   const QZ_MEDIA_CODEC_ID codec = h265 ? QZ_MEDIA_CODEC_ID_H265 : QZ_MEDIA_CODEC_ID_H264;
