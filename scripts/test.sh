@@ -3,17 +3,22 @@
 # with UndefinedBehaviorSanitizer, and ThreadSanitizer; then runs each
 # libFuzzer target briefly over its corpus. Installs what is missing first.
 #
+# Every stage runs even when an earlier one failed, so that one red run
+# shows everything that is wrong; the script then fails at the end with the
+# list of the stages that failed.
+#
 #   scripts/test.sh            all of it
 #   QZ_TEST_CONFIGS="normal"   only some of the three builds
 #   QZ_FUZZ_SECONDS=0          skip the fuzzers
-set -euo pipefail
+set -uo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install_deps.sh
+scripts/install_deps.sh || { echo "=== install_deps failed"; exit 1; }
 
 CONFIGS=${QZ_TEST_CONFIGS:-"normal asan tsan"}
 FUZZ_SECONDS=${QZ_FUZZ_SECONDS:-15}
 JOBS=$(nproc)
+FAILED=()
 
 configure_and_test() {
   local name=$1
@@ -21,38 +26,57 @@ configure_and_test() {
   local dir="build-ci-$name"
   echo "=== $name: configure and build"
   cmake -S . -B "$dir" -G Ninja "$@" > "$dir.cmake.log" 2>&1 || { cat "$dir.cmake.log"; return 1; }
-  cmake --build "$dir" -j "$JOBS"
+  cmake --build "$dir" -j "$JOBS" || return 1
   echo "=== $name: test"
   (cd "$dir" && ctest --output-on-failure -j "$JOBS" --timeout 600)
+}
+
+# Runs one stage, timed; a failure is remembered and the next stage runs.
+stage() {
+  local name=$1
+  shift
+  local start=$SECONDS
+  if "$@"; then
+    echo "=== $name passed ($((SECONDS - start)) s)"
+  else
+    echo "=== $name FAILED ($((SECONDS - start)) s)"
+    FAILED+=("$name")
+  fi
 }
 
 for config in $CONFIGS; do
   case $config in
     normal)
-      configure_and_test normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+      stage normal configure_and_test normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
       ;;
     asan)
-      ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-        LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp" \
-        configure_and_test asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
-        -DCMAKE_CXX_COMPILER=clang++ -DQZ_SANITIZE=address -DQZ_BUILD_BENCH=OFF
+      stage asan env ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+        UBSAN_OPTIONS=print_stacktrace=1 LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp" \
+        bash -c "$(declare -f configure_and_test); JOBS=$JOBS configure_and_test asan \
+        -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        -DQZ_SANITIZE=address -DQZ_BUILD_BENCH=OFF"
       ;;
     tsan)
       # setarch -R: clang 14's TSan cannot map its shadow memory with the
       # address-space randomisation of newer kernels.
-      TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+      stage tsan env TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
         setarch "$(uname -m)" -R bash -c "$(declare -f configure_and_test); JOBS=$JOBS configure_and_test tsan \
         -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
         -DQZ_SANITIZE=thread -DQZ_BUILD_BENCH=OFF"
       ;;
     *)
       echo "unknown configuration $config" >&2
-      exit 2
+      FAILED+=("$config (unknown configuration)")
       ;;
   esac
 done
 
 if [ "$FUZZ_SECONDS" -gt 0 ]; then
-  scripts/fuzz.sh "$FUZZ_SECONDS"
+  stage fuzz scripts/fuzz.sh "$FUZZ_SECONDS"
+fi
+
+if [ "${#FAILED[@]}" -gt 0 ]; then
+  echo "=== FAILED: ${FAILED[*]}"
+  exit 1
 fi
 echo "=== all tests passed"

@@ -93,47 +93,52 @@ TEST_F(ConcurrencyTest, DestroyWhileEncodersPushAndServerReads) {
 // while their send threads run: a sink must only read the packet it is given.
 // Under ThreadSanitizer a write into the shared packet shows up here.
 TEST_F(ConcurrencyTest, TwoSinkersShareEveryPacket) {
-  auto second = FakeRtspServer::Create(Handle(0x6000));
+  auto server_b = FakeRtspServer::Create(Handle(0x6000));
   RtspSinker a(&events_, "live", true, true, 4);
   RtspSinker b(&events_, "live", true, true, 4);
   a.SetRtspServers({Handle(0x5000)});
   b.SetRtspServers({Handle(0x6000)});
   ASSERT_TRUE(a.Start());
   ASSERT_TRUE(b.Start());
-  // 10 ms apart: all of it fits under the sinkers' video drop threshold, so
-  // each must post every frame whatever its send thread's pace.
-  constexpr int kFrames = 200;
+  // The encoder thread hands each frame to one sink, lets that sink's send
+  // thread build its records (a pause longer than its 10 ms idle poll), then
+  // hands the same packets to the other sink: a sink that wrote into the
+  // packet on push would write memory the other sink's send thread has just
+  // read, with nothing ordering the two, and ThreadSanitizer reports it. The
+  // sinks swap roles every frame. 10 ms apart in media time, all of it stays
+  // under the video drop threshold, so each sink must post every frame.
+  constexpr int kFrames = 60;
   for (int i = 0; i < kFrames; ++i) {
-    for (QZ_MediaPacketRefPtr packet : {MakeVideo(i * 10, i % 25 == 0), MakeAudio(i * 10)}) {
-      a.PushPacket(packet);
-      b.PushPacket(packet);
-    }
-    if (i % 10 == 0) {
-      std::this_thread::yield();
+    const QZ_MediaPacketRefPtr frame[] = {MakeVideo(i * 10, i % 25 == 0), MakeAudio(i * 10)};
+    for (RtspSinker* sink : {i % 2 ? &b : &a, i % 2 ? &a : &b}) {
+      for (const QZ_MediaPacketRefPtr& packet : frame) {
+        sink->PushPacket(packet);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(15));
     }
   }
   // The first video packet only describes the stream and the first one sent
-  // must be a key frame: video is posted from the second key frame (25) on.
+  // must be a key frame: video is posted from the server_b key frame (25) on.
   const auto all_posted = [](FakeRtspServer& s) {
     return s.video().size() == kFrames - 25 && s.audio().size() == kFrames;
   };
-  ASSERT_TRUE(WaitFor([&] { return all_posted(*server_) && all_posted(*second); }))
-      << server_->video().size() << "/" << second->video().size() << " video records";
+  ASSERT_TRUE(WaitFor([&] { return all_posted(*server_) && all_posted(*server_b); }))
+      << server_->video().size() << "/" << server_b->video().size() << " video records";
   a.Stop();
   b.Stop();
-  const auto va = server_->video(), vb = second->video();
+  const auto va = server_->video(), vb = server_b->video();
   for (size_t i = 0; i < va.size(); ++i) {
     EXPECT_EQ(va[i].record->time_stamp_, vb[i].record->time_stamp_);
     EXPECT_EQ(va[i].record->is_key_frame_, vb[i].record->is_key_frame_);
     EXPECT_EQ(NalUnits(*va[i].record), NalUnits(*vb[i].record)) << "record " << i;
     EXPECT_GT(va[i].record->pushed_us_, 0) << "record " << i;
   }
-  const auto aa = server_->audio(), ab = second->audio();
+  const auto aa = server_->audio(), ab = server_b->audio();
   for (size_t i = 0; i < aa.size(); ++i) {
     EXPECT_EQ(aa[i].record->time_stamp_, ab[i].record->time_stamp_);
     EXPECT_GT(ab[i].record->pushed_us_, 0) << "record " << i;
   }
-  second->Unregister();
+  server_b->Unregister();
 }
 
 }  // namespace
