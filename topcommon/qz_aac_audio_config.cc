@@ -9,6 +9,7 @@ constexpr int kSampleRates[13] = {96000, 88200, 64000, 48000, 44100, 32000, 2400
                                   22050, 16000, 12000, 11025, 8000,  7350};
 
 constexpr int kAotSbr = 5;
+constexpr int kAotBsac = 22;
 constexpr int kAotPs = 29;
 constexpr int kAotEscape = 31;
 
@@ -68,13 +69,38 @@ bool ReadSampleRate(BitReader& reader, int& sample_rate) {
   return sample_rate > 0;
 }
 
-}  // namespace
+// Samples per frame of the object types whose GASpecificConfig or
+// ELDSpecificConfig opens with frameLengthFlag (`short_frames`); 0 for the
+// others, TwinVQ among them (its frame length follows other rules).
+int CoreFrameLength(int obj_type, bool short_frames) {
+  switch (obj_type) {
+    case 1:   // AAC Main
+    case 2:   // AAC LC
+    case 4:   // AAC LTP
+    case 6:   // AAC Scalable
+    case 17:  // ER AAC LC
+    case 19:  // ER AAC LTP
+    case 20:  // ER AAC Scalable
+    case 22:  // ER BSAC
+      return short_frames ? 960 : 1024;
+    case 3:  // AAC SSR has 1024-sample frames only
+      return short_frames ? 0 : 1024;
+    case 23:  // ER AAC LD
+    case 39:  // ER AAC ELD
+      return short_frames ? 480 : 512;
+    default:
+      return 0;
+  }
+}
 
-bool AACAudioConfig::Parser(const QZ_BYTE* data,
-                            int size,
-                            int& obj_type,
-                            int& sample_rate,
-                            int& channels) {
+struct ParsedConfig {
+  int obj_type = 0;
+  int sample_rate = 0;
+  int channels = 0;
+  int frame_length = 0;  // 0: unknown
+};
+
+bool Parse(const QZ_BYTE* data, int size, ParsedConfig& out) {
   if (data == nullptr || size < 2) {
     return false;
   }
@@ -86,7 +112,9 @@ bool AACAudioConfig::Parser(const QZ_BYTE* data,
       !reader.Read(4, channel_config)) {
     return false;
   }
-  if (aot == kAotSbr || aot == kAotPs) {
+  const int core_rate = rate;
+  const bool sbr = aot == kAotSbr || aot == kAotPs;
+  if (sbr) {
     int ext_rate = 0;
     int core_aot = 0;
     if (!ReadSampleRate(reader, ext_rate) || !ReadObjectType(reader, core_aot)) {
@@ -100,10 +128,46 @@ bool AACAudioConfig::Parser(const QZ_BYTE* data,
   if (channel_config < 1 || channel_config > 7) {
     return false;
   }
-  obj_type = aot;
-  sample_rate = rate;
-  channels = channel_config == 7 ? 8 : channel_config;
+  out.obj_type = aot;
+  out.sample_rate = rate;
+  out.channels = channel_config == 7 ? 8 : channel_config;
+  out.frame_length = 0;
+  // BSAC under SBR carries an extension channel configuration before its
+  // GASpecificConfig.
+  int skipped = 0;
+  int short_frames = 0;
+  if ((sbr && aot == kAotBsac && !reader.Read(4, skipped)) || !reader.Read(1, short_frames)) {
+    return true;  // the frame length flag is cut off: length unknown
+  }
+  const int core_length = CoreFrameLength(aot, short_frames != 0);
+  if (!sbr || rate == core_rate) {
+    out.frame_length = core_length;  // no SBR, or SBR that keeps the core frequency
+  } else if (rate == 2 * core_rate) {
+    out.frame_length = 2 * core_length;
+  }
   return true;
+}
+
+}  // namespace
+
+bool AACAudioConfig::Parser(const QZ_BYTE* data,
+                            int size,
+                            int& obj_type,
+                            int& sample_rate,
+                            int& channels) {
+  ParsedConfig config;
+  if (!Parse(data, size, config)) {
+    return false;
+  }
+  obj_type = config.obj_type;
+  sample_rate = config.sample_rate;
+  channels = config.channels;
+  return true;
+}
+
+int AACAudioConfig::FrameLength(const QZ_BYTE* data, int size) {
+  ParsedConfig config;
+  return Parse(data, size, config) ? config.frame_length : 0;
 }
 
 }  // namespace qz_top_common

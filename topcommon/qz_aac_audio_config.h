@@ -17,6 +17,15 @@ class AACAudioConfig {
   // 0 (the layout would be in a program config element this parser does not
   // read, so the channel count is unknown). Never reads beyond `size` bytes.
   static bool Parser(const QZ_BYTE* data, int size, int& obj_type, int& sample_rate, int& channels);
+
+  // Samples per channel in one access unit, counted at the sampling
+  // frequency Parser() reports: 1024 or 960 for the AAC object types, 512 or
+  // 480 for ER AAC LD and ER AAC ELD (as their frameLengthFlag says), twice
+  // the core's for SBR/PS whose output runs at twice the core frequency.
+  // ELD with low-delay SBR counts core samples, its frequency being the
+  // core's. 0 when unknown: Parser() fails, another object type, SBR at a
+  // frequency ratio other than 1 or 2, or the config ends before the flag.
+  static int FrameLength(const QZ_BYTE* data, int size);
 };
 
 }  // namespace qz_top_common

@@ -218,7 +218,12 @@ uint32_t RtpTrackWriter::RtpTime(long long record_ms, size_t audio_samples_of_pr
   if (has_last_ && audio_samples_of_previous > 0) {
     const uint32_t expected = last_rtp_ + static_cast<uint32_t>(audio_samples_of_previous);
     const int32_t diff = static_cast<int32_t>(measured - expected);
-    if (diff < clock_rate_ / 50 && diff > -clock_rate_ / 50) {
+    // Less than half a frame and at most 20 ms: millisecond rounding stays
+    // inside, a lost frame or a jump of the record times does not, and the
+    // time resyncs to the record time instead of drifting off by a frame.
+    const int32_t window = static_cast<int32_t>(
+        std::min<size_t>(static_cast<size_t>(clock_rate_ / 50), audio_samples_of_previous / 2));
+    if (diff < window && diff > -window) {
       return expected;
     }
   }

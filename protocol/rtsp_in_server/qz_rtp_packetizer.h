@@ -113,9 +113,11 @@ class RtpTrackWriter {
                  uint32_t time_offset,
                  uint8_t interleaved_channel);
 
-  // RTP time for a record timestamp. Audio frames that follow each other
-  // within 20 ms of where the sample count says they should be are stamped
-  // by sample count, so that millisecond rounding adds no jitter.
+  // RTP time for a record timestamp. An audio frame whose record time lies
+  // within half a frame (at most 20 ms) of where the previous frame's sample
+  // count puts it is stamped by sample count, so that millisecond rounding
+  // adds no jitter; otherwise, and when the count is 0 (unknown), it is
+  // stamped from its record time.
   uint32_t RtpTime(long long record_ms, size_t audio_samples_of_previous);
 
   // Packetizes into `out`, all packets stamped `rtp_time`; the last one of

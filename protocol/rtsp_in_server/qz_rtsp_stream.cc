@@ -4,6 +4,7 @@
 #include <random>
 
 #include "protocol/rtsp_in_server/qz_rtsp_session.h"
+#include "topcommon/qz_aac_audio_config.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
@@ -20,17 +21,16 @@ unsigned long long WallUs() {
                                              .count());
 }
 
-// Samples in one audio frame, for RTP time continuity.
+// Samples in one G.711 frame, for RTP time continuity; 0 for Speex, which
+// is stamped from the record time (AAC: RtspStream::AacFrameSamples).
 size_t AudioSamples(const QZRtspAudioPacket& record, int channels) {
   switch (record.codec_id_) {
-    case QZ_MEDIA_CODEC_ID_AAC:
-      return 1024;
     case QZ_MEDIA_CODEC_ID_PCMA:
     case QZ_MEDIA_CODEC_ID_PCMU:
       return record.data_ ? record.data_->size_ / static_cast<size_t>(channels > 0 ? channels : 1)
                           : 0;
     default:
-      return 0;  // Speex: stamped from the record time
+      return 0;
   }
 }
 
@@ -204,7 +204,8 @@ void RtspStream::OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record) {
     record_base_ms_ = record_ms;
   }
   const uint32_t rtp_time = writer->RtpTime(record_ms, last_audio_samples_);
-  last_audio_samples_ = AudioSamples(*record, record->channels_);
+  last_audio_samples_ = record->IsAAC() ? AacFrameSamples(writer->clock_rate())
+                                        : AudioSamples(*record, record->channels_);
   std::vector<std::shared_ptr<RtpPacket>> packets;
   if (record->IsAAC()) {
     AacPacketizer packetizer(record->data_, limits_.max_payload);
@@ -216,6 +217,33 @@ void RtspStream::OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record) {
                       false, packets);
   }
   Append(packets);
+}
+
+// Samples in one AAC frame at the track's RTP clock, from the pipe's current
+// AudioSpecificConfig (a new config takes effect with the next frame). 0
+// when the config is missing, gives no frame length, or runs at another
+// frequency than the clock the track was set up with: those frames are
+// stamped from their record times.
+size_t RtspStream::AacFrameSamples(int clock_rate) {
+  const QZ_UINT64 version = piple_->ConfigVersion();
+  if (has_aac_config_ && version == aac_config_version_) {
+    return aac_frame_samples_;
+  }
+  has_aac_config_ = true;
+  aac_config_version_ = version;
+  aac_frame_samples_ = 0;
+  std::vector<unsigned char> config;
+  piple_->GetAudioSpecificConfig(config);
+  const int size = static_cast<int>(config.size());
+  int obj_type = 0;
+  int sample_rate = 0;
+  int channels = 0;
+  if (qz_top_common::AACAudioConfig::Parser(config.data(), size, obj_type, sample_rate, channels) &&
+      sample_rate == clock_rate) {
+    aac_frame_samples_ =
+        static_cast<size_t>(qz_top_common::AACAudioConfig::FrameLength(config.data(), size));
+  }
+  return aac_frame_samples_;
 }
 
 void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {

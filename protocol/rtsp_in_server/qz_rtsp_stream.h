@@ -187,6 +187,7 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   void Evict();
   void PopFront();
   RtpTrackWriter* Writer(int track);
+  size_t AacFrameSamples(int clock_rate);
 
   std::shared_ptr<QZRtspPacketPiple> piple_;
   std::shared_ptr<RtspIoGate> gate_;
@@ -202,7 +203,12 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   std::vector<uint16_t> first_seqs_;
   std::vector<uint32_t> time_offsets_;
   std::vector<std::unique_ptr<RtpTrackWriter>> writers_;
-  size_t last_audio_samples_ = 0;
+  size_t last_audio_samples_ = 0;  // of the previous audio frame; 0: unknown
+  // The AAC frame length as of the pipe's description version
+  // `aac_config_version_` (read again when the description changes).
+  bool has_aac_config_ = false;
+  QZ_UINT64 aac_config_version_ = 0;
+  size_t aac_frame_samples_ = 0;
 
   std::deque<std::shared_ptr<RtpPacket>> ring_;
   uint64_t base_index_ = 0;

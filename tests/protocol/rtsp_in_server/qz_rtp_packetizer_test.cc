@@ -154,17 +154,6 @@ TEST(RtpTrackWriterTest, HeaderMarkerAndSequence) {
   EXPECT_EQ(writer.packet_count(), 3u);
 }
 
-TEST(RtpTrackWriterTest, AudioTimeFollowsSampleCountWithinJitter) {
-  RtpTrackWriter writer(1, 97, 48000, 1, 0, 0, 2);
-  RawAudioPacketizer p1(qz_test::PacketData(Filled(1, 10)), 1400);
-  std::vector<std::shared_ptr<RtpPacket>> out;
-  writer.Packetize(p1, 1400, writer.RtpTime(0, 0), 0, 0, false, false, out);
-  // 21 ms later by the millisecond clock, 1024 samples later by count.
-  EXPECT_EQ(writer.RtpTime(21, 1024), 1024u);
-  // A real gap (one second) is not smoothed away.
-  EXPECT_EQ(writer.RtpTime(1000, 1024), 48000u);
-}
-
 TEST(RtcpTest, SenderReportLayout) {
   const auto sr =
       BuildRtcpSenderReport(0xAABBCCDD, 1000000ULL * 100 + 500000, 1234, 10, 2000, "qz");

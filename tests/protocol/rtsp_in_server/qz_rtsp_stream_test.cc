@@ -1,14 +1,15 @@
 // The stream's packet ring as a GOP cache: what a viewer that joins now
 // would be sent must always start at a key frame, the latest GOP survives the
 // soft byte bound, and past the hard cap the cache is dropped and a key frame
-// asked for. And the gate that hands the publisher's records to the network
-// thread in batches.
+// asked for. The RTP time of AAC frames. And the gate that hands the
+// publisher's records to the network thread in batches.
 #include "protocol/rtsp_in_server/qz_rtsp_stream.h"
 
 #include <deque>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -83,6 +84,136 @@ INSTANTIATE_TEST_SUITE_P(Table,
                          GopCacheTest,
                          ::testing::ValuesIn(kCacheCases),
                          [](const ::testing::TestParamInfo<CacheCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+struct AacConfig {
+  int obj_type;      // 0: the pipe has no AudioSpecificConfig
+  int short_frames;  // frameLengthFlag
+  int samples;       // what a frame really lasts
+};
+
+struct AacTimingCase {
+  const char* name;
+  int rate;
+  AacConfig first;
+  AacConfig then;  // the pipe's config after ten minutes
+};
+
+const AacTimingCase kAacTimingCases[] = {
+    {"Lc1024At44100", 44100, {2, 0, 1024}, {2, 1, 960}},
+    {"Lc960At44100", 44100, {2, 1, 960}, {23, 0, 512}},
+    {"Ld512At44100", 44100, {23, 0, 512}, {39, 1, 480}},
+    {"Eld480At44100", 44100, {39, 1, 480}, {2, 0, 1024}},
+    {"Lc1024At48000", 48000, {2, 0, 1024}, {39, 0, 512}},
+    {"Lc960At48000", 48000, {2, 1, 960}, {23, 1, 480}},
+    {"Eld512At48000", 48000, {39, 0, 512}, {2, 1, 960}},
+    {"Ld480At48000", 48000, {23, 1, 480}, {2, 0, 1024}},
+    {"NoConfigAt48000", 48000, {0, 0, 480}, {23, 1, 480}},
+};
+
+// audioObjectType (5 bits; 31 and 6 more from 32 on), samplingFrequencyIndex
+// (4), channelConfiguration (4, stereo), frameLengthFlag, zero padding.
+Bytes AudioSpecificConfig(const AacConfig& config, int rate) {
+  if (config.obj_type == 0) {
+    return {};
+  }
+  std::vector<std::pair<int, int>> fields;  // value, bits
+  if (config.obj_type >= 32) {
+    fields = {{31, 5}, {config.obj_type - 32, 6}};
+  } else {
+    fields = {{config.obj_type, 5}};
+  }
+  fields.insert(fields.end(), {{rate == 48000 ? 3 : 4, 4}, {2, 4}, {config.short_frames, 1}});
+  Bytes out;
+  int bit = 0;
+  for (const auto& field : fields) {
+    for (int i = field.second - 1; i >= 0; --i, ++bit) {
+      if (bit % 8 == 0) {
+        out.push_back(0);
+      }
+      out.back() |= static_cast<uint8_t>(((field.first >> i) & 1) << (7 - bit % 8));
+    }
+  }
+  return out;
+}
+
+class AacTimingTest : public ::testing::TestWithParam<AacTimingCase> {};
+
+// Record times are each frame's true time rounded to the millisecond. A frame
+// whose predecessor's length the stream can know is stamped exactly that
+// length later; the first frame, the frame after a lost one and frames
+// without a usable config are stamped from their record times.
+TEST_P(AacTimingTest, RtpTimeAdvancesByTheConfiguredFrameLength) {
+  const AacTimingCase& c = GetParam();
+  auto piple = std::make_shared<QZRtspPacketPiple>("mic");
+  piple->IsHasAudio(true);
+  piple->SetAudioCodecID(QZ_MEDIA_CODEC_ID_AAC);
+  piple->SetAudioInfo(c.rate, 2);
+  const auto set_config = [&](const AacConfig& config) {
+    const Bytes asc = AudioSpecificConfig(config, c.rate);
+    piple->SetAudioSpecificConfig(asc.empty() ? nullptr : asc.data(),
+                                  static_cast<QZ_UINT32>(asc.size()));
+  };
+  set_config(c.first);
+  RtspStream stream(piple, std::make_shared<RtspIoGate>([](std::function<void()>) {}),
+                    RtspStreamLimits(), 1);
+
+  long long position = 0;  // the next frame's true time, in samples
+  bool started = false;
+  uint32_t offset = 0;  // the track's random RTP time for record time 0
+  uint32_t last = 0;
+  int step = 0;  // the previous frame's length as the stream can know it
+  const auto feed = [&](const AacConfig& config) -> ::testing::AssertionResult {
+    const long long ms = (position * 2000 + c.rate) / (2LL * c.rate);
+    auto record = std::make_shared<QZRtspAudioPacket>();
+    record->codec_id_ = QZ_MEDIA_CODEC_ID_AAC;
+    record->sample_rate_ = c.rate;
+    record->channels_ = 2;
+    record->time_stamp_ = static_cast<QZ_UINT64>(ms);
+    record->data_ = qz_test::PacketData(Bytes(6, 0x21));
+    stream.OnAudio(record);
+    // The sender report pairs the newest packet's RTP time with its record time.
+    const std::vector<uint8_t> sr = stream.SenderReport(0);
+    uint32_t rtp = 0;
+    for (size_t i = 16; i < 20; ++i) {
+      rtp = rtp << 8 | sr.at(i);
+    }
+    const uint32_t by_record = static_cast<uint32_t>(ms * c.rate / 1000);
+    if (!started) {  // the offset is random: the first frame tells it
+      started = true;
+      offset = rtp - by_record;
+    }
+    const uint32_t want = step > 0 ? last + static_cast<uint32_t>(step) : offset + by_record;
+    last = rtp;
+    step = config.obj_type != 0 ? config.samples : 0;
+    position += config.samples;
+    if (rtp != want) {
+      return ::testing::AssertionFailure()
+             << "frame at " << ms << " ms: RTP time " << rtp - offset << ", want " << want - offset;
+    }
+    return ::testing::AssertionSuccess();
+  };
+
+  const long long minute = 60LL * c.rate;
+  while (position < 5 * minute) {
+    ASSERT_TRUE(feed(c.first));
+  }
+  position += c.first.samples;  // a lost frame
+  step = 0;
+  while (position < 10 * minute) {
+    ASSERT_TRUE(feed(c.first));
+  }
+  set_config(c.then);
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(feed(c.then));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table,
+                         AacTimingTest,
+                         ::testing::ValuesIn(kAacTimingCases),
+                         [](const ::testing::TestParamInfo<AacTimingCase>& info) {
                            return std::string(info.param.name);
                          });
 
