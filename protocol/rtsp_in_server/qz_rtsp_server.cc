@@ -12,9 +12,12 @@
 
 #include "protocol/rtsp_in_server/qz_rtsp_server_impl.h"
 #include "protocol/rtsp_in_server/qz_udp_batch.h"
+#include "utility/qz_log.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
+
+using qz_utility::LogFormat;
 
 constexpr long long kSenderReportIntervalMs = 5000;
 constexpr auto kTickInterval = std::chrono::milliseconds(500);
@@ -119,6 +122,17 @@ bool QZRtspServer::Impl::Start() {
   if (running_.load()) {
     return true;
   }
+  // Every failure is logged with the system's reason (address in use,
+  // permission denied, ...): a bare false tells the application nothing.
+  auto fail = [this](const std::string& reason) {
+    LogFormat("VartoLogIOS [E] QZRtspServer::Start cannot listen on port %u%s%s: %s\n",
+              static_cast<unsigned>(options_.port), options_.bind_address.empty() ? "" : " at ",
+              options_.bind_address.c_str(), reason.c_str());
+    acceptor_.reset();
+    udp_rtp_.reset();
+    udp_rtcp_.reset();
+    return false;
+  };
   io_.restart();
   asio::error_code ec;
   acceptor_.reset(new asio::ip::tcp::acceptor(io_));
@@ -128,7 +142,7 @@ bool QZRtspServer::Impl::Start() {
   } else {
     const asio::ip::address address = asio::ip::make_address(options_.bind_address, ec);
     if (ec) {
-      return false;
+      return fail("not an IP address: " + ec.message());
     }
     endpoint = asio::ip::tcp::endpoint(address, options_.port);
   }
@@ -138,24 +152,30 @@ bool QZRtspServer::Impl::Start() {
     acceptor_->open(endpoint.protocol(), ec);
   }
   if (ec) {
-    return false;
+    return fail("socket: " + ec.message());
   }
   if (endpoint.protocol() == asio::ip::tcp::v6()) {
     acceptor_->set_option(asio::ip::v6_only(false), ec);  // IPv4 clients too
   }
   acceptor_->set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
   acceptor_->bind(endpoint, ec);
-  if (!ec) {
-    acceptor_->listen(asio::socket_base::max_listen_connections, ec);
+  if (ec) {
+    return fail("bind: " + ec.message());
   }
-  if (ec || !OpenUdp()) {
-    acceptor_.reset();
-    udp_rtp_.reset();
-    udp_rtcp_.reset();
-    return false;
+  acceptor_->listen(asio::socket_base::max_listen_connections, ec);
+  if (ec) {
+    return fail("listen: " + ec.message());
+  }
+  if (!OpenUdp()) {
+    return fail("no UDP port pair for RTP and RTCP could be opened");
   }
   port_.store(acceptor_->local_endpoint(ec).port());
-  url_host_ = options_.url_host.empty() ? FirstNonLoopbackAddress() : options_.url_host;
+  // URLs name an address the server listens on: the bound one, or, bound to
+  // every interface, the device's LAN address.
+  const asio::ip::address bound = endpoint.address();
+  url_host_ = !options_.url_host.empty() ? options_.url_host
+              : bound.is_unspecified()   ? FirstNonLoopbackAddress()
+                                         : bound.to_string();
   gate_ = std::make_shared<RtspIoGate>([this](std::function<void()> batch) {
     asio::post(io_, [this, batch = std::move(batch)] { RunGateBatch(batch); });
   });

@@ -25,8 +25,9 @@ struct QZRtspServerOptions {
   std::string bind_address;
   // TCP port for RTSP; 0 picks a free one (see Port()).
   uint16_t port = 8554;
-  // Host put into the URLs handed to the application; empty means the first
-  // non-loopback address of the device, else 127.0.0.1.
+  // Host put into the URLs handed to the application; empty means the bound
+  // address, or with none the first non-loopback address of the device, else
+  // 127.0.0.1.
   std::string url_host;
   size_t rtp_payload_size = 1400;
   int session_timeout_s = 60;

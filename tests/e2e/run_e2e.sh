@@ -6,63 +6,37 @@ set -uo pipefail
 
 CASE=$1
 PUBLISH=$2
-WORK=$(mktemp -d)
-PUB_PID=""
-FAILURES=0
+source "$(dirname "$0")/common.sh"
 
-cleanup() {
-  if [ -n "$PUB_PID" ] && kill -0 "$PUB_PID" 2>/dev/null; then
-    kill -KILL "$PUB_PID" 2>/dev/null
-  fi
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-fail() {
-  echo "FAIL: $*"
-  FAILURES=$((FAILURES + 1))
-}
-
-pass() {
-  echo "ok: $*"
-}
-
-# Starts the publisher with the given options on port 0 and waits for the
-# URL it prints; sets URL (with 127.0.0.1 as host) and PUB_PID.
-start_publisher() {
-  "$PUBLISH" -p 0 -q "$@" > "$WORK/pub.out" 2> "$WORK/pub.err" &
-  PUB_PID=$!
-  URL=""
-  for _ in $(seq 1 100); do
-    URL=$(grep -m1 '^rtsp://' "$WORK/pub.out" 2>/dev/null || true)
-    [ -n "$URL" ] && break
-    if ! kill -0 "$PUB_PID" 2>/dev/null; then
-      break
-    fi
-    sleep 0.1
-  done
-  if [ -z "$URL" ]; then
-    echo "publisher did not announce a URL"; cat "$WORK/pub.err"; exit 1
-  fi
-  URL=$(echo "$URL" | sed -E 's#^rtsp://[^/]+:([0-9]+)/#rtsp://127.0.0.1:\1/#')
-  echo "serving $URL"
-}
-
-# Stops the publisher with SIGINT and checks that it exits 0.
+# Stops the publisher with SIGINT: it must exit 0 and print its summary
+# (-q hides only the status line), and FFmpeg's informational messages
+# (encoder statistics, queues left unflushed) stay out of its output.
 stop_publisher() {
-  kill -INT "$PUB_PID"
+  { publisher_died || [ -z "$PUB_PID" ]; } && return  # gone; that was reported
   local status=0
-  for _ in $(seq 1 100); do
-    kill -0 "$PUB_PID" 2>/dev/null || break
-    sleep 0.1
-  done
-  if kill -0 "$PUB_PID" 2>/dev/null; then
-    fail "publisher still running 10 s after SIGINT"
-    return
-  fi
-  wait "$PUB_PID"; status=$?
-  PUB_PID=""
+  stop_publisher_status; status=$?
   [ "$status" -eq 0 ] && pass "exit code 0 after SIGINT" || fail "exit code $status after SIGINT"
+  local chatter
+  chatter=$(grep -E '^\[[a-z0-9_]+ @ 0x|^x26[45] \[' "$PUB_ERR" | head -3)
+  if grep -q '^servers: ' "$PUB_ERR" && [ -z "$chatter" ]; then
+    pass "exit summary printed, no FFmpeg chatter"
+  else
+    fail "exit summary missing or FFmpeg chatter: $chatter"
+  fi
+}
+
+# No line of the publisher's log matches $1 ($2 names what it would mean);
+# run it once the publisher stopped, when its log is complete.
+expect_no_log_lines() {
+  local count
+  count=$(grep -c -E "$1" "$PUB_OUT")
+  [ "$count" -eq 0 ] && pass "no $2" || fail "$count lines of $2: $(grep -m1 -E "$1" "$PUB_OUT")"
+}
+
+# The sinker's first video must be a key frame; the encoder codes one as
+# soon as the stream is announced, so no frame of the first GOP is dropped.
+expect_whole_first_gop() {
+  expect_no_log_lines 'is_first_video_=true' "first-GOP drops"
 }
 
 # ffprobe the streams; $1: expected compact lines, one per stream.
@@ -70,7 +44,7 @@ expect_streams() {
   local got
   got=$(timeout 20 ffprobe -v error -rtsp_transport tcp \
     -show_entries stream=codec_name,width,height,sample_rate,channels -of compact=nk=0 "$URL" \
-    | sed 's/^stream|//' | sort)
+    2> "$WORK/ffprobe_streams.log" | sed 's/^stream|//' | sort)
   local want
   want=$(echo -e "$1" | sort)
   [ "$got" = "$want" ] && pass "ffprobe streams: $(echo $got)" || fail "ffprobe streams: got [$got] want [$want]"
@@ -120,7 +94,7 @@ play_with_gstreamer() {
 expect_user_data() {
   local count
   count=$(timeout 20 ffprobe -v error -rtsp_transport tcp -read_intervals %+4 -select_streams v \
-    -show_frames -show_entries side_data=side_data_type -of compact "$URL" 2>/dev/null \
+    -show_frames -show_entries side_data=side_data_type -of compact "$URL" 2> "$WORK/ffprobe_sei.log" \
     | grep -c "User Data Unregistered")
   [ "$count" -ge 1 ] && pass "user-data SEI seen in $count frames" || fail "no user-data SEI in the video"
 }
@@ -129,7 +103,7 @@ expect_user_data() {
 expect_frame_rate() {
   local fps=$1
   timeout 30 ffprobe -v error -rtsp_transport tcp -read_intervals %+6 -select_streams v \
-    -show_frames -show_entries frame=pts_time -of csv=p=0 "$URL" 2>/dev/null \
+    -show_frames -show_entries frame=pts_time -of csv=p=0 "$URL" 2> "$WORK/ffprobe_rate.log" \
     | cut -d, -f1 | grep -E '^[0-9]+(\.[0-9]+)?$' > "$WORK/pts.txt"
   local measured
   measured=$(awk 'NR==1{first=$1} {last=$1; n++} END{ if (n > 1 && last > first) printf "%.2f", (n-1)/(last-first); else print 0 }' "$WORK/pts.txt")
@@ -145,13 +119,45 @@ expect_frame_rate() {
 expect_quick_start() {
   local gop=$1 start end elapsed
   start=$(date +%s%N)
-  timeout 20 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -frames:v 1 -f null - > /dev/null 2>&1
+  timeout 20 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -frames:v 1 -f null - \
+    > "$WORK/quick_start.log" 2>&1
   end=$(date +%s%N)
   elapsed=$(( (end - start) / 1000000 ))
   if [ "$elapsed" -le $((gop * 1000)) ]; then
     pass "first picture after ${elapsed} ms (key frame interval ${gop} s)"
   else
     fail "first picture after ${elapsed} ms, more than the ${gop} s key frame interval"
+  fi
+}
+
+# The video recorded over 10 s (ffmpeg -c copy) runs at $1 kbit/s within 25 %.
+expect_bit_rate() {
+  local target=$1 measured
+  timeout 40 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -map 0:v -c copy -t 10 \
+    "$WORK/rate.mkv" > "$WORK/ffmpeg_bit_rate.log" 2>&1
+  measured=$(ffprobe -v error -show_entries packet=pts_time,size -of csv=p=0 "$WORK/rate.mkv" \
+    2> "$WORK/ffprobe_bit_rate.log" | awk -F, '$1 ~ /^[0-9.]+$/ { if (n++ == 0) first = $1; last = $1; bytes += $2 }
+      END { if (last > first) printf "%.0f", bytes * 8 / (last - first) / 1000; else print 0 }')
+  if [ "$measured" -ge $((target * 3 / 4)) ] && [ "$measured" -le $((target * 5 / 4)) ]; then
+    pass "video at $measured kbit/s (asked for $target)"
+  else
+    fail "video at $measured kbit/s, asked for $target"
+  fi
+}
+
+# Over 8 s of stream, audio and video timestamps advance alike (within
+# 0.5 s): frames are stamped with their capture time, whatever the encoder
+# manages.
+expect_av_sync() {
+  local spans
+  spans=$(timeout 40 ffprobe -v error -rtsp_transport tcp -read_intervals %+8 \
+    -show_entries packet=codec_type,pts_time -of csv=p=0 "$URL" 2> "$WORK/ffprobe_sync.log" \
+    | awk -F, '$2 ~ /^[0-9.]+$/ { if (!($1 in first)) first[$1] = $2; last[$1] = $2 }
+        END { printf "%.3f %.3f", last["video"] - first["video"], last["audio"] - first["audio"] }')
+  if awk -v v="${spans% *}" -v a="${spans#* }" 'BEGIN { exit !(a > 7 && v - a < 0.5 && a - v < 0.5) }'; then
+    pass "video and audio timestamps span ${spans% *} s and ${spans#* } s"
+  else
+    fail "video and audio timestamps span ${spans% *} s and ${spans#* } s"
   fi
 }
 
@@ -177,6 +183,7 @@ case "$CASE" in
     expect_frame_rate 25
     expect_quick_start 2
     stop_publisher
+    expect_whole_first_gop
     ;;
   h265_aac)
     start_publisher --video h265 --audio aac --size 640x360 --fps 25
@@ -187,6 +194,7 @@ case "$CASE" in
     play_with_gstreamer tcp 150 audio
     expect_frame_rate 25
     stop_publisher
+    expect_whole_first_gop
     ;;
   h264_pcma)
     start_publisher --video h264 --audio pcma --size 320x240 --fps 30
@@ -197,28 +205,34 @@ case "$CASE" in
     play_with_gstreamer tcp 150 audio
     expect_frame_rate 30
     stop_publisher
+    expect_whole_first_gop
     ;;
   two_clients)
     # Two servers in one process serve the stream; two viewers at once, one
     # on each; one leaves mid-stream, the other keeps playing.
     start_publisher --size 320x240 --servers 2
     sleep 1
-    URL2=$(grep '^rtsp://' "$WORK/pub.out" | sed -n 2p | sed -E 's#^rtsp://[^/]+:([0-9]+)/#rtsp://127.0.0.1:\1/#')
+    URL2=$(grep '^rtsp://' "$PUB_OUT" | sed -n 2p | sed -E 's#^rtsp://[^/]+:([0-9]+)/#rtsp://127.0.0.1:\1/#')
     [ -n "$URL2" ] && [ "$URL2" != "$URL" ] && pass "second server at $URL2" || fail "no second server URL"
-    timeout 30 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -t 8 -f null - > "$WORK/a.log" 2>&1 &
+    timeout 30 ffmpeg -nostdin -v error -rtsp_transport tcp -i "$URL" -t 8 -f null - > "$WORK/ffmpeg_tcp_a.log" 2>&1 &
     A=$!
-    timeout 30 ffmpeg -nostdin -v error -rtsp_transport udp -i "$URL2" -t 30 -f null - > "$WORK/b.log" 2>&1 &
+    timeout 30 ffmpeg -nostdin -v error -rtsp_transport udp -i "$URL2" -t 30 -f null - > "$WORK/ffmpeg_udp_b.log" 2>&1 &
     B=$!
     sleep 3
-    kill -KILL "$B"
+    kill -KILL "$B" 2>/dev/null
     wait "$A"; STATUS=$?
-    if [ "$STATUS" -eq 0 ] && [ ! -s "$WORK/a.log" ]; then
+    if [ "$STATUS" -eq 0 ] && [ ! -s "$WORK/ffmpeg_tcp_a.log" ]; then
       pass "first client kept decoding while the second left"
     else
-      fail "first client: exit $STATUS"; head "$WORK/a.log"
+      fail "first client: exit $STATUS"; head "$WORK/ffmpeg_tcp_a.log"
     fi
     decode_with_ffmpeg tcp 3
     stop_publisher
+    for port in "${URL##*:}" "${URL2##*:}"; do
+      port=${port%%/*}
+      grep -q "^server on port $port: " "$PUB_ERR" && grep -q "^stream live: port $port, " "$PUB_ERR" \
+        && pass "summary of the server on port $port" || fail "no summary lines for port $port"
+    done
     ;;
   file_source)
     ffmpeg -nostdin -v error -f lavfi -i testsrc=size=320x240:rate=25 -f lavfi -i sine=frequency=500:sample_rate=44100 \
@@ -237,18 +251,82 @@ case "$CASE" in
     decode_with_ffmpeg udp 3
     stop_publisher
     ;;
+  open_gop)
+    # Files whose container flags as key frames pictures that are no IDR:
+    # x264 with periodic intra refresh (recovery points; x264's open GOP
+    # needs B-frames, and files with B-frames go out with decode timestamps,
+    # on which ffmpeg prints errors of its own) and x265's default open GOP
+    # (CRA pictures, IRAP like IDR). Only IDR and IRAP pictures may start a
+    # GOP in the sinker: it sends only the IDR slices of a key frame.
+    ffmpeg -nostdin -v error -f lavfi -i testsrc=size=320x240:rate=25 -t 4 -pix_fmt yuv420p \
+      -c:v libx264 -bf 0 -x264-params keyint=25:intra-refresh=1 "$WORK/refresh.mp4" &&
+      ffmpeg -nostdin -v error -f lavfi -i testsrc=size=320x240:rate=25 -t 4 -pix_fmt yuv420p \
+        -c:v libx265 -x265-params keyint=25:bframes=0:log-level=error "$WORK/open_gop.mp4" ||
+      { echo "cannot make input"; exit 1; }
+    for input in refresh.mp4 open_gop.mp4; do
+      start_publisher --input "$WORK/$input"
+      decode_with_ffmpeg udp 5
+      decode_with_ffmpeg tcp 5
+      play_with_gstreamer tcp 100
+      stop_publisher
+      expect_no_log_lines '\[E\]' "sinker errors for $input"
+    done
+    ;;
+  listen)
+    # Bound to one address, the server names that address in its URL; a
+    # port already taken fails with the system's reason in the log.
+    start_publisher --bind 127.0.0.1 --size 320x240
+    port=${RAW_URL##*:}
+    port=${port%%/*}
+    [ "$RAW_URL" = "rtsp://127.0.0.1:$port/live" ] && pass "URL $RAW_URL" || fail "URL $RAW_URL with --bind 127.0.0.1"
+    URL=$RAW_URL
+    expect_streams "codec_name=h264|width=320|height=240\ncodec_name=aac|sample_rate=48000|channels=1"
+    "$PUBLISH" -p "$port" --bind 127.0.0.1 -t 5 > "$WORK/busy.out" 2> "$WORK/busy.err"; status=$?
+    if [ "$status" -eq 2 ] && grep -q "^VartoLogIOS \[E\] QZRtspServer::Start cannot listen on port $port at 127.0.0.1: bind: Address already in use" "$WORK/busy.out"; then
+      pass "a taken port: exit 2, the log says why"
+    else
+      fail "a taken port: exit $status, $(cat "$WORK/busy.err")"
+    fi
+    stop_publisher
+    if ip -6 addr show lo 2>/dev/null | grep -q '::1'; then
+      start_publisher --bind ::1 --size 320x240
+      port=${RAW_URL##*:}
+      port=${port%%/*}
+      [ "$RAW_URL" = "rtsp://[::1]:$port/live" ] && pass "URL $RAW_URL" || fail "URL $RAW_URL with --bind ::1"
+      URL=$RAW_URL
+      expect_streams "codec_name=h264|width=320|height=240\ncodec_name=aac|sample_rate=48000|channels=1"
+      stop_publisher
+    else
+      echo "skip: no IPv6 loopback here"
+    fi
+    ;;
+  live_source)
+    # The test picture makes the encoder spend the bit rate it is given.
+    start_publisher --size 640x360 --bitrate 1000
+    expect_bit_rate 1000
+    stop_publisher
+    # An encoder that cannot keep real time: the source drops frames, says
+    # so, and audio and video stay together.
+    QUIET=""
+    start_publisher --size 320x240 --fps 25 --slow-encoder 60
+    expect_av_sync
+    dropped=$(grep -E '^\[[0-9:]+\] video' "$PUB_ERR" | tail -1 | sed -nE 's/.* ([0-9]+) dropped by the source.*/\1/p')
+    [ "${dropped:-0}" -gt 0 ] && pass "the status line reports $dropped frames dropped by the source" \
+      || fail "the status line reports no frame dropped by the source"
+    stop_publisher
+    ;;
   bad_input)
     for args in "--size 13x7" "--bogus" "--input $WORK/missing.mp4" "--audio opus"; do
-      "$PUBLISH" -p 0 $args > "$WORK/out" 2> "$WORK/err"; status=$?
-      lines=$(wc -l < "$WORK/err")
+      "$PUBLISH" -p 0 $args > "$WORK/bad.out" 2> "$WORK/bad.err"; status=$?
+      lines=$(wc -l < "$WORK/bad.err")
       [ "$status" -eq 2 ] && [ "$lines" -eq 1 ] && pass "'$args' exits 2 with one line" \
-        || fail "'$args': exit $status, $lines lines: $(cat "$WORK/err")"
+        || fail "'$args': exit $status, $lines lines: $(cat "$WORK/bad.err")"
     done
     ffmpeg -nostdin -v error -f lavfi -i sine -t 1 "$WORK/tone.wav"
-    "$PUBLISH" -p 0 --input "$WORK/tone.wav" > "$WORK/out" 2> "$WORK/err"; status=$?
+    "$PUBLISH" -p 0 --input "$WORK/tone.wav" > "$WORK/bad.out" 2> "$WORK/bad.err"; status=$?
     [ "$status" -eq 2 ] && pass "a file without a supported stream exits 2" || fail "tone.wav: exit $status"
-    "$PUBLISH" --help > "$WORK/out"; status=$?
-    [ "$status" -eq 0 ] && grep -q -- "--input" "$WORK/out" && pass "--help" || fail "--help: exit $status"
+    "$PUBLISH" --help > "$WORK/help.out"; status=$?
+    [ "$status" -eq 0 ] && grep -q -- "--input" "$WORK/help.out" && pass "--help" || fail "--help: exit $status"
     ;;
   auth)
     start_publisher --size 320x240 --user viewer --password "s3cret word"

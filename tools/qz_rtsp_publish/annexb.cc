@@ -16,6 +16,21 @@ qz_publisher::QZ_MediaPacketRefPtr MakeMediaPacket(bool video,
       static_cast<int>(size), key, timestamp_ms));
 }
 
+bool IsRandomAccessPoint(const uint8_t* au, size_t au_size, bool h265) {
+  constexpr int kH265Cra = 21;  // the last IRAP type in use; 22 and 23 are reserved
+  qz_h2645::NalUnitList list;
+  if (au == nullptr || !list.PaserNalUnits(au, static_cast<QZ_UINT32>(au_size), !h265)) {
+    return false;
+  }
+  for (const auto& item : list.GetList()) {
+    const int type = item.Type();
+    if (h265 ? type >= qz_h2645::kH265BlaWLp && type <= kH265Cra : type == qz_h2645::kH264Idr) {
+      return true;
+    }
+  }
+  return false;
+}
+
 namespace {
 
 bool Collect(const uint8_t* data,

@@ -18,6 +18,12 @@ qz_publisher::QZ_MediaPacketRefPtr MakeMediaPacket(bool video,
                                                    bool key,
                                                    long long timestamp_ms);
 
+// True when the Annex-B access unit `au` holds an IDR slice (H.264, NAL unit
+// type 5) or an IRAP picture (H.265: BLA 16-18, IDR 19-20, CRA 21): the only
+// pictures a decoder can start from. Containers also flag non-IDR I-frames
+// (recovery points, open GOPs) and intra-refresh frames as key frames.
+bool IsRandomAccessPoint(const uint8_t* au, size_t au_size, bool h265);
+
 // Puts the first VPS (H.265), SPS and PPS found in `au` (Annex-B), or else in
 // `extradata` (Annex-B), into the packet's extra data as bare NAL units.
 void AttachParameterSets(qz_publisher::QZMediaPacket& packet,

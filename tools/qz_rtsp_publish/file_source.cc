@@ -143,7 +143,9 @@ void FileSource::PushVideo(AVPacket* packet, long long ts) {
   }
   AVPacket* out = av_packet_alloc();
   while (av_bsf_receive_packet(annexb_, out) == 0) {
-    const bool key = (out->flags & AV_PKT_FLAG_KEY) != 0;
+    // The container's key flag also marks recovery points and open-GOP
+    // I-frames, which the sinker would send as the start of a GOP.
+    const bool key = IsRandomAccessPoint(out->data, static_cast<size_t>(out->size), h265_);
     auto media = MakeMediaPacket(true, h265_ ? QZ_MEDIA_CODEC_ID_H265 : QZ_MEDIA_CODEC_ID_H264,
                                  out->data, static_cast<size_t>(out->size), key, ts);
     if (key) {

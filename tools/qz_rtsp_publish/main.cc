@@ -2,6 +2,7 @@
 // media file, driving the library exactly as an app on a phone would: an
 // event manager, in-process RTSP servers, one RtspSinker, encoder threads
 // that push packets, user data, and a clean stop on Ctrl-C.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <map>
@@ -18,6 +19,10 @@
 #include "tools/qz_rtsp_publish/test_source.h"
 #include "topcommon/qz_event_define.h"
 #include "topcommon/qz_event_mgr.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 namespace {
 
@@ -65,6 +70,23 @@ DelayWindow Window(const qz_rtsp_internal_server::QZRtspDelayStats& delay,
   return window;
 }
 
+// One line of a server's counters, for the summary at exit.
+void PrintServerCounters(const char* label, const QZRtspServerStats& stats) {
+  std::fprintf(stderr,
+               "%s: %d connections, %d sessions, %llu packets sent (%llu TCP writes), "
+               "dropped %llu slow reader / %llu socket full / %llu control backlog, "
+               "%llu refused\n",
+               label, stats.connections, stats.sessions, stats.packets_sent, stats.tcp_writes,
+               stats.dropped.slow_reader, stats.dropped.socket_full, stats.dropped.control_backlog,
+               stats.connections_refused);
+}
+
+// Delay windows are kept per server and stream: every server carries the
+// same stream names.
+std::string WindowKey(const QZRtspServer& server, const std::string& stream) {
+  return std::to_string(server.Port()) + "/" + stream;
+}
+
 QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& servers) {
   QZRtspServerStats total;
   for (const auto& server : servers) {
@@ -95,6 +117,12 @@ int main(int argc, char** argv) {
   if (!qz_tools::ParseOptions(argc, argv, options, &exit_code)) {
     return exit_code;
   }
+  // The log goes out line by line, also into a file or a pipe: what a
+  // viewer of the log sees is current, and a crash loses no line.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  // FFmpeg's informational messages (x264's statistics at exit and the
+  // like) only on request; warnings and errors always.
+  av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_WARNING);
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
   std::signal(SIGPIPE, SIG_IGN);
@@ -130,7 +158,8 @@ int main(int argc, char** argv) {
     };
     std::unique_ptr<QZRtspServer> server(new QZRtspServer(server_options));
     if (!server->Start()) {
-      std::fprintf(stderr, "qz_rtsp_publish: cannot listen on port %d\n", server_options.port);
+      std::fprintf(stderr, "qz_rtsp_publish: cannot listen on port %d (the log says why)\n",
+                   server_options.port);
       return 2;
     }
     handles.push_back(server->Handle());
@@ -159,19 +188,28 @@ int main(int argc, char** argv) {
   const long long start = qz_tools::MonotonicMs();
   long long next_status = start + 1000;
   long long next_user_data = start;
+  long long last_status = start;
   long long last_bytes = 0;
+  long long last_frames = 0;
   unsigned long long last_sent = 0;
-  // Delay counts per stream when the summary's window opened.
+  // Delay counts per server and stream when the summary's window opened.
   std::map<std::string, WindowBase> delay_base;
   bool delay_window_open = options.stats_after == 0;
+  bool announced = false;
   // Events, user data and the status line need no finer clock than this;
-  // Ctrl-C is noticed within one period.
+  // Ctrl-C is noticed within one period. Until the stream is announced the
+  // loop looks more often: the encoder codes key frames until it hears.
   constexpr auto kMainLoopPeriod = std::chrono::milliseconds(200);
+  constexpr auto kAnnounceWaitPeriod = std::chrono::milliseconds(10);
   while (!g_stop.load()) {
-    std::this_thread::sleep_for(kMainLoopPeriod);
+    std::this_thread::sleep_for(announced ? kMainLoopPeriod : kAnnounceWaitPeriod);
     const long long now = qz_tools::MonotonicMs();
     while (qz_top_common::InnerEvent* event = events.PopEvent()) {
       if (event->id_ == EVENT_KESTRAVOX_ERC_PUBLISHER_RTSP_URL) {
+        // The first viewer gets a key frame now rather than at the end of
+        // the GOP that is being coded.
+        source->OnStreamAnnounced();
+        announced = true;
         std::printf("%s\n", event->param3_.c_str());
         std::fflush(stdout);
       }
@@ -184,57 +222,68 @@ int main(int argc, char** argv) {
       next_user_data = now + options.user_data_every * 1000LL;
     }
     if (!delay_window_open && now - start >= options.stats_after * 1000LL) {
-      for (const auto& stream : Summarize(servers).stream_stats) {
-        delay_base[stream.name] = WindowBase{stream.write_delay.counts, stream.push_delay.counts};
+      for (const auto& server : servers) {
+        for (const auto& stream : server->GetStats().stream_stats) {
+          delay_base[WindowKey(*server, stream.name)] =
+              WindowBase{stream.write_delay.counts, stream.push_delay.counts};
+        }
       }
       delay_window_open = true;
     }
     if (now >= next_status) {
       const long long bytes = counters.bytes.load();
+      const long long frames = counters.video_frames.load();
       const QZRtspServerStats stats = Summarize(servers);
       if (!options.quiet) {
         const long long up = (now - start) / 1000;
+        const double seconds = std::max(1LL, now - last_status) / 1000.0;
         std::fprintf(stderr,
-                     "[%02lld:%02lld:%02lld] video %lld frames, audio %lld frames, %.1f MB, "
-                     "%.2f Mbit/s in, %d client%s, %.2f Mbit/s out, %llu dropped, "
-                     "%llu key-frame requests\n",
-                     up / 3600, up / 60 % 60, up % 60, counters.video_frames.load(),
-                     counters.audio_frames.load(), bytes / 1e6, (bytes - last_bytes) * 8 / 1e6,
-                     stats.playing, stats.playing == 1 ? "" : "s",
-                     (stats.bytes_sent - last_sent) * 8 / 1e6, stats.packets_dropped,
+                     "[%02lld:%02lld:%02lld] video %lld frames (%.1f fps encoded, %lld dropped by "
+                     "the source), audio %lld frames, %.1f MB, %.2f Mbit/s in, %d client%s, "
+                     "%.2f Mbit/s out, %llu packets dropped, %llu key-frame requests\n",
+                     up / 3600, up / 60 % 60, up % 60, frames, (frames - last_frames) / seconds,
+                     source->DroppedFrames(), counters.audio_frames.load(), bytes / 1e6,
+                     (bytes - last_bytes) * 8 / 1e6 / seconds, stats.playing,
+                     stats.playing == 1 ? "" : "s",
+                     (stats.bytes_sent - last_sent) * 8 / 1e6 / seconds, stats.packets_dropped,
                      stats.key_frame_requests);
       }
       last_bytes = bytes;
+      last_frames = frames;
       last_sent = stats.bytes_sent;
-      next_status += 1000;
+      last_status = now;
+      while (next_status <= now) {  // one line, however late this turn is
+        next_status += 1000;
+      }
     }
     if (options.duration > 0 && now - start >= options.duration * 1000LL) {
       break;
     }
   }
   source->Stop();
-  if (!options.quiet) {
-    // What is left when the publisher stops: a client that went away must
-    // have left no connection or session behind.
-    const QZRtspServerStats stats = Summarize(servers);
-    std::fprintf(stderr,
-                 "servers: %d connections, %d sessions, %llu packets sent (%llu TCP writes), "
-                 "dropped %llu slow reader / %llu socket full / %llu control backlog, "
-                 "%llu refused\n",
-                 stats.connections, stats.sessions, stats.packets_sent, stats.tcp_writes,
-                 stats.dropped.slow_reader, stats.dropped.socket_full,
-                 stats.dropped.control_backlog, stats.connections_refused);
+  // What is left when the publisher stops: a client that went away must
+  // have left no connection or session behind. Each server and stream is
+  // named by its port.
+  std::fprintf(stderr, "source: %lld video frames, %lld dropped by the source, %lld audio frames\n",
+               counters.video_frames.load(), source->DroppedFrames(), counters.audio_frames.load());
+  PrintServerCounters("servers", Summarize(servers));
+  for (const auto& server : servers) {
+    const QZRtspServerStats stats = server->GetStats();
+    const std::string port = std::to_string(server->Port());
+    if (servers.size() > 1) {
+      PrintServerCounters(("server on port " + port).c_str(), stats);
+    }
     for (const auto& stream : stats.stream_stats) {
-      const WindowBase& base = delay_base[stream.name];
+      const WindowBase& base = delay_base[WindowKey(*server, stream.name)];
       const DelayWindow posted = Window(stream.write_delay, base.write);
       const DelayWindow pushed = Window(stream.push_delay, base.push);
       std::fprintf(stderr,
-                   "stream %s: %llu records written to every client after %d s, "
+                   "stream %s: port %s, %llu records written to every client after %d s, "
                    "posted-to-written delay p50 %.3f ms, p99 %.3f ms (whole run: max %.3f ms), "
                    "pushed-to-written p50 %.3f ms, p99 %.3f ms (whole run: max %.3f ms)\n",
-                   stream.name.c_str(), posted.records, options.stats_after, posted.p50_ms,
-                   posted.p99_ms, stream.write_delay.max_us / 1000.0, pushed.p50_ms, pushed.p99_ms,
-                   stream.push_delay.max_us / 1000.0);
+                   stream.name.c_str(), port.c_str(), posted.records, options.stats_after,
+                   posted.p50_ms, posted.p99_ms, stream.write_delay.max_us / 1000.0, pushed.p50_ms,
+                   pushed.p99_ms, stream.push_delay.max_us / 1000.0);
     }
   }
   sinker.Stop();

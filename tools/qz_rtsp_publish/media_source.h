@@ -25,6 +25,14 @@ class MediaSource {
   virtual void Stop() = 0;
   // Asks the video encoder for an IDR picture as soon as it can.
   virtual void RequestKeyFrame() {}
+  // The sinker announced a stream URL. A source that encodes codes every
+  // picture as a key frame until then, and one more right after: the sinker
+  // sends video only from a key frame on and does not send the packets it
+  // takes while it creates its pipes, so with a normal GOP the first one
+  // would be dropped whole and the first viewer would wait for the next.
+  virtual void OnStreamAnnounced() {}
+  // Video frames the source lost because the encoder could not keep up.
+  virtual long long DroppedFrames() const { return 0; }
 };
 
 // Milliseconds of the monotonic clock, the timestamps' time base.

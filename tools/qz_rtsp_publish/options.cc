@@ -19,6 +19,8 @@ const char kUsage[] =
     "      --fps N             built-in source frame rate (default 25)\n"
     "      --bitrate KBPS      built-in source video bit rate (default 2000)\n"
     "      --gop SECONDS       key frame interval (default 2)\n"
+    "      --slow-encoder MS   built-in source: each video frame takes MS longer to\n"
+    "                          encode (a source that cannot keep real time drops frames)\n"
     "  -p, --port N            RTSP port of the first server (default 8554)\n"
     "      --servers N         number of servers, on consecutive ports (default 1)\n"
     "      --bind ADDRESS      address to listen on (default: all interfaces)\n"
@@ -36,7 +38,8 @@ const char kUsage[] =
     "      --stats-after S     the exit summary's delay figures count only records\n"
     "                          posted after S seconds (default 0: the whole run)\n"
     "      --no-loop           play a file once\n"
-    "  -q, --quiet             no status line\n"
+    "  -q, --quiet             no status line (the summary at exit stays)\n"
+    "  -v, --verbose           FFmpeg's and the encoders' informational messages\n"
     "  -h, --help              this text\n";
 
 bool ParseInt(const char* text, int min, int max, int& out) {
@@ -79,6 +82,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.udp_gso = false;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
+    } else if (arg == "-v" || arg == "--verbose") {
+      o.verbose = true;
     } else if (!value(&v)) {
       return fail(arg.compare(0, 1, "-") == 0 ? "option " + arg + " needs a value"
                                               : "unexpected argument " + arg);
@@ -112,6 +117,9 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
     } else if (arg == "--gop") {
       if (!ParseInt(v, 1, 60, o.gop_seconds))
         return fail("--gop must be 1 to 60 seconds");
+    } else if (arg == "--slow-encoder") {
+      if (!ParseInt(v, 0, 10000, o.slow_encoder_ms))
+        return fail("--slow-encoder must be 0 to 10000 ms");
     } else if (arg == "-p" || arg == "--port") {
       if (!ParseInt(v, 0, 65535, o.port))
         return fail("--port must be 0 to 65535");

@@ -30,6 +30,8 @@ struct PublishOptions {
   int stats_after = 0;      // seconds before the summary's delay window opens
   bool loop = true;         // file source
   bool quiet = false;       // no status line
+  bool verbose = false;     // FFmpeg's and the encoders' informational log
+  int slow_encoder_ms = 0;  // built-in source: added to each video frame's encoding
 };
 
 // Parses argv. On --help prints usage and sets *exit_code to 0; on a bad

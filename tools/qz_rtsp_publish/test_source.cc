@@ -13,83 +13,10 @@ extern "C" {
 #include <vector>
 
 #include "tools/qz_rtsp_publish/annexb.h"
+#include "tools/qz_rtsp_publish/test_picture.h"
 
 namespace qz_tools {
 namespace {
-
-// 5x7 digits for the clock drawn into the picture: one byte a row, five bits.
-const uint8_t kFont[12][7] = {
-    {0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0E}, {0x04, 0x0C, 0x04, 0x04, 0x04, 0x04, 0x0E},
-    {0x0E, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1F}, {0x1F, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0E},
-    {0x02, 0x06, 0x0A, 0x12, 0x1F, 0x02, 0x02}, {0x1F, 0x10, 0x1E, 0x01, 0x01, 0x11, 0x0E},
-    {0x06, 0x08, 0x10, 0x1E, 0x11, 0x11, 0x0E}, {0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08},
-    {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}, {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C},
-    {0x00, 0x0C, 0x0C, 0x00, 0x0C, 0x0C, 0x00},  // ':'
-    {0x00, 0x00, 0x00, 0x00, 0x00, 0x0C, 0x0C},  // '.'
-};
-
-void DrawText(AVFrame* frame, const std::string& text, int x0, int y0, int scale) {
-  for (size_t c = 0; c < text.size(); ++c) {
-    int glyph = text[c] == ':' ? 10 : text[c] == '.' ? 11 : text[c] - '0';
-    if (glyph < 0 || glyph > 11) {
-      continue;
-    }
-    for (int row = 0; row < 7; ++row) {
-      for (int col = 0; col < 5; ++col) {
-        const bool on = (kFont[glyph][row] >> (4 - col)) & 1;
-        for (int dy = 0; dy < scale; ++dy) {
-          const int y = y0 + row * scale + dy;
-          if (y < 0 || y >= frame->height)
-            continue;
-          for (int dx = 0; dx < scale; ++dx) {
-            const int x = x0 + (static_cast<int>(c) * 6 + col) * scale + dx;
-            if (x < 0 || x >= frame->width)
-              continue;
-            frame->data[0][y * frame->linesize[0] + x] = on ? 235 : 16;
-          }
-        }
-      }
-    }
-  }
-}
-
-// Colour bars that scroll, a box that bounces, and the running time.
-void DrawPicture(AVFrame* frame, long long index, int fps) {
-  const int w = frame->width;
-  const int h = frame->height;
-  const int shift = static_cast<int>(index * 4 % w);
-  for (int y = 0; y < h; ++y) {
-    uint8_t* row = frame->data[0] + y * frame->linesize[0];
-    for (int x = 0; x < w; ++x) {
-      row[x] = static_cast<uint8_t>(40 + ((x + shift) * 8 / w) * 24 + (y * 32 / h));
-    }
-  }
-  for (int y = 0; y < h / 2; ++y) {
-    uint8_t* u = frame->data[1] + y * frame->linesize[1];
-    uint8_t* v = frame->data[2] + y * frame->linesize[2];
-    for (int x = 0; x < w / 2; ++x) {
-      const int band = ((x * 2 + shift) * 8 / w) % 8;
-      u[x] = static_cast<uint8_t>(64 + band * 20);
-      v[x] = static_cast<uint8_t>(200 - band * 18);
-    }
-  }
-  const int box = h / 6;
-  const int period = 2 * (w - box);
-  int bx = static_cast<int>((index * 8) % period);
-  if (bx > w - box)
-    bx = period - bx;
-  for (int y = h - box - h / 12; y < h - h / 12; ++y) {
-    std::memset(frame->data[0] + y * frame->linesize[0] + bx, 235, static_cast<size_t>(box));
-  }
-  const long long ms = index * 1000 / fps;
-  char text[32];
-  snprintf(text, sizeof(text), "%02lld:%02lld:%02lld.%03lld", ms / 3600000, ms / 60000 % 60,
-           ms / 1000 % 60, ms % 1000);
-  const int scale = std::max(2, w / 120);
-  DrawText(frame, text, w / 16, h / 8, scale);
-  snprintf(text, sizeof(text), "%lld", index);
-  DrawText(frame, text, w / 16, h / 8 + 9 * scale, scale / 2 + 1);
-}
 
 std::string AvError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {0};
@@ -129,7 +56,9 @@ bool TestSource::Open(std::string* error) {
   av_opt_set(video_->priv_data, "forced-idr", "1", 0);
   if (h265) {
     av_opt_set(video_->priv_data, "x265-params",
-               "repeat-headers=1:log-level=error:scenecut=0:open-gop=0", 0);
+               options_.verbose ? "repeat-headers=1:scenecut=0:open-gop=0"
+                                : "repeat-headers=1:log-level=error:scenecut=0:open-gop=0",
+               0);
   } else {
     av_opt_set(video_->priv_data, "x264-params", "scenecut=0", 0);
   }
@@ -163,6 +92,9 @@ bool TestSource::Open(std::string* error) {
     *error = "cannot open the " + options_.audio + " encoder: " + AvError(ret);
     return false;
   }
+  if (aac && audio_->extradata != nullptr) {
+    audio_config_.assign(audio_->extradata, audio_->extradata + audio_->extradata_size);
+  }
   return true;
 }
 
@@ -184,57 +116,91 @@ void TestSource::Stop() {
     audio_thread_.join();
 }
 
-void TestSource::VideoLoop() {
+void TestSource::OnStreamAnnounced() {
+  // The request is stored first: a frame that sees announced_ set also sees
+  // it, so the first frame coded normally is still a key frame.
+  key_frame_requested_ = true;
+  announced_ = true;
+}
+
+void TestSource::Drain(AVCodecContext* encoder, AVPacket* packet, bool flush) {
+  if (flush) {
+    avcodec_send_frame(encoder, nullptr);
+  }
+  const bool video = encoder == video_;
   const bool h265 = options_.video == "h265";
-  const QZ_MEDIA_CODEC_ID codec = h265 ? QZ_MEDIA_CODEC_ID_H265 : QZ_MEDIA_CODEC_ID_H264;
+  const QZ_MEDIA_CODEC_ID codec = video ? (h265 ? QZ_MEDIA_CODEC_ID_H265 : QZ_MEDIA_CODEC_ID_H264)
+                                  : options_.audio == "aac"  ? QZ_MEDIA_CODEC_ID_AAC
+                                  : options_.audio == "pcma" ? QZ_MEDIA_CODEC_ID_PCMA
+                                                             : QZ_MEDIA_CODEC_ID_PCMU;
+  while (avcodec_receive_packet(encoder, packet) == 0) {
+    const size_t size = static_cast<size_t>(packet->size);
+    // Both media are stamped with their capture time on the monotonic
+    // clock, counted from the same start: video by its capture slot (the
+    // pts counts slots), audio by the samples captured before it.
+    const long long ts =
+        start_ms_ + (video ? packet->pts * 1000 / options_.fps
+                           : av_rescale_q(packet->pts, encoder->time_base, AVRational{1, 1000}));
+    const bool key = video && (packet->flags & AV_PKT_FLAG_KEY) != 0;
+    auto media = MakeMediaPacket(video, codec, packet->data, size, key, ts);
+    if (key) {
+      AttachParameterSets(*media, h265, packet->data, size, std::vector<uint8_t>());
+    }
+    if (!video) {
+      qz_publisher::QZMediaPacket::AudioInfo info(encoder->sample_rate, 1);
+      media->SetAudioInfo(&info);
+      if (!audio_config_.empty()) {
+        media->SetExtraData("AudioSpecificConfig", audio_config_);
+      }
+    }
+    push_(media);
+    av_packet_unref(packet);
+  }
+}
+
+void TestSource::VideoLoop() {
   AVFrame* frame = av_frame_alloc();
   frame->format = AV_PIX_FMT_YUV420P;
   frame->width = options_.width;
   frame->height = options_.height;
   av_frame_get_buffer(frame, 0);
   AVPacket* packet = av_packet_alloc();
-  const std::vector<uint8_t> no_extradata;
-  for (long long index = 0; !stop_.load(); ++index) {
-    // Capture time of this frame on the monotonic clock, in milliseconds.
-    const long long capture_ms = start_ms_ + index * 1000 / options_.fps;
-    SleepUntil(capture_ms, stop_);
+  TestPicture picture(options_.width, options_.height);
+  const int fps = options_.fps;
+  // Like a camera at `fps`: picture n is captured at the start of slot n.
+  auto capture_ms = [this, fps](long long slot) { return start_ms_ + slot * 1000 / fps; };
+  long long slot = 0;
+  while (!stop_.load()) {
+    SleepUntil(capture_ms(slot), stop_);
     if (stop_.load())
       break;
     av_frame_make_writable(frame);
-    DrawPicture(frame, index, options_.fps);
-    frame->pts = index;
-    frame->pict_type =
-        key_frame_requested_.exchange(false) ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    picture.Draw(slot, capture_ms(slot) - start_ms_, frame->data, frame->linesize);
+    frame->pts = slot;  // time base 1/fps: the capture time
+    const bool key = !announced_.load() || key_frame_requested_.exchange(false);
+    frame->pict_type = key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     if (avcodec_send_frame(video_, frame) < 0)
       break;
-    while (avcodec_receive_packet(video_, packet) == 0) {
-      const bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
-      const long long ts = start_ms_ + packet->pts * 1000 / options_.fps;
-      auto media =
-          MakeMediaPacket(true, codec, packet->data, static_cast<size_t>(packet->size), key, ts);
-      if (key) {
-        AttachParameterSets(*media, h265, packet->data, static_cast<size_t>(packet->size),
-                            no_extradata);
-      }
-      push_(media);
-      av_packet_unref(packet);
+    if (options_.slow_encoder_ms > 0) {
+      SleepUntil(MonotonicMs() + options_.slow_encoder_ms, stop_);
     }
+    Drain(video_, packet, false);
+    // The camera went on capturing while the encoder worked: the next frame
+    // is the newest picture, and those whose slots passed meanwhile are lost.
+    const long long newest = (MonotonicMs() - start_ms_) * fps / 1000;
+    const long long next = std::max(slot + 1, newest);
+    dropped_frames_ += next - slot - 1;
+    slot = next;
   }
+  Drain(video_, packet, true);
   av_packet_free(&packet);
   av_frame_free(&frame);
 }
 
 void TestSource::AudioLoop() {
   const bool aac = options_.audio == "aac";
-  const QZ_MEDIA_CODEC_ID codec = aac                        ? QZ_MEDIA_CODEC_ID_AAC
-                                  : options_.audio == "pcma" ? QZ_MEDIA_CODEC_ID_PCMA
-                                                             : QZ_MEDIA_CODEC_ID_PCMU;
   const int rate = audio_->sample_rate;
   const int samples = aac ? audio_->frame_size : rate / 50;  // G.711: 20 ms frames
-  std::vector<uint8_t> config;
-  if (aac && audio_->extradata != nullptr) {
-    config.assign(audio_->extradata, audio_->extradata + audio_->extradata_size);
-  }
   AVFrame* frame = av_frame_alloc();
   frame->format = audio_->sample_fmt;
   frame->nb_samples = samples;
@@ -244,7 +210,9 @@ void TestSource::AudioLoop() {
   AVPacket* packet = av_packet_alloc();
   long long produced = 0;
   while (!stop_.load()) {
-    SleepUntil(start_ms_ + produced * 1000 / rate, stop_);
+    // A frame is captured when its last sample is: paced by the sample
+    // count on the monotonic clock, the clock the video slots run on.
+    SleepUntil(start_ms_ + (produced + samples) * 1000 / rate, stop_);
     if (stop_.load())
       break;
     av_frame_make_writable(frame);
@@ -263,20 +231,9 @@ void TestSource::AudioLoop() {
     produced += samples;
     if (avcodec_send_frame(audio_, frame) < 0)
       break;
-    while (avcodec_receive_packet(audio_, packet) == 0) {
-      const long long ts =
-          start_ms_ + av_rescale_q(packet->pts, audio_->time_base, AVRational{1, 1000});
-      auto media =
-          MakeMediaPacket(false, codec, packet->data, static_cast<size_t>(packet->size), false, ts);
-      qz_publisher::QZMediaPacket::AudioInfo info(rate, 1);
-      media->SetAudioInfo(&info);
-      if (!config.empty()) {
-        media->SetExtraData("AudioSpecificConfig", config);
-      }
-      push_(media);
-      av_packet_unref(packet);
-    }
+    Drain(audio_, packet, false);
   }
+  Drain(audio_, packet, true);
   av_packet_free(&packet);
   av_frame_free(&frame);
 }
