@@ -59,7 +59,7 @@ for config in $CONFIGS; do
     tsan)
       # setarch -R: clang 14's TSan cannot map its shadow memory with the
       # address-space randomisation of newer kernels.
-      stage tsan env TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+      stage tsan env TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp" \
         setarch "$(uname -m)" -R bash -c "$(declare -f configure_and_test); JOBS=$JOBS configure_and_test tsan \
         -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
         -DQZ_SANITIZE=thread -DQZ_BUILD_BENCH=OFF"

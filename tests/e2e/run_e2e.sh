@@ -137,7 +137,7 @@ expect_frame_rate() {
     { prev = $1; n++ }
     END {
       rate = (n > 1 && prev > first) ? (n - 1) / (prev - first) : 0
-      ok = n > 10 && bad == "" && rate <= fps * 1.05 && (dropped > 0 || rate >= fps * 0.95)
+      ok = n >= 5 && bad == "" && rate <= fps * 1.05 && (dropped > 0 || rate >= fps * 0.95)
       printf "%s %.2f fps over %d frames%s", ok ? "ok" : "bad", rate, n, bad == "" ? "" : ", off the grid:" substr(bad, 1, 200)
     }' "$WORK/pts.txt")
   if [ "${verdict%% *}" = "ok" ]; then
