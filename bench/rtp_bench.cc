@@ -9,7 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "protocol/rtsp_in_server/qz_rtp_packetizer.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtp_h264.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtp_track_writer.h"
 #include "tests/fakes/test_support.h"
 
 namespace {

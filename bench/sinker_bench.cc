@@ -23,7 +23,7 @@ using qz_rtsp_internal_server::QZRtspPacketPiple;
 class CountingServer : public qz_rtsp_internal_server::QZRtspPipeAcceptor,
                        public qz_rtsp_internal_server::QZRtspVideoSinker {
  public:
-  bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override {
+  bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple, std::string&) override {
     std::shared_ptr<qz_rtsp_internal_server::QZRtspVideoSinker> self(self_);
     piple->AddVideoSinker(self);
     pipes_.push_back(piple);

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/rtsp_in_server/qz_rtsp_message.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 
 namespace {
 

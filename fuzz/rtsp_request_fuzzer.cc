@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "protocol/rtsp_in_server/qz_rtsp_message.h"
-#include "protocol/rtsp_in_server/qz_rtsp_transport.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1 || size > 128 * 1024) {
@@ -28,8 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const auto& header : parser.request().headers) {
           RtspTransport transport;
           if (ParseRtspTransport(header.second, transport)) {
+            // Absent ports are -1 now: a served UDP spec has both, above 0.
             if (transport.kind == RtspTransport::Kind::kUdp &&
-                (transport.client_rtp_port <= 0 || transport.client_rtp_port > 65535)) {
+                (transport.client_rtp_port <= 0 || transport.client_rtp_port > 65535 ||
+                 transport.client_rtcp_port <= 0 || transport.client_rtcp_port > 65535)) {
               abort();
             }
           }

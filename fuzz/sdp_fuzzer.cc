@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/rtsp_in_server/qz_sdp.h"
+#include "protocol/rtsp_in_server/wire/qz_sdp.h"
 #include "utility/qz_base64.h"
 
 namespace {

@@ -109,8 +109,13 @@ bool RtspSinker::InitRtsp() {
       }
     }
 
-    if (QZRtspServerMgr::Instance()->PostPiple(handle, piple)) {
+    std::string why;
+    if (QZRtspServerMgr::Instance()->PostPiple(handle, piple, &why)) {
       handle_2_piple_.insert(std::make_pair(handle, piple));
+    } else {
+      // Without this line a refused stream would be streamed into nothing.
+      LogFormat("VartoLogIOS [E] RtspSinker::InitRtsp server %p refused stream '%s': %s\n", handle,
+                piple->StreamName().c_str(), why.c_str());
     }
   }
   return true;

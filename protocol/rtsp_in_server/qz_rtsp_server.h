@@ -70,7 +70,9 @@ struct QZRtspServerOptions {
   // Called when a viewer waits for a key frame: it joined and none is held,
   // or it fell behind and was cut back to one. An app asks its video encoder
   // for an IDR picture here. At most once a second per stream; runs on the
-  // server's network thread and must return quickly. May be empty.
+  // server's network thread and must return quickly. May be empty. It may
+  // call Stop() (the server then stops when it returns), but must not
+  // destroy the server.
   std::function<void(const std::string& stream_name)> on_key_frame_request;
 };
 
@@ -110,7 +112,10 @@ struct QZRtspStreamStats {
   QZRtspDropCounts dropped;
   unsigned long long key_frame_requests = 0;  // calls of on_key_frame_request
   unsigned long long rtp_packets_built = 0;   // once per stream, shared by its clients
-  unsigned long long cache_bytes = 0;         // held for viewers that join
+  // Frames not taken from the publisher because the server's network thread
+  // stalled (and, for video, what followed until the next key frame).
+  unsigned long long frames_dropped_stalled = 0;
+  unsigned long long cache_bytes = 0;  // held for viewers that join
   // Delays up to a record's last RTP packet handed to the kernel for every
   // client that keeps up, over the stream's life (records a client skipped
   // or never got are not counted): from the record posted into the stream's

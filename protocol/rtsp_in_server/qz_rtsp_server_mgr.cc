@@ -42,12 +42,22 @@ std::shared_ptr<QZRtspPipeAcceptor> QZRtspServerMgr::Find(void* handle) {
   return it == servers_.end() ? nullptr : it->second;
 }
 
-bool QZRtspServerMgr::PostPiple(void* handle, std::shared_ptr<QZRtspPacketPiple>& piple) {
+bool QZRtspServerMgr::PostPiple(void* handle,
+                                std::shared_ptr<QZRtspPacketPiple>& piple,
+                                std::string* why) {
+  std::string reason;
+  bool accepted = false;
   if (!piple) {
-    return false;
+    reason = "no pipe";
+  } else if (std::shared_ptr<QZRtspPipeAcceptor> acceptor = Find(handle)) {
+    accepted = acceptor->AcceptPiple(piple, reason);
+  } else {
+    reason = "no server is registered with this handle (never made, or destroyed)";
   }
-  std::shared_ptr<QZRtspPipeAcceptor> acceptor = Find(handle);
-  return acceptor && acceptor->AcceptPiple(piple);
+  if (why != nullptr) {
+    *why = reason;
+  }
+  return accepted;
 }
 
 void QZRtspServerMgr::RemovePiple(void* handle, std::shared_ptr<QZRtspPacketPiple>& piple) {

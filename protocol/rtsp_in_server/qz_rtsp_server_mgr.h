@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
 
@@ -19,8 +20,9 @@ class QZRtspPipeAcceptor {
   virtual ~QZRtspPipeAcceptor() = default;
   // True when the server serves the pipe from now on and holds its own
   // reference to it; false when it refuses (stopped, a stream of that name
-  // is already live, a limit is reached).
-  virtual bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) = 0;
+  // is already live, a name that is no URL path segment), with the reason
+  // in `why`.
+  virtual bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple, std::string& why) = 0;
   // Stops serving the pipe and lets go of it; unknown pipes are ignored.
   virtual void WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) = 0;
 };
@@ -42,7 +44,11 @@ class QZRtspServerMgr {
 
   // Offers the pipe to the server of `handle`: false for an unknown handle
   // or when the server refuses.
-  bool PostPiple(void* handle, std::shared_ptr<QZRtspPacketPiple>& piple);
+  // False when no server has that handle or it refused the pipe; `why`
+  // (when given) then says which and why.
+  bool PostPiple(void* handle,
+                 std::shared_ptr<QZRtspPacketPiple>& piple,
+                 std::string* why = nullptr);
   // Withdraws the pipe from the server of `handle`; nothing for an unknown one.
   void RemovePiple(void* handle, std::shared_ptr<QZRtspPacketPiple>& piple);
 

@@ -66,10 +66,12 @@ void FakeRtspServer::set_url_on_accept(const std::string& url) {
   url_on_accept_ = url;
 }
 
-bool FakeRtspServer::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) {
+bool FakeRtspServer::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple,
+                                 std::string& why) {
   std::lock_guard<std::mutex> lock(mutex_);
   ++offered_;
   if (!accept_) {
+    why = "the fake server refuses pipes";
     return false;
   }
   auto video = std::make_shared<VideoConsumer>(this, piple.get());

@@ -45,7 +45,7 @@ class FakeRtspServer : public qz_rtsp_internal_server::QZRtspPipeAcceptor,
   // A URL the server sets on every pipe it takes from now on ("" for none).
   void set_url_on_accept(const std::string& url);
 
-  bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
+  bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple, std::string& why) override;
   void WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
 
   std::vector<std::shared_ptr<QZRtspPacketPiple>> pipes();

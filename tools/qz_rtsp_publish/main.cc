@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "protocol/rtsp_in_server/qz_delay_histogram.h"
+#include "protocol/rtsp_in_server/media/qz_delay_histogram.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 #include "publisher/qz_rtsp_sinker.h"
 #include "tools/qz_rtsp_publish/file_source.h"

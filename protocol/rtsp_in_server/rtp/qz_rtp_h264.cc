@@ -1,0 +1,104 @@
+#include "protocol/rtsp_in_server/rtp/qz_rtp_h264.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+constexpr uint8_t kStapA = 24;
+constexpr uint8_t kFuA = 28;
+constexpr uint8_t kAccessUnitDelimiter = 9;
+
+uint8_t NalType(const QZRtspPacketData& unit) {
+  return unit.data_[0] & 0x1F;
+}
+
+// Units worth a packet: not empty, not a bare header, not a delimiter.
+std::vector<std::shared_ptr<QZRtspPacketData>> SendableUnits(
+    const std::list<std::shared_ptr<QZRtspPacketData>>& units) {
+  std::vector<std::shared_ptr<QZRtspPacketData>> out;
+  for (const auto& unit : units) {
+    if (unit && unit->size_ >= 2 && NalType(*unit) != kAccessUnitDelimiter) {
+      out.push_back(unit);
+    }
+  }
+  return out;
+}
+
+bool IsSlice(const QZRtspPacketData& unit) {
+  const uint8_t type = NalType(unit);
+  return type >= 1 && type <= 5;
+}
+
+}  // namespace
+
+H264Packetizer::H264Packetizer(const std::list<std::shared_ptr<QZRtspPacketData>>& units,
+                               size_t max_payload)
+    : units_(SendableUnits(units)), max_payload_(max_payload) {}
+
+size_t H264Packetizer::NextPacket(uint8_t* payload, size_t capacity, bool* last) {
+  const size_t limit = std::min(capacity, max_payload_);
+  if (unit_ >= units_.size() || limit < 3) {
+    return 0;
+  }
+  const QZRtspPacketData& unit = *units_[unit_];
+  if (offset_ == 0) {
+    // STAP-A (RFC 6184 5.7.1): F|NRI|24, then 16-bit size + unit, repeated.
+    // Only for leading non-slice units, so a slice keeps its own packet.
+    size_t total = 1;
+    size_t count = 0;
+    uint8_t nri = 0;
+    for (size_t i = unit_; i < units_.size() && !IsSlice(*units_[i]); ++i) {
+      if (total + 2 + units_[i]->size_ > limit) {
+        break;
+      }
+      total += 2 + units_[i]->size_;
+      nri = std::max<uint8_t>(nri, units_[i]->data_[0] & 0x60);
+      ++count;
+    }
+    if (count >= 2) {
+      uint8_t* p = payload;
+      *p++ = nri | kStapA;
+      for (size_t i = 0; i < count; ++i) {
+        const QZRtspPacketData& u = *units_[unit_ + i];
+        PutBe16(p, static_cast<uint32_t>(u.size_));
+        std::memcpy(p + 2, u.data_.get(), u.size_);
+        p += 2 + u.size_;
+      }
+      unit_ += count;
+      *last = unit_ >= units_.size();
+      return total;
+    }
+    if (unit.size_ <= limit) {
+      std::memcpy(payload, unit.data_.get(), unit.size_);
+      ++unit_;
+      *last = unit_ >= units_.size();
+      return unit.size_;
+    }
+    offset_ = 1;  // the NAL header travels in the FU indicator and header
+  }
+  // FU-A (RFC 6184 5.8): indicator F|NRI|28, header S|E|R|type.
+  const uint8_t header = unit.data_[0];
+  const size_t remaining = unit.size_ - offset_;
+  const size_t chunk = std::min(remaining, limit - 2);
+  payload[0] = (header & 0xE0) | kFuA;
+  payload[1] = header & 0x1F;
+  if (offset_ == 1) {
+    payload[1] |= 0x80;  // S
+  }
+  const bool end = chunk == remaining;
+  if (end) {
+    payload[1] |= 0x40;  // E
+  }
+  std::memcpy(payload + 2, unit.data_.get() + offset_, chunk);
+  offset_ += chunk;
+  if (end) {
+    offset_ = 0;
+    ++unit_;
+  }
+  *last = unit_ >= units_.size();
+  return chunk + 2;
+}
+
+}  // namespace qz_rtsp_internal_server

@@ -1,0 +1,38 @@
+// A clock tests move by hand and a random source that repeats a sequence:
+// the server's logic runs on them without sleeping and with ids and SSRCs
+// that tests can predict.
+#ifndef TESTS_FAKES_FAKE_SEAMS_H_
+#define TESTS_FAKES_FAKE_SEAMS_H_
+
+#include <atomic>
+
+#include "protocol/rtsp_in_server/media/qz_rtsp_seams.h"
+
+namespace qz_test {
+
+class FakeClock : public qz_rtsp_internal_server::RtspClock {
+ public:
+  long long SteadyUs() const override { return steady_us_.load(); }
+  unsigned long long WallUs() const override {
+    return 1700000000000000ULL + static_cast<unsigned long long>(steady_us_.load());
+  }
+  void AdvanceMs(long long ms) { steady_us_ += ms * 1000; }
+
+ private:
+  std::atomic<long long> steady_us_{1000000000};
+};
+
+// first, first + step, first + 2 * step, ...
+class CountingRandom : public qz_rtsp_internal_server::RtspRandom {
+ public:
+  explicit CountingRandom(uint32_t first = 1, uint32_t step = 1) : next_(first), step_(step) {}
+  uint32_t Next32() override { return next_.fetch_add(step_); }
+
+ private:
+  std::atomic<uint32_t> next_;
+  uint32_t step_;
+};
+
+}  // namespace qz_test
+
+#endif  // TESTS_FAKES_FAKE_SEAMS_H_

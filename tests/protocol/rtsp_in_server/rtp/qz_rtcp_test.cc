@@ -1,0 +1,212 @@
+// RTCP: the sender report this server writes, read back at the offsets of
+// RFC 3550 6.4.1 and 6.5, and the compound packets it reads from clients.
+#include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Words = std::vector<uint32_t>;
+
+uint32_t Read32(const Bytes& b, size_t at) {
+  return (uint32_t{b[at]} << 24) | (uint32_t{b[at + 1]} << 16) | (uint32_t{b[at + 2]} << 8) |
+         b[at + 3];
+}
+
+// One RTCP packet: first octet (V|P|count), type, and the 32-bit words that
+// follow the header; the length field counts those words.
+Bytes Packet(uint8_t first, uint8_t type, const Words& words) {
+  Bytes b = {first, type, static_cast<uint8_t>(words.size() >> 8),
+             static_cast<uint8_t>(words.size())};
+  for (uint32_t w : words) {
+    b.insert(b.end(), {static_cast<uint8_t>(w >> 24), static_cast<uint8_t>(w >> 16),
+                       static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w)});
+  }
+  return b;
+}
+
+template <typename T>
+std::vector<T> Join(std::initializer_list<std::vector<T>> parts) {
+  std::vector<T> out;
+  for (const auto& p : parts) {
+    out.insert(out.end(), p.begin(), p.end());
+  }
+  return out;
+}
+
+// Report block fields in wire order; `lost` is the raw 24-bit field.
+Words Block(uint32_t ssrc, uint32_t fraction, uint32_t lost, uint32_t seq, uint32_t lsr) {
+  return {ssrc, (fraction << 24) | lost, seq, 77, lsr, 0x10000};
+}
+
+using BlockView = std::tuple<uint32_t, int, int32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
+
+BlockView View(const RtcpReportBlock& b) {
+  return {b.ssrc, b.fraction_lost, b.cumulative_lost, b.highest_seq, b.jitter, b.lsr, b.dlsr};
+}
+
+const Words kSenderInfo = {0xE0000000, 0x80000000, 1234, 10, 2000};
+
+TEST(RtcpParseTest, CompoundPackets) {
+  const Bytes sdes = Packet(0x81, 202, {0xAAAA, 0x01027177, 0});  // CNAME "qw"
+  struct Case {
+    const char* name;
+    Bytes bytes;
+    std::vector<BlockView> blocks;
+    Words bye_ssrcs;
+    bool bye;
+  };
+  const Case cases[] = {
+      {"rr_no_block", Packet(0x80, 201, {0xAAAA}), {}, {}, false},
+      {"rr_one_block_negative_loss",
+       Packet(0x81, 201,
+              Join<uint32_t>({{0xAAAA}, Block(0x1111, 0x40, 0xFFFFFD, 0x10005, 0xB7052000)})),
+       {BlockView{0x1111, 0x40, -3, 0x10005, 77, 0xB7052000, 0x10000}},
+       {},
+       false},
+      {"rr_two_blocks",
+       Packet(0x82, 201,
+              Join<uint32_t>(
+                  {{0xAAAA}, Block(0x1111, 0, 0x7FFFFF, 9, 0), Block(0x2222, 0xFF, 5, 8, 3)})),
+       {BlockView{0x1111, 0, 0x7FFFFF, 9, 77, 0, 0x10000},
+        BlockView{0x2222, 0xFF, 5, 8, 77, 3, 0x10000}},
+       {},
+       false},
+      {"sr_then_rr",
+       Join<uint8_t>(
+           {Packet(0x81, 200, Join<uint32_t>({{0xAAAA}, kSenderInfo, Block(0x1111, 1, 2, 3, 4)})),
+            Packet(0x81, 201, Join<uint32_t>({{0xAAAA}, Block(0x2222, 5, 6, 7, 8)}))}),
+       {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}, BlockView{0x2222, 5, 6, 7, 77, 8, 0x10000}},
+       {},
+       false},
+      {"rr_sdes_bye",
+       Join<uint8_t>({Packet(0x80, 201, {0xAAAA}), sdes, Packet(0x81, 203, {0xAAAA})}),
+       {},
+       {0xAAAA},
+       true},
+      {"bye_sources_and_reason", Packet(0x83, 203, {1, 2, 3, 0x03627965}), {}, {1, 2, 3}, true},
+      {"app_in_the_middle",
+       Join<uint8_t>({Packet(0x81, 201, Join<uint32_t>({{0xAAAA}, Block(0x1111, 1, 2, 3, 4)})),
+                      Packet(0x80, 204, {0xAAAA, 0x71777A31, 0xDEADBEEF}), Packet(0x80, 203, {})}),
+       {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}},
+       {},
+       true},
+      // P set on the last packet: its final octet (4) drops the last word.
+      {"padding_on_last",
+       Join<uint8_t>({Packet(0x80, 201, {0xAAAA}), Packet(0xA1, 203, {0xBBBB, 4})}),
+       {},
+       {0xBBBB},
+       true},
+  };
+  RtcpReceived out;  // reused: each parse starts from nothing
+  for (const Case& c : cases) {
+    ASSERT_TRUE(ParseRtcp(c.bytes.data(), c.bytes.size(), out)) << c.name;
+    std::vector<BlockView> blocks;
+    for (const auto& b : out.blocks) {
+      blocks.push_back(View(b));
+    }
+    EXPECT_EQ(blocks, c.blocks) << c.name;
+    EXPECT_EQ(out.bye, c.bye) << c.name;
+    EXPECT_EQ(out.bye_ssrcs, c.bye_ssrcs) << c.name;
+  }
+}
+
+TEST(RtcpParseTest, MalformedPacketsFail) {
+  const Bytes rr = Packet(0x80, 201, {0xAAAA});
+  struct Case {
+    const char* name;
+    Bytes bytes;
+  };
+  const Case cases[] = {
+      {"empty", {}},
+      {"version_1", Packet(0x40, 201, {0xAAAA})},
+      {"version_1_second", Join<uint8_t>({rr, Packet(0x40, 203, {})})},
+      {"length_past_end", Bytes{0x80, 201, 0, 7, 0, 0, 0xAA, 0xAA}},
+      {"rr_count_past_length", Packet(0x82, 201, Join<uint32_t>({{0xAAAA}, Block(1, 2, 3, 4, 5)}))},
+      {"sr_count_past_length", Packet(0x81, 200, Join<uint32_t>({{0xAAAA}, kSenderInfo}))},
+      {"sr_without_sender_info", Packet(0x80, 200, {0xAAAA, 1, 2})},
+      {"bye_count_past_length", Packet(0x83, 203, {1, 2})},
+      {"truncated_header", Join<uint8_t>({rr, Bytes{0x80, 203}})},
+      {"rr_zero_length", Packet(0x80, 201, {})},
+      {"padding_not_last", Join<uint8_t>({Packet(0xA0, 201, {0xAAAA, 4}), rr})},
+      {"padding_zero", Packet(0xA0, 201, {0xAAAA, 0})},
+      {"padding_past_packet", Packet(0xA0, 201, {0xAAAA, 9})},
+      {"padding_eats_ssrc", Packet(0xA0, 201, {0xAAAA, 8})},
+  };
+  for (const Case& c : cases) {
+    RtcpReceived out;
+    EXPECT_FALSE(ParseRtcp(c.bytes.data(), c.bytes.size(), out)) << c.name;
+  }
+}
+
+TEST(RtcpSenderReportTest, FieldsAtTheirOffsets) {
+  struct Case {
+    unsigned long long ntp_us;
+    uint32_t ntp_seconds;  // since 1900
+    uint32_t ntp_fraction;
+    std::string cname;
+  };
+  const Case cases[] = {
+      // 1970 + 100.5 s: 2208988900 s since 1900, half a second.
+      {100500000ULL, 0x83AA7EE4, 0x80000000, "qz"},
+      // RFC 3550 6.4.1: 10 Nov 1995 11:33:25.125 UTC.
+      {816003205125000ULL, 0xB44DB705, 0x20000000, ""},
+      {0, 0x83AA7E80, 0, std::string(300, 'n')},  // the CNAME stops at 255 octets
+  };
+  for (const Case& c : cases) {
+    const Bytes sr = BuildRtcpSenderReport(0xAABBCCDD, c.ntp_us, 1234, 10, 2000, c.cname);
+    const size_t name = std::min<size_t>(c.cname.size(), 255);
+    const size_t sdes_size = 4 + (4 + 2 + name + 1 + 3) / 4 * 4;  // ends with a null item
+    ASSERT_EQ(sr.size(), 28 + sdes_size) << c.cname;
+    EXPECT_EQ(Read32(sr, 0), 0x80C80006u);  // V=2 RC=0, SR, 6 words follow
+    EXPECT_EQ(Read32(sr, 4), 0xAABBCCDDu);
+    EXPECT_EQ(Read32(sr, 8), c.ntp_seconds);
+    EXPECT_EQ(Read32(sr, 12), c.ntp_fraction);
+    EXPECT_EQ(Read32(sr, 16), 1234u);
+    EXPECT_EQ(Read32(sr, 20), 10u);
+    EXPECT_EQ(Read32(sr, 24), 2000u);
+    EXPECT_EQ(Read32(sr, 28), 0x81CA0000u | static_cast<uint32_t>(sdes_size / 4 - 1));
+    EXPECT_EQ(Read32(sr, 32), 0xAABBCCDDu);
+    EXPECT_EQ(sr[36], 1);  // CNAME
+    EXPECT_EQ(sr[37], name);
+    EXPECT_EQ(std::string(sr.begin() + 38, sr.begin() + 38 + name), c.cname.substr(0, name));
+    EXPECT_EQ(Bytes(sr.begin() + 38 + name, sr.end()), Bytes(sr.size() - 38 - name, 0));
+    RtcpReceived out;
+    EXPECT_TRUE(ParseRtcp(sr.data(), sr.size(), out));
+    EXPECT_TRUE(out.blocks.empty());
+  }
+}
+
+TEST(RtcpTimeTest, RoundTripFromRfc3550Example) {
+  // RFC 3550 6.4.1: SR sent at 11:33:25.125 (compact 0xB705:2000), the
+  // report arrives at 11:33:36.500 (0xB710:8000) after a 5.25 s delay at
+  // the receiver (DLSR 0x0005:4000): 6.125 s round trip.
+  const uint32_t lsr = RtcpCompactNtp(816003205125000ULL);
+  const uint32_t arrival = RtcpCompactNtp(816003216500000ULL);
+  EXPECT_EQ(lsr, 0xB7052000u);
+  EXPECT_EQ(arrival, 0xB7108000u);
+  EXPECT_EQ(RtcpRoundTripUs(arrival, lsr, 0x00054000), 6125000);
+
+  struct Case {
+    uint32_t arrival, lsr, dlsr;
+    long long expected;
+  };
+  const Case cases[] = {
+      {0x00001000, 0xFFFFF000, 0x1000, 62500},   // compact NTP wrapped: 1/16 s
+      {0xB7108000, 0, 0, -1},                    // no SR echoed
+      {0xB7108000, 0xB7052000, 0x000B6001, -1},  // receiver held it longer than possible
+      {0xB7051FFF, 0xB7052000, 0, -1},           // arrived before it was sent
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(RtcpRoundTripUs(c.arrival, c.lsr, c.dlsr), c.expected) << std::hex << c.arrival;
+  }
+}
+
+}  // namespace
+}  // namespace qz_rtsp_internal_server
