@@ -125,6 +125,24 @@ struct QZRtspStreamStats {
   QZRtspDelayStats push_delay;
 };
 
+// One session as its client's receiver reports (RFC 3550 6.4.2) describe
+// it: the latest report of any of its tracks.
+struct QZRtspSessionStats {
+  std::string id;
+  std::string stream;
+  std::string client;  // the client's address
+  bool tcp = false;    // interleaved in the RTSP connection, else UDP
+  bool playing = false;
+  unsigned long long bytes_sent = 0;
+  unsigned long long packets_sent = 0;
+  unsigned long long packets_dropped = 0;
+  unsigned long long receiver_reports = 0;  // 0: the figures below are not known
+  double fraction_lost = 0;                 // since the client's previous report, 0..1
+  long long cumulative_lost = 0;
+  double jitter_ms = 0;
+  double rtt_ms = -1;  // -1: no report echoed one of the server's sender reports
+};
+
 struct QZRtspServerStats {
   int connections = 0;
   int sessions = 0;
@@ -140,6 +158,8 @@ struct QZRtspServerStats {
   // Connections refused or closed by a limit: clients, request size, time.
   unsigned long long connections_refused = 0;
   std::vector<QZRtspStreamStats> stream_stats;  // the streams served now
+  // The sessions as of the server's last tick (at most half a second old).
+  std::vector<QZRtspSessionStats> session_stats;
 };
 
 class QZRtspServer {

@@ -1,5 +1,6 @@
 #include "common/qz_pb_user_data.h"
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -65,31 +66,28 @@ TEST(PublisherUserDataQueueTest, EmptyPointersAndZeroCapacity) {
   EXPECT_EQ(other.Pop(), nullptr);
 }
 
+// Oldest first and never repeated while a producer overruns the queue; the
+// newest item is never the one dropped.
 TEST(PublisherUserDataQueueTest, ConcurrentPushAndPop) {
   PublisherUserDataQueue queue(16);
-  std::thread producer([&queue] {
+  std::atomic<bool> done{false};
+  std::thread producer([&] {
     for (int i = 0; i < 2000; ++i) {
       auto item = Text(std::to_string(i));
       queue.Push(item);
     }
+    done = true;
   });
   int last = -1;
-  int popped = 0;
-  while (popped < 50 || producer.joinable()) {
+  while (!done || queue.Size() > 0) {
     if (auto item = queue.Pop()) {
       const int value = std::atoi(reinterpret_cast<const char*>(item->Data()));
-      EXPECT_GT(value, last);  // oldest first, never repeated
+      EXPECT_GT(value, last);
       last = value;
-      ++popped;
-    } else if (popped >= 50) {
-      break;
-    }
-    if (last == 1999) {
-      break;
     }
   }
   producer.join();
-  EXPECT_LE(queue.Size(), 16u);
+  EXPECT_EQ(last, 1999);
 }
 
 }  // namespace

@@ -35,41 +35,20 @@ void Encoder(RtspSinker& sinker,
   }
 }
 
-TEST_F(ConcurrencyTest, PushWhileStartStopCycles) {
-  RtspSinker sinker(&events_, "live", true, true, 4);
-  sinker.SetRtspServers({Handle(0x5000)});
-  std::atomic<bool> stop{false};
+// Encoders push and the server reads the pipes while the controlling thread
+// starts and stops the sinker, posts user data, and at last destroys it while
+// it is still running.
+TEST_F(ConcurrencyTest, PushWhileStartStopAndDestroy) {
   std::atomic<long long> clock{0};
-  std::vector<std::thread> encoders;
-  encoders.emplace_back(Encoder, std::ref(sinker), std::ref(stop), true, std::ref(clock));
-  encoders.emplace_back(Encoder, std::ref(sinker), std::ref(stop), false, std::ref(clock));
-  encoders.emplace_back(Encoder, std::ref(sinker), std::ref(stop), false, std::ref(clock));
-  for (int cycle = 0; cycle < 20; ++cycle) {
-    ASSERT_TRUE(sinker.Start());
-    auto item = std::make_shared<qz_common::PublisherUserData>();
-    item->SetUTF8String("cycle");
-    sinker.PostUserData(item);
-    std::this_thread::sleep_for(std::chrono::milliseconds(15));
-    sinker.Stop();
-  }
-  stop = true;
-  for (auto& t : encoders) {
-    t.join();
-  }
-  EXPECT_GT(server_->video().size() + server_->audio().size(), 0u);
-  EXPECT_TRUE(server_->pipes().empty());  // every session withdrew its pipe
-}
-
-TEST_F(ConcurrencyTest, DestroyWhileEncodersPushAndServerReads) {
-  std::atomic<bool> stop{false};
-  std::atomic<long long> clock{0};
-  for (int round = 0; round < 10; ++round) {
-    auto sinker = std::make_unique<RtspSinker>(&events_, "live", false, true, 4);
+  for (int round = 0; round < 6; ++round) {
+    auto sinker = std::make_unique<RtspSinker>(&events_, "live", true, true, 4);
     sinker->SetRtspServers({Handle(0x5000)});
-    ASSERT_TRUE(sinker->Start());
-    stop = false;
-    std::thread encoder(Encoder, std::ref(*sinker), std::ref(stop), true, std::ref(clock));
-    std::thread reader([this, &stop] {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (bool video : {true, false, false}) {
+      threads.emplace_back(Encoder, std::ref(*sinker), std::ref(stop), video, std::ref(clock));
+    }
+    threads.emplace_back([this, &stop] {
       while (!stop) {
         for (auto& piple : server_->pipes()) {
           std::vector<unsigned char> vps, sps, pps;
@@ -79,14 +58,25 @@ TEST_F(ConcurrencyTest, DestroyWhileEncodersPushAndServerReads) {
         std::this_thread::yield();
       }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int cycle = 0; cycle < 4; ++cycle) {
+      EXPECT_TRUE(sinker->Start());
+      auto item = std::make_shared<qz_common::PublisherUserData>();
+      item->SetUTF8String("cycle");
+      sinker->PostUserData(item);
+      std::this_thread::sleep_for(std::chrono::milliseconds(15));
+      if (cycle < 3) {
+        sinker->Stop();
+      }
+    }
     // Stop pushing before destruction: an encoder must not outlive its sink.
     stop = true;
-    encoder.join();
-    reader.join();
+    for (auto& t : threads) {
+      t.join();
+    }
     sinker.reset();
-    EXPECT_TRUE(server_->pipes().empty());
+    EXPECT_TRUE(server_->pipes().empty());  // every session withdrew its pipe
   }
+  EXPECT_GT(server_->video().size() + server_->audio().size(), 0u);
 }
 
 // A publisher hands every packet to each of its sinks on the encoder thread

@@ -1,71 +1,31 @@
+// Start, Stop, restart and destruction of the sinker and its send thread.
 #include <chrono>
 #include <string>
 #include <vector>
 
 #include "tests/publisher/sinker_fixture.h"
-#include "topcommon/qz_event_define.h"
 
 namespace qz_test {
 namespace {
 
 using LifecycleTest = SinkerTest;
 
-TEST_F(LifecycleTest, NewSinkerDefaults) {
-  RtspSinker& sinker = MakeSinker(true, true);
-  EXPECT_EQ(sinker.GetType(), 3);
-  EXPECT_EQ(peer_->sample_rate(), 44100);
-  EXPECT_EQ(peer_->channels(), 2);
-  EXPECT_EQ(peer_->video_kbitrate(), 0u);
-  EXPECT_EQ(peer_->PipleCount(), 0u);
-}
-
-TEST_F(LifecycleTest, StartTwiceThenStopLogsInOrder) {
-  RtspSinker& sinker = MakeSinker(true, true);
-  log_.Clear();
-  EXPECT_TRUE(sinker.Start());
-  EXPECT_TRUE(sinker.Start());
-  sinker.Stop();
-  sinker.Stop();  // a second Stop does nothing
-  std::vector<std::string> lines;
-  for (const std::string& line : log_.lines()) {
-    if (line.find("Process++") == std::string::npos) {
-      lines.push_back(line);
-    }
-  }
-  const std::vector<std::string> expected = {
-      "VartoLogIOS [I] RtspSinker::Start++\n",
-      "VartoLogIOS [I] RtspSinker::StartSendThread++\n",
-      "VartoLogIOS [I] RtspSinker::StartSendThread--, ret:0\n",
-      "VartoLogIOS [I] RtspSinker::Start--\n",
-      "VartoLogIOS [I] RtspSinker::Start++\n",
-      "VartoLogIOS [I] RtspSinker::Start is running\n",
-      "VartoLogIOS [I] RtspSinker::Stop++\n",
-      "VartoLogIOS [I] rtsp sinker stop thread ret=0\n",
-      "VartoLogIOS [I] RtspSinker::Stop--\n",
-  };
-  EXPECT_EQ(lines, expected);
-  EXPECT_EQ(log_.Matching("VartoLogIOS [I] RtspSinker::Process++").size(), 1u);
-}
-
-TEST_F(LifecycleTest, StopWithoutStartIsSilent) {
+// A second Start runs no second send thread; Stop without a running thread,
+// before the first Start or after a Stop, does nothing.
+TEST_F(LifecycleTest, StartAndStopAreIdempotent) {
   RtspSinker& sinker = MakeSinker(true, true);
   log_.Clear();
   sinker.Stop();
   EXPECT_TRUE(log_.lines().empty());
+  EXPECT_TRUE(sinker.Start());
+  EXPECT_TRUE(sinker.Start());
+  sinker.Stop();
+  sinker.Stop();
+  EXPECT_EQ(log_.Matching("VartoLogIOS [I] RtspSinker::Process++").size(), 1u);
+  EXPECT_EQ(log_.Matching("VartoLogIOS [I] rtsp sinker stop thread ret=0").size(), 1u);
 }
 
-TEST_F(LifecycleTest, SettersLogAndStore) {
-  RtspSinker& sinker = MakeSinker(true, true);
-  log_.Clear();
-  sinker.SetVideoKBitrate(4000);
-  sinker.SetRtspServers({Handle(0x1000)});
-  EXPECT_EQ(log_.lines(), std::vector<std::string>(
-                              {"VartoLogIOS [I] RtspSinker::SetVideoKBitrate..kbitrate:4000\n",
-                               "VartoLogIOS [I] RtspSinker::SetRtspServers..\n"}));
-  EXPECT_EQ(peer_->video_kbitrate(), 4000u);
-}
-
-TEST_F(LifecycleTest, EmptyUserDataIsIgnored) {
+TEST_F(LifecycleTest, UserDataQueueTakesItemsAndClears) {
   RtspSinker& sinker = MakeSinker(true, true);
   std::shared_ptr<qz_common::PublisherUserData> empty;
   sinker.PostUserData(empty);
@@ -78,8 +38,9 @@ TEST_F(LifecycleTest, EmptyUserDataIsIgnored) {
   EXPECT_EQ(peer_->UserDataQueued(), 0u);
 }
 
-// Packets pushed while stopped stay queued and are sent by the next run;
-// each session announces its URLs afresh.
+// Packets pushed while stopped stay queued and are sent by the next run.
+// Each session announces its URLs afresh, also one the server sets only after
+// the session's first packets went out.
 TEST_F(LifecycleTest, StartStopStartKeepsQueueAndReannouncesUrls) {
   low_->set_url_on_accept("rtsp://127.0.0.1:8554/live");
   RtspSinker& sinker = MakeSinker(false, true, {Handle(0x1000)});
@@ -89,26 +50,26 @@ TEST_F(LifecycleTest, StartStopStartKeepsQueueAndReannouncesUrls) {
   ASSERT_TRUE(WaitFor([&] { return low_->video().size() == 2; }));
   sinker.Stop();
   EXPECT_EQ(low_->withdrawn().size(), 1u);
+  EXPECT_EQ(UrlEvents(), Urls({{0x1000, "rtsp://127.0.0.1:8554/live"}}));
 
+  low_->set_url_on_accept("");
   sinker.PushPacket(MakeVideo(80, true));
   sinker.PushPacket(MakeVideo(120, false));
   ASSERT_TRUE(sinker.Start());
   ASSERT_TRUE(WaitFor([&] { return low_->video().size() == 4; }));
+  EXPECT_TRUE(UrlEvents().empty());
+  low_->pipes()[0]->SetRtspURL("rtsp://late/live");
+  sinker.PushPacket(MakeVideo(160, false));
+  ASSERT_TRUE(WaitFor([&] { return low_->video().size() == 5; }));
   sinker.Stop();
-
-  int url_events = 0;
-  while (qz_top_common::InnerEvent* e = events_.PopEvent()) {
-    if (e->id_ == EVENT_KESTRAVOX_ERC_PUBLISHER_RTSP_URL) {
-      ++url_events;
-      EXPECT_EQ(e->param1_, 0x1000u);
-      EXPECT_EQ(e->param3_, "rtsp://127.0.0.1:8554/live");
-    }
-    events_.DeleteEvent(e);
-  }
-  EXPECT_EQ(url_events, 2);
+  EXPECT_EQ(UrlEvents(), Urls({{0x1000, "rtsp://late/live"}}));
   // The second session's time origin is its own first packet.
   EXPECT_EQ(low_->video()[2].record->time_stamp_, 0u);
   EXPECT_EQ(low_->video()[3].record->time_stamp_, 40u);
+  // Each session withdrew its pipe once; destruction withdraws nothing more.
+  EXPECT_EQ(low_->withdrawn().size(), 2u);
+  sinker_.reset();
+  EXPECT_EQ(low_->withdrawn().size(), 2u);
 }
 
 TEST_F(LifecycleTest, DestroyingAStartedSinkerJoinsAndWithdraws) {

@@ -1,307 +1,275 @@
-// NAL scanning, NAL buffers and the H.264 and H.265 send paths.
+// NAL scanning and the H.264 and H.265 send paths.
+#include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "tests/publisher/sinker_fixture.h"
+#include "topcommon/qz_h2645/qz_h2645_nal_unit_type.h"
 #include "topcommon/qz_h264_sei.h"
 
 namespace qz_test {
 namespace {
 
-using Bytes = std::vector<QZ_BYTE>;
 using VideoTest = SinkerTest;
 
 // ---- scanners --------------------------------------------------------------------
 
-struct ScanCase {
-  const char* name;
-  Bytes bytes;
-  int offset;  // -1: none
-  int len;
-};
-
-const ScanCase kScanCases[] = {
-    {"three_byte", {0, 0, 1, 0x65, 0x11}, 0, 3},
-    {"four_byte", {0, 0, 0, 1, 0x67, 0x11}, 0, 4},
-    {"zero_before_four_byte", {0, 0, 0, 0, 1, 0x67}, 1, 4},
-    {"after_a_byte", {0x12, 0, 0, 1, 0x41}, 1, 3},
-    {"after_00_00_02", {0, 0, 2, 0, 0, 1, 0x09}, 3, 3},
-    {"after_00_01", {0, 1, 0, 0, 1}, 2, 3},
-    {"zeros_at_end", {0, 0, 0}, -1, 0},
-    {"one_byte", {0}, -1, 0},
-    {"two_bytes", {0, 0}, -1, 0},
-    {"last_three_bytes", {0x11, 0x22, 0x33, 0, 0, 1}, 3, 3},
-    {"long_zero_run", {0, 0, 0, 0, 0, 0, 1, 0x65}, 3, 4},
-};
-
-class ScanTest : public SinkerTest, public ::testing::WithParamInterface<ScanCase> {};
-
-TEST_P(ScanTest, FindNalStartCode) {
+// The sinker's start code scanner agrees with the H.264/H.265 parser's, whose
+// boundary cases its own tests pin down, on every buffer of up to nine bytes
+// drawn from 00, 01 and 02.
+TEST_F(VideoTest, FindNalStartCodeAgreesWithTheParserOnEveryShortBuffer) {
   MakeSinker(true, true);
-  Bytes bytes = GetParam().bytes;
-  int len = -1;
-  QZ_UINT8* found = peer_->FindNalStartCode(bytes.data(), static_cast<int>(bytes.size()), len);
-  if (GetParam().offset < 0) {
-    EXPECT_EQ(found, nullptr);
-  } else {
-    ASSERT_NE(found, nullptr);
-    EXPECT_EQ(found - bytes.data(), GetParam().offset);
+  for (size_t size = 0; size <= 9; ++size) {
+    Bytes b(size, 0);
+    for (;;) {
+      int len = -1, ref_len = -1;
+      const QZ_BYTE* ref = qz_h2645::FindStartCode(b.data(), b.data() + size, ref_len);
+      const QZ_UINT8* found = peer_->FindNalStartCode(b.data(), static_cast<int>(size), len);
+      std::string hex;
+      for (QZ_BYTE x : b) {
+        hex += std::to_string(x);
+      }
+      ASSERT_EQ(found, ref) << hex;
+      ASSERT_EQ(len, ref_len) << hex;
+      size_t i = 0;  // the next buffer, counting in base 3
+      while (i < size && b[i] == 2) {
+        b[i++] = 0;
+      }
+      if (i == size) {
+        break;
+      }
+      ++b[i];
+    }
   }
-  EXPECT_EQ(len, GetParam().len);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table,
-                         ScanTest,
-                         ::testing::ValuesIn(kScanCases),
-                         [](const ::testing::TestParamInfo<ScanCase>& info) {
-                           return std::string(info.param.name);
-                         });
-
-TEST_F(VideoTest, FindNalStartCodeRejectsBadArguments) {
-  MakeSinker(true, true);
-  Bytes bytes = {0, 0, 1, 0x65};
   int len = 7;
   EXPECT_EQ(peer_->FindNalStartCode(nullptr, 4, len), nullptr);
   EXPECT_EQ(len, 0);
+  Bytes bytes = {0, 0, 1, 0x65};
   len = 7;
-  EXPECT_EQ(peer_->FindNalStartCode(bytes.data(), 0, len), nullptr);
-  EXPECT_EQ(len, 0);
   EXPECT_EQ(peer_->FindNalStartCode(bytes.data(), -3, len), nullptr);
+  EXPECT_EQ(len, 0);
 }
 
-TEST_F(VideoTest, FindNalTypeOnTheWorkedExample) {
-  MakeSinker(true, true);
-  Bytes au = {0, 0, 0, 1, 0x67, 0xAA, 0, 0, 1, 0x68, 0xBB, 0, 0, 0, 1, 0x65, 0xCC, 0xDD};
-  struct {
-    int type, offset, start_code_len, nal_len;
-  } cases[] = {{7, 0, 4, 6}, {8, 6, 3, 5}, {5, 11, 4, 7}, {1, -1, 0, 0}};
-  for (const auto& c : cases) {
-    int scl = -1, nal_len = -1;
-    QZ_UINT8* p = peer_->FindNalType(au.data(), static_cast<int>(au.size()), c.type, scl, &nal_len);
-    if (c.offset < 0) {
-      EXPECT_EQ(p, nullptr);
-    } else {
-      ASSERT_NE(p, nullptr) << "type " << c.type;
-      EXPECT_EQ(p - au.data(), c.offset);
-    }
-    EXPECT_EQ(scl, c.start_code_len) << "type " << c.type;
-    EXPECT_EQ(nal_len, c.nal_len) << "type " << c.type;
-    int scl2 = -1;
-    EXPECT_EQ(peer_->FindNalType(au.data(), static_cast<int>(au.size()), c.type, scl2, nullptr), p);
-    EXPECT_EQ(scl2, c.start_code_len);
-  }
-}
-
-TEST_F(VideoTest, FindNalTypeComparesTheLowFiveBitsOnly) {
-  MakeSinker(true, true);
-  const std::pair<QZ_BYTE, int> cases[] = {{0x65, 5}, {0x25, 5}, {0x05, 5}, {0x41, 1},
-                                           {0x01, 1}, {0x67, 7}, {0x68, 8}, {0x06, 6}};
-  for (const auto& c : cases) {
-    Bytes au = {0, 0, 1, c.first, 0x11};
-    int scl = 0;
-    EXPECT_NE(peer_->FindNalType(au.data(), 5, c.second, scl, nullptr), nullptr)
-        << std::hex << int(c.first);
-  }
-  Bytes aud = {0, 0, 1, 0x09, 0x10};
-  int scl = 0;
-  for (int type : {1, 5, 6, 7, 8}) {
-    EXPECT_EQ(peer_->FindNalType(aud.data(), 5, type, scl, nullptr), nullptr);
-  }
-}
-
-TEST_F(VideoTest, FindNalTypeStopsAtAStartCodeWithoutHeader) {
-  MakeSinker(true, true);
-  Bytes au = {0, 0, 1, 0x41, 0x11, 0, 0, 1};
-  int scl = 9, nal_len = 9;
-  EXPECT_EQ(peer_->FindNalType(au.data(), 8, 5, scl, &nal_len), nullptr);
-  EXPECT_EQ(scl, 0);
-  EXPECT_EQ(nal_len, 0);
-  // Bytes in front of the first start code are never taken for a unit.
-  Bytes lead = {0x65, 0x11, 0, 0, 1, 0x41};
-  EXPECT_EQ(peer_->FindNalType(lead.data(), 6, 5, scl, nullptr), nullptr);
-}
-
-TEST_F(VideoTest, BufferBuilders) {
-  MakeSinker(true, true);
-  auto aud = peer_->MakeAUD();
-  ASSERT_TRUE(aud);
-  EXPECT_EQ(aud->size_, 2u);
-  EXPECT_EQ(aud->data_[0], 0x09);
-  EXPECT_EQ(aud->data_[1], 0x30);
-  Bytes source = {0x42};
-  auto copy = peer_->MakeRtspPacketData(source.data(), 1);
-  source[0] = 0;
-  ASSERT_TRUE(copy);
-  EXPECT_EQ(copy->size_, 1u);
-  EXPECT_EQ(copy->data_[0], 0x42);
-  EXPECT_FALSE(peer_->MakeRtspPacketData(nullptr, 4));
-  EXPECT_FALSE(peer_->MakeRtspPacketData(source.data(), 0));
-  EXPECT_FALSE(peer_->MakeRtspPacketData(source.data(), -1));
-}
-
-// ---- H.264 --------------------------------------------------------------------------
-
-const Bytes kAud = {0x09, 0x30};
-
-struct H264Case {
+struct NalTypeCase {
   const char* name;
-  Bytes au;
-  bool key;
-  bool stored_sets;  // the session already holds kH264Sps/kH264Pps
-  std::vector<Bytes> units;
-  std::vector<std::string> log;
+  Bytes bytes;
+  int type;
+  int offset;  // of the start code; -1: not found
+  int start_code_len, nal_len;
 };
 
+const Bytes kSetsAndIdr = {0,    0,    0, 1, 0x67, 0xAA, 0,    0,    1,
+                           0x68, 0xBB, 0, 0, 0,    1,    0x65, 0xCC, 0xDD};
+
+const NalTypeCase kNalTypeCases[] = {
+    {"first_unit", kSetsAndIdr, 7, 0, 4, 6},
+    {"middle_unit_short_start_code", kSetsAndIdr, 8, 6, 3, 5},
+    {"last_unit_runs_to_the_end", kSetsAndIdr, 5, 11, 4, 7},
+    {"absent_type", kSetsAndIdr, 1, -1, 0, 0},
+    {"nal_ref_idc_ignored", {0, 0, 1, 0x25, 0x11}, 5, 0, 3, 5},
+    {"start_code_without_header", {0, 0, 1, 0x41, 0x11, 0, 0, 1}, 5, -1, 0, 0},
+    {"bytes_before_first_start_code", {0x65, 0x11, 0, 0, 1, 0x41}, 5, -1, 0, 0},
+};
+
+using NalTypeTest = SinkerTableTest<NalTypeCase>;
+
+TEST_P(NalTypeTest, FindNalType) {
+  const NalTypeCase& c = GetParam();
+  MakeSinker(true, true);
+  Bytes au = c.bytes;
+  const int size = static_cast<int>(au.size());
+  int scl = -1, nal_len = -1;
+  QZ_UINT8* p = peer_->FindNalType(au.data(), size, c.type, scl, &nal_len);
+  EXPECT_EQ(p ? p - au.data() : -1, c.offset);
+  EXPECT_EQ(scl, c.start_code_len);
+  EXPECT_EQ(nal_len, c.nal_len);
+  int scl2 = -1;  // without asking for the length
+  EXPECT_EQ(peer_->FindNalType(au.data(), size, c.type, scl2, nullptr), p);
+  EXPECT_EQ(scl2, c.start_code_len);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, NalTypeTest, ::testing::ValuesIn(kNalTypeCases), RowName());
+
+// ---- records ------------------------------------------------------------------------
+
+constexpr QZ_MEDIA_CODEC_ID kH264 = QZ_MEDIA_CODEC_ID_H264;
+constexpr QZ_MEDIA_CODEC_ID kH265 = QZ_MEDIA_CODEC_ID_H265;
 const Bytes kOtherSps = {0x67, 0x64, 0x00, 0x28};
 const Bytes kOtherPps = {0x68, 0xEE, 0x3C};
+const Bytes kOtherH265Sps = {0x42, 0x01, 0x01, 0x02, 0x60};
 
-const H264Case kH264Cases[] = {
-    {"key_with_in_band_sets",
-     AnnexB({kOtherSps, kOtherPps, kH264Idr}),
-     true,
-     true,
-     {kAud, kOtherSps, kOtherPps, kH264Idr},
-     {}},
-    {"key_without_in_band_sets_uses_stored",
-     AnnexB({kH264Idr}),
-     true,
-     true,
-     {kAud, kH264Sps, kH264Pps, kH264Idr},
-     {}},
-    {"key_without_any_sets",
-     AnnexB({kH264Idr}),
-     true,
-     false,
-     {kAud, kH264Idr},
-     {"VartoLogIOS [E] RtspSinker::MakeRtspPacket does not sps data\n",
-      "VartoLogIOS [E] RtspSinker::MakeRtspPacket does not pps data\n"}},
-    // 00 00 00 01 09 10 | 67 .. | 68 .. | 00 00 01 06 .. | 00 00 01 65 .. | 00 00 01 65 ..
-    {"encoder_aud_and_sei_left_out",
-     Bytes({0, 0, 0, 1,    0x09, 0x10, 0,    0, 0, 1, 0x67, 0x42, 0, 0, 0, 1,    0x68, 0xCE,
-            0, 0, 1, 0x06, 0x05, 0x01, 0x80, 0, 0, 1, 0x65, 0x88, 0, 0, 1, 0x65, 0x99}),
-     true,
-     true,
-     {kAud, {0x67, 0x42}, {0x68, 0xCE}, {0x65, 0x88}, {0x65, 0x99}},
-     {}},
-    {"key_flag_with_only_p_slices",
-     AnnexB({kH264Slice}),
-     true,
-     true,
-     {kAud, kH264Sps, kH264Pps},
-     {"VartoLogIOS [E] RtspSinker::MakeRtspPacket find not idr type\n"}},
-    {"non_key_slices",
-     AnnexB({kH264Slice, {0x41, 0x77}}),
-     false,
-     true,
-     {kAud, kH264Slice, {0x41, 0x77}},
-     {}},
-    {"non_key_drops_sets_and_idr",
-     AnnexB({kOtherSps, kH264Idr, kH264Slice}),
-     false,
-     true,
-     {kAud, kH264Slice},
-     {}},
-    {"non_key_with_only_sei",
-     AnnexB({{0x06, 0x05, 0x80}}),
-     false,
-     true,
-     {kAud},
-     {"VartoLogIOS [E] RtspSinker::MakeRtspPacket find not slice type\n"}},
-    {"trailing_zeros_stay_with_the_unit",
-     Bytes({0, 0, 1, 0x41, 0x22, 0, 0}),
-     false,
-     true,
-     {kAud, {0x41, 0x22, 0, 0}},
-     {}},
+// NAL units by name, for the tables below. SPS, PPS and VPS are the sets the
+// session stores, SPS2 and PPS2 others; P is a non-IDR slice (TRAIL_R in H.265).
+std::vector<Bytes> Units(QZ_MEDIA_CODEC_ID codec, const std::string& names) {
+  static const std::map<std::string, Bytes> h264 = {
+      {"AUD", {0x09, 0x30}}, {"SPS", kH264Sps},           {"PPS", kH264Pps}, {"SPS2", kOtherSps},
+      {"PPS2", kOtherPps},   {"SEI", {0x06, 0x05, 0x80}}, {"IDR", kH264Idr}, {"P", kH264Slice},
+      {"P2", {0x41, 0x77}},  {"P00", {0x41, 0x22, 0, 0}}};
+  static const std::map<std::string, Bytes> h265 = {{"VPS", kH265Vps},
+                                                    {"SPS", kH265Sps},
+                                                    {"PPS", kH265Pps},
+                                                    {"SPS2", kOtherH265Sps},
+                                                    {"SEI", {0x4E, 0x01, 0x05, 0x80}},
+                                                    {"IDR", kH265Idr},
+                                                    {"P", kH265Trail}};
+  std::vector<Bytes> out;
+  std::istringstream in(names);
+  for (std::string name; in >> name;) {
+    out.push_back((codec == kH265 ? h265 : h264).at(name));
+  }
+  return out;
+}
+
+struct RecordCase {
+  const char* name;
+  QZ_MEDIA_CODEC_ID codec;
+  const char* au;
+  bool key;
+  bool stored_sets;  // the session already holds SPS and PPS (and VPS)
+  const char* units;
+  size_t errors;  // log lines
 };
 
-class H264RecordTest : public SinkerTest, public ::testing::WithParamInterface<H264Case> {};
+// H.264 records are an AUD, then for a key frame SPS and PPS (in-band first,
+// else stored), then the slices of the frame's kind; the encoder's own AUD and
+// SEI are left out. H.265 records carry the access unit as it is, with the
+// stored sets a key frame lacks in front.
+const RecordCase kRecordCases[] = {
+    {"h264_key_with_in_band_sets", kH264, "SPS2 PPS2 IDR", true, true, "AUD SPS2 PPS2 IDR", 0},
+    {"h264_key_uses_stored_sets", kH264, "IDR", true, true, "AUD SPS PPS IDR", 0},
+    {"h264_key_without_any_sets", kH264, "IDR", true, false, "AUD IDR", 2},
+    {"h264_encoder_aud_and_sei_left_out", kH264, "AUD SPS PPS SEI IDR IDR", true, true,
+     "AUD SPS PPS IDR IDR", 0},
+    {"h264_key_flag_with_only_p_slices", kH264, "P", true, true, "AUD SPS PPS", 1},
+    {"h264_non_key_slices", kH264, "P P2", false, true, "AUD P P2", 0},
+    {"h264_non_key_drops_sets_and_idr", kH264, "SPS2 IDR P", false, true, "AUD P", 0},
+    {"h264_non_key_with_only_sei", kH264, "SEI", false, true, "AUD", 1},
+    {"h264_trailing_zeros_stay_with_the_unit", kH264, "P00", false, true, "AUD P00", 0},
+    {"h265_in_band_sets", kH265, "VPS SPS PPS SEI IDR", true, true, "VPS SPS PPS SEI IDR", 0},
+    {"h265_key_uses_stored_sets", kH265, "IDR", true, true, "VPS SPS PPS IDR", 0},
+    {"h265_only_the_missing_vps_added", kH265, "SPS PPS IDR", true, true, "VPS SPS PPS IDR", 0},
+    {"h265_non_key_as_it_is", kH265, "SPS P", false, true, "SPS P", 0},
+    {"h265_key_without_any_sets", kH265, "IDR", true, false, "IDR", 3},
+};
 
-TEST_P(H264RecordTest, BuildsRecord) {
-  const H264Case& c = GetParam();
+using RecordTest = SinkerTableTest<RecordCase>;
+
+TEST_P(RecordTest, BuildsRecord) {
+  const RecordCase& c = GetParam();
   MakeSinker(false, true);
-  auto init = MakeVideo(0, true);
+  auto init = MakeVideo(0, true, c.codec);
   if (c.stored_sets) {
-    init->SetExtraData("sps", kH264Sps);
-    init->SetExtraData("pps", kH264Pps);
+    WithSets(init, c.codec == kH265 ? kH265Vps : Bytes(), Units(c.codec, "SPS")[0],
+             Units(c.codec, "PPS")[0]);
   }
   OpenSession(nullptr, init);
-  peer_->SendVideoPacket(MakeVideo(0, true));  // passes the first-key-frame gate
+  // A key frame without parameter sets passes the first-key-frame gate.
+  const auto video = QZMediaPacket::MediaTypeVideo;
+  peer_->SendVideoPacket(MakePacket(video, c.codec, AnnexB(Units(c.codec, "IDR")), true, 0));
   log_.Clear();
-  peer_->SendVideoPacket(
-      MakePacket(QZMediaPacket::MediaTypeVideo, QZ_MEDIA_CODEC_ID_H264, c.au, c.key, 40));
+  peer_->SendVideoPacket(MakePacket(video, c.codec, AnnexB(Units(c.codec, c.au)), c.key, 40));
   ASSERT_EQ(low_->video().size(), 2u);
   const auto& record = *low_->video()[1].record;
-  EXPECT_EQ(NalUnits(record), c.units);
+  EXPECT_EQ(NalUnits(record), Units(c.codec, c.units));
   EXPECT_EQ(record.is_key_frame_, c.key);
-  EXPECT_EQ(record.codec_id_, QZ_MEDIA_CODEC_ID_H264);
+  EXPECT_EQ(record.codec_id_, c.codec);
   EXPECT_EQ(record.time_stamp_, 40u);
-  EXPECT_EQ(log_.lines(), c.log);
+  EXPECT_EQ(log_.lines().size(), c.errors);
   // Every pipe got the very same record.
   EXPECT_EQ(high_->video()[1].record.get(), low_->video()[1].record.get());
 }
 
-INSTANTIATE_TEST_SUITE_P(Table,
-                         H264RecordTest,
-                         ::testing::ValuesIn(kH264Cases),
-                         [](const ::testing::TestParamInfo<H264Case>& info) {
-                           return std::string(info.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(Table, RecordTest, ::testing::ValuesIn(kRecordCases), RowName());
 
-TEST_F(VideoTest, H264WaitsForTheFirstKeyFrame) {
+struct GateCase {
+  const char* name;
+  QZ_MEDIA_CODEC_ID codec;
+  const char* frames;  // K<ts> key frame, P<ts> other, F<ts> flagged key but a
+                       // P slice, G<ts> flagged key but unparsable
+  std::vector<QZ_UINT64> sent;
+};
+
+// Video waits for the first key frame; H.265 also needs its NAL units to say
+// so, and an access unit that does not parse never opens the gate.
+const GateCase kGateCases[] = {
+    {"h264", kH264, "P0 P40 K80 P120", {80, 120}},
+    {"h265", kH265, "P0 F20 G40 K80 P120", {80, 120}},
+};
+
+using GateTest = SinkerTableTest<GateCase>;
+
+TEST_P(GateTest, VideoStartsAtTheFirstKeyFrame) {
+  const GateCase& c = GetParam();
   MakeSinker(false, true);
-  OpenSession(nullptr, MakeVideo(0, false));
-  peer_->SendVideoPacket(MakeVideo(0, false));
-  peer_->SendVideoPacket(MakeVideo(40, false));
-  EXPECT_TRUE(low_->video().empty());
-  EXPECT_EQ(log_.Matching("VartoLogIOS [I] [RtspSinker] RtspSinker SendH264Packet "
-                          "is_first_video_=true, but it is not key frame,, it will drop this "
-                          "frame, timestamp:40\n")
-                .size(),
-            1u);
-  EXPECT_TRUE(peer_->is_first_video());
-  peer_->SendVideoPacket(MakeVideo(80, true));
-  peer_->SendVideoPacket(MakeVideo(120, false));
-  EXPECT_EQ(low_->video().size(), 2u);
-  EXPECT_EQ(peer_->first_video_time(), 80u);
+  OpenSession(nullptr, MakeVideo(0, true, c.codec));
+  std::istringstream in(c.frames);
+  for (std::string f; in >> f;) {
+    const Bytes au =
+        f[0] == 'G' ? Bytes{0x26, 0x01, 0x02} : AnnexB(Units(c.codec, f[0] == 'K' ? "IDR" : "P"));
+    peer_->SendVideoPacket(MakePacket(QZMediaPacket::MediaTypeVideo, c.codec, au, f[0] != 'P',
+                                      std::stoll(f.substr(1))));
+  }
+  std::vector<QZ_UINT64> sent;
+  for (const auto& v : low_->video()) {
+    sent.push_back(v.record->time_stamp_);
+  }
+  EXPECT_EQ(sent, c.sent);
 }
 
-// Parameter sets from extra data: pushed without a log the first time,
-// pushed with a log when either changes, and always before the record of the
-// key frame that brought them.
+INSTANTIATE_TEST_SUITE_P(Table, GateTest, ::testing::ValuesIn(kGateCases), RowName());
+
+// ---- parameter sets ---------------------------------------------------------------
+
+// Sets from a key frame's extra data are pushed into the pipes the first time
+// both are there, and again with a log line when either changes, always before
+// the record of the frame that brought them.
 TEST_F(VideoTest, H264ParameterSetTracking) {
   MakeSinker(false, true);
   OpenSession(nullptr, MakeVideo(0, true));  // no extra data: nothing pushed yet
-  EXPECT_FALSE(peer_->is_setting_video_vps_sps_pps());
-  auto key = [](long long ts, const Bytes& sps, const Bytes& pps) {
-    auto p = MakeVideo(ts, true);
-    if (!sps.empty())
-      p->SetExtraData("sps", sps);
-    if (!pps.empty())
-      p->SetExtraData("pps", pps);
-    return p;
-  };
   const std::string changed = "VartoLogIOS [I] RtspSinker sps or pps changed, need to re-send it\n";
-  peer_->SendVideoPacket(key(0, kH264Sps, {}));  // only one set: nothing pushed
+  peer_->SendVideoPacket(WithSets(MakeVideo(0, true), {}, kH264Sps, {}));  // one set: nothing
   EXPECT_FALSE(peer_->is_setting_video_vps_sps_pps());
-  peer_->SendVideoPacket(key(40, kH264Sps, kH264Pps));
-  EXPECT_TRUE(peer_->is_setting_video_vps_sps_pps());
-  EXPECT_FALSE(log_.Contains(changed));
+  peer_->SendVideoPacket(WithSets(MakeVideo(40, true), {}, kH264Sps, kH264Pps));
   EXPECT_EQ(low_->video()[1].sps, kH264Sps);
-  peer_->SendVideoPacket(key(80, kH264Sps, kH264Pps));  // same: nothing
+  peer_->SendVideoPacket(WithSets(MakeVideo(80, true), {}, kH264Sps, kH264Pps));  // same
   EXPECT_FALSE(log_.Contains(changed));
-  peer_->SendVideoPacket(key(120, kH264Sps, kOtherPps));  // PPS changed
+  peer_->SendVideoPacket(WithSets(MakeVideo(120, true), {}, kH264Sps, kOtherPps));
   EXPECT_EQ(log_.Matching(changed).size(), 1u);
-  EXPECT_EQ(low_->video()[3].pps, kOtherPps);  // pushed before this record arrived
+  EXPECT_EQ(low_->video()[3].pps, kOtherPps);
   EXPECT_EQ(low_->video()[3].sps, kH264Sps);
-  auto non_key = MakeVideo(160, false);
-  non_key->SetExtraData("sps", kOtherSps);
-  non_key->SetExtraData("pps", kH264Pps);
-  peer_->SendVideoPacket(non_key);  // non-key extra data is ignored
-  EXPECT_EQ(peer_->sps(), kH264Sps);
-  EXPECT_EQ(peer_->pps(), kOtherPps);
+  // Extra data of a non-key frame is ignored.
+  peer_->SendVideoPacket(WithSets(MakeVideo(160, false), {}, kOtherSps, kH264Pps));
+  EXPECT_EQ(low_->video()[4].sps, kH264Sps);
+  EXPECT_EQ(low_->video()[4].pps, kOtherPps);
 }
+
+// In-band sets take precedence over extra data; all three kinds are needed.
+TEST_F(VideoTest, H265ParameterSetTracking) {
+  MakeSinker(false, true);
+  OpenSession(nullptr, MakeVideo(0, true, kH265));  // nothing stored
+  auto h265 = [](long long ts, const std::vector<Bytes>& units) {
+    return MakePacket(QZMediaPacket::MediaTypeVideo, kH265, AnnexB(units), true, ts);
+  };
+  const std::string changed =
+      "VartoLogIOS [I] RtspSinker h265 vps, sps or pps changed, need to re-send it\n";
+  // Extra data completes the sets: pushed before the record, inserted into it.
+  peer_->SendVideoPacket(WithSets(h265(0, {kH265Idr}), kH265Vps, kH265Sps, kH265Pps));
+  EXPECT_EQ(low_->video()[0].vps, kH265Vps);
+  EXPECT_EQ(NalUnits(*low_->video()[0].record),
+            std::vector<Bytes>({kH265Vps, kH265Sps, kH265Pps, kH265Idr}));
+  // Two of three kinds: nothing pushed.
+  peer_->SendVideoPacket(WithSets(h265(40, {kOtherH265Sps, kH265Idr}), {}, {}, kH265Pps));
+  EXPECT_EQ(low_->video()[1].sps, kH265Sps);
+  // An in-band SPS one byte off: all three pushed again, with a log line.
+  peer_->SendVideoPacket(h265(80, {kH265Vps, kOtherH265Sps, kH265Pps, kH265Idr}));
+  EXPECT_EQ(low_->video()[2].sps, kOtherH265Sps);
+  peer_->SendVideoPacket(h265(120, {kH265Vps, kOtherH265Sps, kH265Pps, kH265Idr}));
+  EXPECT_EQ(log_.Matching(changed).size(), 1u);
+}
+
+// ---- user data ---------------------------------------------------------------------
 
 TEST_F(VideoTest, UserDataTravelsOneItemPerRecordAsSei) {
   RtspSinker& sinker = MakeSinker(false, true);
@@ -345,128 +313,14 @@ TEST_F(VideoTest, WithoutPipesNothingIsBuiltAndUserDataStays) {
   auto item = std::make_shared<qz_common::PublisherUserData>();
   item->SetUTF8String("x");
   sinker.PostUserData(item);
-  auto key = MakeVideo(0, true);
-  key->SetExtraData("sps", kH264Sps);
-  key->SetExtraData("pps", kH264Pps);
-  peer_->SendVideoPacket(key);
+  peer_->SendVideoPacket(WithSets(MakeVideo(0, true), {}, kH264Sps, kH264Pps));
   EXPECT_EQ(peer_->UserDataQueued(), 1u);
   EXPECT_FALSE(peer_->is_first_video());
   EXPECT_EQ(peer_->sps(), kH264Sps);
   // H.265 and MJPEG never take user data.
-  peer_->SendVideoPacket(MakeVideo(40, true, QZ_MEDIA_CODEC_ID_H265));
+  peer_->SendVideoPacket(MakeVideo(40, true, kH265));
   peer_->SendVideoPacket(MakeVideo(80, true, QZ_MEDIA_CODEC_ID_MJPEG));
   EXPECT_EQ(peer_->UserDataQueued(), 1u);
-}
-
-// ---- H.265 --------------------------------------------------------------------------
-
-QZ_MediaPacketRefPtr H265(long long ts,
-                          bool key,
-                          const std::vector<Bytes>& units,
-                          bool vps = false,
-                          bool sps = false,
-                          bool pps = false) {
-  auto p =
-      MakePacket(QZMediaPacket::MediaTypeVideo, QZ_MEDIA_CODEC_ID_H265, AnnexB(units), key, ts);
-  if (vps)
-    p->SetExtraData("vps", kH265Vps);
-  if (sps)
-    p->SetExtraData("sps", kH265Sps);
-  if (pps)
-    p->SetExtraData("pps", kH265Pps);
-  return p;
-}
-
-const Bytes kOtherH265Sps = {0x42, 0x01, 0x01, 0x02, 0x60};
-const Bytes kH265Sei = {0x4E, 0x01, 0x05, 0x80};
-
-TEST_F(VideoTest, H265RecordsKeepTheAccessUnitAndAddMissingSets) {
-  MakeSinker(false, true);
-  OpenSession(nullptr, H265(0, true, {kH265Idr}, true, true, true));
-  EXPECT_TRUE(peer_->is_setting_video_vps_sps_pps());
-  struct {
-    QZ_MediaPacketRefPtr packet;
-    std::vector<Bytes> units;
-  } cases[] = {
-      // In-band sets: exactly the access unit.
-      {H265(0, true, {kH265Vps, kH265Sps, kH265Pps, kH265Sei, kH265Idr}),
-       {kH265Vps, kH265Sps, kH265Pps, kH265Sei, kH265Idr}},
-      // Only slices: stored VPS, SPS, PPS in front.
-      {H265(40, true, {kH265Idr}), {kH265Vps, kH265Sps, kH265Pps, kH265Idr}},
-      // SPS and PPS in band but no VPS: only the VPS is added.
-      {H265(80, true, {kH265Sps, kH265Pps, kH265Idr}), {kH265Vps, kH265Sps, kH265Pps, kH265Idr}},
-      // A non-key frame is carried as it is, sets and all.
-      {H265(120, false, {kH265Sps, kH265Trail}), {kH265Sps, kH265Trail}},
-  };
-  for (auto& c : cases) {
-    peer_->SendVideoPacket(c.packet);
-  }
-  ASSERT_EQ(low_->video().size(), 4u);
-  for (size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(NalUnits(*low_->video()[i].record), cases[i].units) << "case " << i;
-    EXPECT_EQ(low_->video()[i].record->codec_id_, QZ_MEDIA_CODEC_ID_H265);
-  }
-  EXPECT_FALSE(low_->video()[3].record->is_key_frame_);
-}
-
-TEST_F(VideoTest, H265GateNeedsBothKeyFlags) {
-  MakeSinker(false, true);
-  OpenSession(nullptr, H265(0, true, {kH265Idr}, true, true, true));
-  peer_->SendVideoPacket(H265(0, false, {kH265Trail}));
-  peer_->SendVideoPacket(H265(40, true, {kH265Trail}));  // flagged key, parser disagrees
-  EXPECT_TRUE(low_->video().empty());
-  EXPECT_TRUE(log_.Contains(
-      "VartoLogIOS [I] [RtspSinker] RtspSinker SendH265Packet is_first_video_=true, but it is not "
-      "key frame,, it will drop this frame, timestamp:0\n"));
-  EXPECT_TRUE(log_.Contains(
-      "VartoLogIOS [I] [RtspSinker] RtspSinker SendH265Packet is_first_video_=true, but nal is not "
-      "key frame,, it will drop this frame, timestamp:40\n"));
-  peer_->SendVideoPacket(H265(80, true, {kH265Idr}));
-  ASSERT_EQ(low_->video().size(), 1u);
-  EXPECT_EQ(low_->video()[0].record->time_stamp_, 80u);
-  EXPECT_EQ(peer_->first_video_time(), 80u);
-}
-
-TEST_F(VideoTest, H265ParameterSetTracking) {
-  MakeSinker(false, true);
-  OpenSession(nullptr, H265(0, true, {kH265Idr}));  // nothing stored
-  log_.Clear();
-  peer_->SendVideoPacket(H265(0, true, {kH265Idr}));
-  EXPECT_EQ(log_.lines(),
-            std::vector<std::string>(
-                {"VartoLogIOS [E] RtspSinker::MakeRtspH265Packet there is no vps for 265\n",
-                 "VartoLogIOS [E] RtspSinker::MakeRtspH265Packet there is no sps for 265\n",
-                 "VartoLogIOS [E] RtspSinker::MakeRtspH265Packet there is no pps for 265\n"}));
-  // Extra data completes the sets: stored, pushed before the record, inserted.
-  peer_->SendVideoPacket(H265(40, true, {kH265Idr}, true, true, true));
-  EXPECT_EQ(low_->video()[1].vps, kH265Vps);
-  EXPECT_EQ(NalUnits(*low_->video()[1].record),
-            std::vector<Bytes>({kH265Vps, kH265Sps, kH265Pps, kH265Idr}));
-  // Two of three kinds: nothing pushed, the missing kind inserted from store.
-  peer_->SendVideoPacket(H265(80, true, {kOtherH265Sps, kH265Idr}, false, false, true));
-  EXPECT_EQ(peer_->sps(), kH265Sps);
-  // In-band SPS differs by one byte: all three pushed again, with a log line.
-  log_.Clear();
-  peer_->SendVideoPacket(H265(120, true, {kH265Vps, kOtherH265Sps, kH265Pps, kH265Idr}));
-  EXPECT_EQ(
-      log_.Matching("VartoLogIOS [I] RtspSinker h265 vps, sps or pps changed, need to re-send it\n")
-          .size(),
-      1u);
-  EXPECT_EQ(low_->video()[3].sps, kOtherH265Sps);
-  log_.Clear();
-  peer_->SendVideoPacket(H265(160, true, {kH265Vps, kOtherH265Sps, kH265Pps, kH265Idr}));
-  EXPECT_TRUE(log_.lines().empty());
-}
-
-TEST_F(VideoTest, H265UnparsableAccessUnitIsDropped) {
-  MakeSinker(false, true);
-  OpenSession(nullptr, H265(0, true, {kH265Idr}, true, true, true));
-  peer_->SendVideoPacket(MakePacket(QZMediaPacket::MediaTypeVideo, QZ_MEDIA_CODEC_ID_H265,
-                                    {0x26, 0x01, 0x02}, true, 0));
-  EXPECT_TRUE(low_->video().empty());
-  EXPECT_TRUE(
-      log_.Contains("VartoLogIOS [E] RtspSinker::SendH265Packet parser nal units failed\n"));
-  EXPECT_TRUE(peer_->is_first_video());
 }
 
 // Garbage never crashes or reads outside the packet (ASan watches).
@@ -484,7 +338,7 @@ TEST_F(VideoTest, GarbageAccessUnitsAreSurvived) {
   }
   long long ts = 0;
   for (const Bytes& input : inputs) {
-    for (QZ_MEDIA_CODEC_ID codec : {QZ_MEDIA_CODEC_ID_H264, QZ_MEDIA_CODEC_ID_H265}) {
+    for (QZ_MEDIA_CODEC_ID codec : {kH264, kH265}) {
       for (bool key : {true, false}) {
         peer_->SendVideoPacket(
             MakePacket(QZMediaPacket::MediaTypeVideo, codec, input, key, ts += 40));

@@ -14,14 +14,6 @@ class RtspSinkerTestPeer {
 
   // Queue and send loop.
   QZ_MediaPacketRefPtr PopPacket() { return s_.PopPacket(); }
-  std::vector<long long> QueuedTimestamps() {
-    std::vector<long long> out;
-    std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);
-    for (const auto& p : s_.packet_list_) {
-      out.push_back(p->TimeStamp());
-    }
-    return out;
-  }
   std::vector<QZ_MediaPacketRefPtr> Queued() {
     std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);
     return std::vector<QZ_MediaPacketRefPtr>(s_.packet_list_.begin(), s_.packet_list_.end());
@@ -44,8 +36,6 @@ class RtspSinkerTestPeer {
   bool IsCanInitRtsp() const { return s_.IsCanInitRtsp(); }
   QZ_MediaPacketRefPtr init_audio_packet() const { return s_.init_audio_packet_; }
   QZ_MediaPacketRefPtr init_video_packet() const { return s_.init_video_packet_; }
-  bool is_recv_audio() const { return s_.is_recv_audio_; }
-  bool is_recv_video() const { return s_.is_recv_video_; }
   void set_send_thread_running(bool running) { s_.is_send_thread_running_.store(running); }
   void set_send_thread_exit(bool exit) { s_.is_send_thread_exit_.store(exit); }
 
@@ -60,17 +50,6 @@ class RtspSinkerTestPeer {
   // Session.
   bool InitRtsp() { return s_.InitRtsp(); }
   void UnInitRtsp() { s_.UnInitRtsp(); }
-  void SetSpsPps(const std::vector<unsigned char>& sps, const std::vector<unsigned char>& pps) {
-    s_.SetSpsPps(sps, pps);
-  }
-  void SetVpsSpsPps(const std::vector<unsigned char>& vps,
-                    const std::vector<unsigned char>& sps,
-                    const std::vector<unsigned char>& pps) {
-    s_.SetVpsSpsPps(vps, sps, pps);
-  }
-  void SetAACAudioSpecificConfig(const std::vector<unsigned char>& c) {
-    s_.SetAACAudioSpecificConfig(c);
-  }
   void NotifyRtspURLs() { s_.NotifyRtspURLs(); }
   size_t PipleCount() const { return s_.handle_2_piple_.size(); }
   std::shared_ptr<QZRtspPacketPiple> Piple(void* handle) {
@@ -79,19 +58,12 @@ class RtspSinkerTestPeer {
   }
   bool is_setting_video_vps_sps_pps() const { return s_.is_setting_video_vps_sps_pps_; }
   bool is_setting_audio_spec_config() const { return s_.is_setting_audio_spec_config_; }
-  const std::vector<unsigned char>& vps() const { return s_.vps_; }
   const std::vector<unsigned char>& sps() const { return s_.sps_; }
-  const std::vector<unsigned char>& pps() const { return s_.pps_; }
   const std::vector<unsigned char>& audio_specific_config() const {
     return s_.audio_specific_config_;
   }
   int sample_rate() const { return s_.sample_rate_; }
-  int channels() const { return s_.channels_; }
-  QZ_UINT32 video_kbitrate() const { return s_.video_kbitrate_; }
   bool is_first_video() const { return s_.is_first_video_; }
-  QZ_UINT64 first_video_time() const { return s_.first_video_time_; }
-  bool is_first_audio() const { return s_.is_first_audio_; }
-  QZ_UINT64 first_audio_time() const { return s_.first_audio_time_; }
   void set_time_origin(QZ_UINT64 origin) {
     s_.is_send_first_frame_ = false;
     s_.send_first_frame_timestamp_ = origin;
@@ -103,10 +75,6 @@ class RtspSinkerTestPeer {
   }
   QZ_UINT8* FindNalType(QZ_UINT8* buf, int size, int type, int& scl, int* nal_len) const {
     return s_.FindNalType(buf, size, type, scl, nal_len);
-  }
-  std::shared_ptr<QZRtspPacketData> MakeAUD() const { return s_.MakeAUD(); }
-  std::shared_ptr<QZRtspPacketData> MakeRtspPacketData(const QZ_BYTE* d, QZ_INT32 n) const {
-    return s_.MakeRtspPacketData(d, n);
   }
   void SendVideoPacket(QZ_MediaPacketRefPtr p) { s_.SendVideoPacket(p); }
   void SendAudioPacket(QZ_MediaPacketRefPtr p) { s_.SendAudioPacket(p); }

@@ -4,6 +4,7 @@
 #define TESTS_PUBLISHER_SINKER_FIXTURE_H_
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -11,16 +12,40 @@
 #include "tests/fakes/fake_rtsp_server.h"
 #include "tests/fakes/test_support.h"
 #include "tests/publisher/rtsp_sinker_test_peer.h"
+#include "topcommon/qz_event_define.h"
 #include "topcommon/qz_event_mgr.h"
 
 namespace qz_test {
 
 using qz_publisher::RtspSinker;
 using qz_publisher::RtspSinkerTestPeer;
+using Bytes = std::vector<QZ_BYTE>;
 
 inline void* Handle(uintptr_t v) {
   return reinterpret_cast<void*>(v);
 }
+
+// `p` with the given parameter sets as extra data; empty ones are left out.
+inline QZ_MediaPacketRefPtr WithSets(QZ_MediaPacketRefPtr p,
+                                     const Bytes& vps,
+                                     const Bytes& sps,
+                                     const Bytes& pps) {
+  const std::pair<const char*, const Bytes*> sets[] = {{"vps", &vps}, {"sps", &sps}, {"pps", &pps}};
+  for (const auto& set : sets) {
+    if (!set.second->empty()) {
+      p->SetExtraData(set.first, *set.second);
+    }
+  }
+  return p;
+}
+
+// Names each instance of a table-driven test after its row.
+struct RowName {
+  template <typename Row>
+  std::string operator()(const ::testing::TestParamInfo<Row>& info) const {
+    return info.param.name;
+  }
+};
 
 class SinkerTest : public ::testing::Test {
  protected:
@@ -37,9 +62,8 @@ class SinkerTest : public ::testing::Test {
 
   RtspSinker& MakeSinker(bool audio,
                          bool video,
-                         std::vector<void*> servers = {Handle(0x2000), Handle(0x1000)},
-                         int user_data_capacity = 8) {
-    sinker_.reset(new RtspSinker(&events_, "live", audio, video, user_data_capacity));
+                         std::vector<void*> servers = {Handle(0x2000), Handle(0x1000)}) {
+    sinker_.reset(new RtspSinker(&events_, "live", audio, video, 8));
     sinker_->SetRtspServers(servers);
     peer_.reset(new RtspSinkerTestPeer(*sinker_));
     return *sinker_;
@@ -58,6 +82,22 @@ class SinkerTest : public ::testing::Test {
     peer_->set_time_origin(static_cast<QZ_UINT64>(origin));
   }
 
+  // The events fired since the last call, as (server handle, URL); every one
+  // must be a URL event.
+  using Urls = std::vector<std::pair<QZ_UINT64, std::string>>;
+  Urls UrlEvents() {
+    Urls out;
+    while (qz_top_common::InnerEvent* e = events_.PopEvent()) {
+      EXPECT_EQ(e->id_, static_cast<QZ_UINT32>(EVENT_KESTRAVOX_ERC_PUBLISHER_RTSP_URL));
+      EXPECT_EQ(e->param2_, 0u);
+      EXPECT_EQ(e->param4_, "");
+      EXPECT_EQ(e->param5_, nullptr);
+      out.emplace_back(e->param1_, e->param3_);
+      events_.DeleteEvent(e);
+    }
+    return out;
+  }
+
   FakeTimeSource clock_;
   LogCapture log_;
   qz_top_common::EventMgr events_;
@@ -66,6 +106,10 @@ class SinkerTest : public ::testing::Test {
   std::unique_ptr<RtspSinker> sinker_;
   std::unique_ptr<RtspSinkerTestPeer> peer_;
 };
+
+// A table-driven sinker test: one instance per row of `Row`.
+template <typename Row>
+class SinkerTableTest : public SinkerTest, public ::testing::WithParamInterface<Row> {};
 
 }  // namespace qz_test
 

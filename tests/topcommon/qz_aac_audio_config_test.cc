@@ -25,8 +25,6 @@ const AscCase kCases[] = {
     {"lc_48000_mono", {0x11, 0x88}, true, 2, 48000, 1, 1024},
     // 00010 0011 0001 1 00: 960-sample frames.
     {"lc_960", {0x11, 0x8C}, true, 2, 48000, 1, 960},
-    // 00010 1011 0001 0 00: AAC-LC, 8000, mono.
-    {"lc_8000_mono", {0x15, 0x88}, true, 2, 8000, 1, 1024},
     // 10111 0011 0001 0 00: ER AAC LD, 512-sample frames.
     {"ld_512", {0xB9, 0x88}, true, 23, 48000, 1, 512},
     // 10111 0100 0010 1 00: ER AAC LD, 480-sample frames.

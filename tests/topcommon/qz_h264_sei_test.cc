@@ -25,33 +25,29 @@ Bytes Unescape(const Bytes& in) {
   return out;
 }
 
-TEST(H264SeiTest, BinaryMessageGoldenBytes) {
-  H264Sei sei;
-  Bytes message;
-  const unsigned char data[] = {0xAB, 0xCD};
-  ASSERT_TRUE(sei.WriteQZSDKSeiMessage(message, data, 2));
-  sei.WriteRbspTrailingBits(message);
-  Bytes nal;
-  sei.WriteSeiNalUnit(nal, message.data(), static_cast<QZ_INT32>(message.size()), false, false,
-                      false);
-  Bytes expected = {0x00, 0x00, 0x00, 0x01,  // four-byte start code
-                    0x06,                    // forbidden 0 | nal_ref_idc 00 | type 00110 (SEI)
-                    0x05,                    // payloadType 5: user_data_unregistered
-                    18};                     // payloadSize: 16-byte UUID + 2 bytes
-  expected.insert(expected.end(), H264Sei::kBinaryUuid, H264Sei::kBinaryUuid + 16);
-  expected.insert(expected.end(), {0xAB, 0xCD, 0x80});  // data, rbsp_stop_one_bit + alignment
-  EXPECT_EQ(nal, expected);
-}
-
-TEST(H264SeiTest, TextUsesItsOwnUuid) {
-  H264Sei sei;
-  Bytes message;
-  ASSERT_TRUE(sei.WriteQZSDKSeiMessage(message, std::string("hi")));
-  ASSERT_EQ(message.size(), 2u + 16u + 2u);
-  EXPECT_TRUE(std::equal(H264Sei::kTextUuid, H264Sei::kTextUuid + 16, message.begin() + 2));
+// A binary and a text message, each under its own UUID, as complete NAL units.
+TEST(H264SeiTest, GoldenBytes) {
+  for (bool text : {false, true}) {
+    H264Sei sei;
+    Bytes message;
+    const Bytes data = {0xAB, 0xCD};
+    ASSERT_TRUE(text ? sei.WriteQZSDKSeiMessage(message, std::string(data.begin(), data.end()))
+                     : sei.WriteQZSDKSeiMessage(message, data.data(), 2));
+    sei.WriteRbspTrailingBits(message);
+    Bytes nal;
+    sei.WriteSeiNalUnit(nal, message.data(), static_cast<QZ_INT32>(message.size()), false, false,
+                        false);
+    Bytes expected = {0x00, 0x00, 0x00, 0x01,  // four-byte start code
+                      0x06,                    // forbidden 0 | nal_ref_idc 00 | type 00110 (SEI)
+                      0x05,                    // payloadType 5: user_data_unregistered
+                      18};                     // payloadSize: 16-byte UUID + 2 bytes
+    const QZ_BYTE* uuid = text ? H264Sei::kTextUuid : H264Sei::kBinaryUuid;
+    expected.insert(expected.end(), uuid, uuid + 16);
+    expected.insert(expected.end(), {0xAB, 0xCD, 0x80});  // data, rbsp_stop_one_bit + alignment
+    EXPECT_EQ(nal, expected) << (text ? "text" : "binary");
+  }
   EXPECT_NE(Bytes(H264Sei::kTextUuid, H264Sei::kTextUuid + 16),
             Bytes(H264Sei::kBinaryUuid, H264Sei::kBinaryUuid + 16));
-  EXPECT_EQ(message[18], 'h');
 }
 
 // payloadSize of 255 and more is coded as 0xFF runs plus a last byte.

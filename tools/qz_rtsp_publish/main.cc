@@ -29,6 +29,7 @@ namespace {
 using qz_rtsp_internal_server::QZRtspServer;
 using qz_rtsp_internal_server::QZRtspServerOptions;
 using qz_rtsp_internal_server::QZRtspServerStats;
+using qz_rtsp_internal_server::QZRtspSessionStats;
 
 std::atomic<bool> g_stop{false};
 
@@ -105,8 +106,38 @@ QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& se
     total.connections_refused += s.connections_refused;
     total.stream_stats.insert(total.stream_stats.end(), s.stream_stats.begin(),
                               s.stream_stats.end());
+    total.session_stats.insert(total.session_stats.end(), s.session_stats.begin(),
+                               s.session_stats.end());
   }
   return total;
+}
+
+// What the viewers' receiver reports say, the worst of each figure:
+// ", viewers report loss 2.3 %, jitter 4.1 ms, RTT 12.0 ms" (empty while
+// none reported; RTT only from reports that echo a sender report).
+std::string ReceptionSummary(const std::vector<QZRtspSessionStats>& sessions) {
+  double loss = 0, jitter = 0, rtt = -1;
+  bool any = false;
+  for (const QZRtspSessionStats& s : sessions) {
+    if (s.receiver_reports == 0) {
+      continue;
+    }
+    any = true;
+    loss = std::max(loss, s.fraction_lost * 100);
+    jitter = std::max(jitter, s.jitter_ms);
+    rtt = std::max(rtt, s.rtt_ms);
+  }
+  if (!any) {
+    return std::string();
+  }
+  char text[128];
+  std::snprintf(text, sizeof(text), ", viewers report loss %.1f %%, jitter %.1f ms", loss, jitter);
+  std::string out = text;
+  if (rtt >= 0) {
+    std::snprintf(text, sizeof(text), ", RTT %.1f ms", rtt);
+    out += text;
+  }
+  return out;
 }
 
 }  // namespace
@@ -240,13 +271,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr,
                      "[%02lld:%02lld:%02lld] video %lld frames (%.1f fps encoded, %lld dropped by "
                      "the source), audio %lld frames, %.1f MB, %.2f Mbit/s in, %d client%s, "
-                     "%.2f Mbit/s out, %llu packets dropped, %llu key-frame requests\n",
+                     "%.2f Mbit/s out, %llu packets dropped, %llu key-frame requests%s\n",
                      up / 3600, up / 60 % 60, up % 60, frames, (frames - last_frames) / seconds,
                      source->DroppedFrames(), counters.audio_frames.load(), bytes / 1e6,
                      (bytes - last_bytes) * 8 / 1e6 / seconds, stats.playing,
                      stats.playing == 1 ? "" : "s",
                      (stats.bytes_sent - last_sent) * 8 / 1e6 / seconds, stats.packets_dropped,
-                     stats.key_frame_requests);
+                     stats.key_frame_requests, ReceptionSummary(stats.session_stats).c_str());
       }
       last_bytes = bytes;
       last_frames = frames;

@@ -1,23 +1,24 @@
-// One RTSP session: the tracks a client set up, how each is delivered, and
-// the client's read position in its stream's shared packet ring. Lives on the
-// server's network thread only.
+// One RTSP session: the tracks a client set up, how each is delivered, its
+// state (RFC 2326 appendix A: Init, Ready, Playing), the client's read
+// position in its stream's shared packet ring, and what the client's
+// receiver reports say. The session decides what SETUP, PLAY, PAUSE and
+// TEARDOWN do to it; the fan-out moves its read position as it sends.
+// Network thread only.
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SESSION_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SESSION_H_
 
 #include <asio.hpp>
-
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "protocol/rtsp_in_server/control/qz_rtsp_client.h"
 #include "protocol/rtsp_in_server/media/qz_rtsp_stream.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
 
 namespace qz_rtsp_internal_server {
-
-class RtspConnection;
-class RtspStream;
 
 struct RtspSessionTrack {
   bool setup = false;
@@ -29,11 +30,11 @@ struct RtspSessionTrack {
   bool tcp = false;
   int rtp_channel = -1;  // TCP: the interleaved channels on this connection
   int rtcp_channel = -1;
-  asio::ip::udp::endpoint rtp_endpoint;
+  asio::ip::udp::endpoint rtp_endpoint;  // UDP: the client's ports
   asio::ip::udp::endpoint rtcp_endpoint;
-  long long last_sr_ms = 0;
+  long long last_sr_ms = 0;  // 0: no sender report sent since PLAY
 
-  // Whether `packet` of this track goes to the client (and a waiting video
+  // Whether a packet of this track goes to the client (a waiting video
   // track starts at a key frame).
   bool Delivers(bool key_frame_start) {
     if (!active) {
@@ -49,20 +50,74 @@ struct RtspSessionTrack {
   }
 };
 
-// Owned by the server's session map; the fan-out keeps the sessions it
-// pumps alive with shared_from_this() rather than looking each one up by id.
-struct RtspSession : RtspRingReader, std::enable_shared_from_this<RtspSession> {
+// What the client's receiver reports (RFC 3550 6.4.2) say about the
+// session, the latest report of any of its tracks.
+struct RtspReception {
+  unsigned long long reports = 0;
+  double fraction_lost = 0;  // since the client's previous report, 0..1
+  long long cumulative_lost = 0;
+  double jitter_ms = 0;
+  double rtt_ms = -1;  // -1: no report echoed one of our sender reports
+};
+
+class RtspSession : public RtspRingReader, public std::enable_shared_from_this<RtspSession> {
+ public:
   enum class State { kInit, kReady, kPlaying };
 
-  std::string id;
-  std::weak_ptr<RtspConnection> connection;
-  std::shared_ptr<RtspStream> stream;
-  std::vector<RtspSessionTrack> tracks;
-  State state = State::kInit;
-  void SetState(State s) {
-    state = s;
-    reading = s == State::kPlaying;
-  }
+  RtspSession(std::string id,
+              const std::shared_ptr<RtspClient>& client,
+              std::shared_ptr<RtspStream> stream,
+              long long now_ms);
+
+  const std::string& id() const { return id_; }
+  State state() const { return state_; }
+  bool playing() const { return state_ == State::kPlaying; }
+  RtspStream& stream() const { return *stream_; }
+  const std::shared_ptr<RtspStream>& shared_stream() const { return stream_; }
+  std::shared_ptr<RtspClient> client() const { return client_.lock(); }
+  std::vector<RtspSessionTrack>& tracks() { return tracks_; }
+  const std::vector<RtspSessionTrack>& tracks() const { return tracks_; }
+
+  // SETUP of `track`, over TCP on the channel pair from `rtp_channel` or
+  // over UDP to the client's ports. Init becomes Ready; a playing session
+  // goes on playing and the track waits for the next PLAY.
+  void SetupTcp(int track, int rtp_channel);
+  void SetupUdp(int track, const asio::ip::udp::endpoint& rtp, const asio::ip::udp::endpoint& rtcp);
+  // TEARDOWN of one track: false when it is the session's last set-up track
+  // (the whole session ends instead).
+  bool TeardownTrack(int track);
+
+  // PLAY. From Ready: reading starts at the latest key frame the stream
+  // holds (with `gop_cache`), else video is held back until the next one,
+  // and every set-up track becomes active. While playing: tracks set up
+  // since become active, video at its next key frame, the others go on.
+  // Returns the RTP-Info entries of the tracks whose first packet is known
+  // (`base_url` + "trackID=N"); `*wants_key_frame` when a key frame must be
+  // asked for.
+  std::vector<RtpInfoEntry> Play(const std::string& base_url,
+                                 bool gop_cache,
+                                 bool* wants_key_frame);
+  void Pause();
+  // The session is over (TEARDOWN, expiry, BYE, its connection closed).
+  void End();
+
+  void Touch(long long now_ms) { last_activity_ms_ = now_ms; }
+  long long last_activity_ms() const { return last_activity_ms_; }
+
+  // A report block of the client's RTCP about one of our tracks, arrived
+  // at `arrival_compact_ntp` (see RtcpCompactNtp).
+  void OnReportBlock(const RtcpReportBlock& block, uint32_t arrival_compact_ntp);
+  const RtspReception& reception() const { return reception_; }
+
+  bool HasTcpTrack() const;
+  bool HasUdpTrack() const;
+  int SetupTrackCount() const;
+  // A set-up TCP track of this session uses the interleaved channel.
+  bool UsesChannel(int channel) const;
+  // The set-up TCP track whose channels include `channel`, or -1.
+  int TrackOfChannel(int channel) const;
+
+  // The fan-out's bookkeeping.
   // Video is held back until the next key frame.
   bool waiting_key = false;
   // A TCP write of packets up to this index is under way.
@@ -73,33 +128,21 @@ struct RtspSession : RtspRingReader, std::enable_shared_from_this<RtspSession> {
   // the write delay).
   uint64_t written_index = 0;
   bool live = false;
-
-  long long last_activity_ms = 0;
   unsigned long long bytes_sent = 0;
   unsigned long long packets_sent = 0;
   unsigned long long packets_dropped = 0;
 
-  bool HasTcpTrack() const {
-    for (const auto& t : tracks) {
-      if (t.setup && t.tcp)
-        return true;
-    }
-    return false;
-  }
-  int SetupTrackCount() const {
-    int n = 0;
-    for (const auto& t : tracks) {
-      n += t.setup ? 1 : 0;
-    }
-    return n;
-  }
-  bool AnyTrackSetup() const {
-    for (const auto& t : tracks) {
-      if (t.setup)
-        return true;
-    }
-    return false;
-  }
+ private:
+  void SetState(State state);
+
+  std::string id_;
+  std::weak_ptr<RtspClient> client_;
+  std::shared_ptr<RtspStream> stream_;
+  std::vector<RtspSessionTrack> tracks_;
+  std::vector<int> clock_rates_;
+  State state_ = State::kInit;
+  long long last_activity_ms_ = 0;
+  RtspReception reception_;
 };
 
 }  // namespace qz_rtsp_internal_server

@@ -7,25 +7,10 @@
 #include "protocol/rtsp_in_server/rtp/qz_rtp_g711.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtp_h264.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtp_h265.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtp_speex.h"
 #include "topcommon/qz_aac_audio_config.h"
 
 namespace qz_rtsp_internal_server {
-namespace {
-
-// Samples in one G.711 frame, for RTP time continuity; 0 for Speex, which
-// is stamped from the record time (AAC: RtspStream::AacFrameSamples).
-size_t AudioSamples(const QZRtspAudioPacket& record, int channels) {
-  switch (record.codec_id_) {
-    case QZ_MEDIA_CODEC_ID_PCMA:
-    case QZ_MEDIA_CODEC_ID_PCMU:
-      return record.data_ ? record.data_->size_ / static_cast<size_t>(channels > 0 ? channels : 1)
-                          : 0;
-    default:
-      return 0;
-  }
-}
-
-}  // namespace
 
 // The consumers run on the publisher's send thread: they only hand the
 // record to the network thread, never touching the stream there.
@@ -165,56 +150,88 @@ RtpTrackWriter* RtspStream::Writer(int track) {
   return writers_[track].get();
 }
 
-void RtspStream::OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record) {
-  RtpTrackWriter* writer = Writer(video_track_);
-  if (writer == nullptr || !record) {
-    return;
-  }
-  const long long record_ms = static_cast<long long>(record->time_stamp_);
-  if (!has_time_base_) {
+RtpTrackWriter* RtspStream::BeginRecord(int track, long long record_ms) {
+  RtpTrackWriter* writer = Writer(track);
+  if (writer != nullptr && !has_time_base_) {
     has_time_base_ = true;
     wall_base_us_ = clock_.WallUs();
     record_base_ms_ = record_ms;
   }
+  return writer;
+}
+
+void RtspStream::Emit(RtpTrackWriter& writer,
+                      RtpPayloadPacketizer& packetizer,
+                      uint32_t rtp_time,
+                      long long record_ms,
+                      bool is_video,
+                      bool key_frame) {
   std::vector<std::shared_ptr<RtpPacket>> packets;
-  const uint32_t rtp_time = writer->RtpTime(record_ms, 0);
-  if (record->IsH265()) {
-    H265Packetizer packetizer(record->nal_units_, limits_.max_payload);
-    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, clock_.SteadyMs(), true,
-                      record->is_key_frame_, packets);
-  } else {
-    H264Packetizer packetizer(record->nal_units_, limits_.max_payload);
-    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, clock_.SteadyMs(), true,
-                      record->is_key_frame_, packets);
-  }
+  writer.Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, clock_.SteadyMs(),
+                   is_video, key_frame, packets);
   Append(packets);
 }
 
-void RtspStream::OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record) {
-  RtpTrackWriter* writer = Writer(audio_track_);
-  if (writer == nullptr || !record || !record->data_) {
+void RtspStream::OnVideo(const std::shared_ptr<QZRtspVideoPacket>& record) {
+  if (!record) {
     return;
   }
   const long long record_ms = static_cast<long long>(record->time_stamp_);
-  if (!has_time_base_) {
-    has_time_base_ = true;
-    wall_base_us_ = clock_.WallUs();
-    record_base_ms_ = record_ms;
+  RtpTrackWriter* writer = BeginRecord(video_track_, record_ms);
+  if (writer == nullptr) {
+    return;
+  }
+  const uint32_t rtp_time = writer->RtpTime(record_ms, 0);
+  if (record->IsH265()) {
+    H265Packetizer packetizer(record->nal_units_, limits_.max_payload);
+    Emit(*writer, packetizer, rtp_time, record_ms, true, record->is_key_frame_);
+  } else {
+    H264Packetizer packetizer(record->nal_units_, limits_.max_payload);
+    Emit(*writer, packetizer, rtp_time, record_ms, true, record->is_key_frame_);
+  }
+}
+
+void RtspStream::OnAudio(const std::shared_ptr<QZRtspAudioPacket>& record) {
+  if (!record || !record->data_) {
+    return;
+  }
+  const long long record_ms = static_cast<long long>(record->time_stamp_);
+  RtpTrackWriter* writer = BeginRecord(audio_track_, record_ms);
+  if (writer == nullptr) {
+    return;
   }
   const uint32_t rtp_time = writer->RtpTime(record_ms, last_audio_samples_);
-  last_audio_samples_ = record->IsAAC() ? AacFrameSamples(writer->clock_rate())
-                                        : AudioSamples(*record, record->channels_);
-  std::vector<std::shared_ptr<RtpPacket>> packets;
-  if (record->IsAAC()) {
-    AacPacketizer packetizer(record->data_, limits_.max_payload);
-    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, clock_.SteadyMs(),
-                      false, false, packets);
-  } else {
-    RawAudioPacketizer packetizer(record->data_, limits_.max_payload);
-    writer->Packetize(packetizer, limits_.max_payload, rtp_time, record_ms, clock_.SteadyMs(),
-                      false, false, packets);
+  // The samples of this record, so that the next one continues from it (0:
+  // unknown, the next one is stamped from its record time).
+  last_audio_samples_ = 0;
+  switch (record->codec_id_) {
+    case QZ_MEDIA_CODEC_ID_AAC: {
+      last_audio_samples_ = AacFrameSamples(writer->clock_rate());
+      AacPacketizer packetizer(record->data_, limits_.max_payload);
+      Emit(*writer, packetizer, rtp_time, record_ms, false, false);
+      break;
+    }
+    case QZ_MEDIA_CODEC_ID_PCMA:
+    case QZ_MEDIA_CODEC_ID_PCMU: {
+      const size_t channels = record->channels_ > 0 ? static_cast<size_t>(record->channels_) : 1;
+      last_audio_samples_ = record->data_->size_ / channels;
+      G711Packetizer packetizer(record->data_, limits_.max_payload, channels);
+      Emit(*writer, packetizer, rtp_time, record_ms, false, false);
+      break;
+    }
+    case QZ_MEDIA_CODEC_ID_SPEEX_WB: {
+      // A record holds as many frames as the encoder put in it: stamped from
+      // its record time.
+      SpeexPacketizer packetizer(record->data_, limits_.max_payload);
+      Emit(*writer, packetizer, rtp_time, record_ms, false, false);
+      if (packetizer.refused()) {
+        ++audio_refused_;
+      }
+      break;
+    }
+    default:
+      break;  // no payload format, and no track in the SDP either
   }
-  Append(packets);
 }
 
 // Samples in one AAC frame at the track's RTP clock, from the pipe's current
@@ -375,7 +392,7 @@ std::vector<uint8_t> RtspStream::SenderReport(int track, const uint64_t* from) c
     for (uint64_t i = std::max(*from, begin_index()); i < end_index(); ++i) {
       const RtpPacket& p = *At(i);
       if (p.track == track) {
-        rtp_time = p.rtp_time;
+        rtp_time = p.record_rtp_time;  // the time record_ms maps to
         record_ms = p.record_ms;
         break;
       }

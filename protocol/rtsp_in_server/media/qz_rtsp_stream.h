@@ -161,6 +161,9 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
 
   // Records the gate refused because the network thread stalled (any thread).
   unsigned long long gate_drops() const { return gate_drops_.load(); }
+  // Audio records not sent because their format forbids splitting them and
+  // they exceed the payload size (Speex; any thread).
+  unsigned long long audio_records_refused() const { return audio_refused_.load(); }
 
   // Network thread: handle one record (exposed for tests). `posted_us`, when
   // set, is when the record was posted into the pipe (NowUs()); `pushed_us`
@@ -185,6 +188,16 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   void Evict();
   void PopFront();
   RtpTrackWriter* Writer(int track);
+  // The writer of `track` for a record stamped `record_ms` (null: no such
+  // track). The first record of either track sets the wall-clock base.
+  RtpTrackWriter* BeginRecord(int track, long long record_ms);
+  // Packetizes one record into the ring.
+  void Emit(RtpTrackWriter& writer,
+            RtpPayloadPacketizer& packetizer,
+            uint32_t rtp_time,
+            long long record_ms,
+            bool is_video,
+            bool key_frame);
   size_t AacFrameSamples(int clock_rate);
 
   std::shared_ptr<QZRtspPacketPiple> piple_;
@@ -239,6 +252,7 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   std::function<void(RtspStream&)> on_cache_lost_;
   std::atomic<unsigned long long> packets_built_{0};
   std::atomic<unsigned long long> gate_drops_{0};
+  std::atomic<unsigned long long> audio_refused_{0};
   std::atomic<size_t> cache_bytes_{0};  // mirrors ring_bytes_ for Stats()
   std::atomic<int> session_count_{0};
   std::atomic<int> playing_count_{0};

@@ -14,7 +14,8 @@ namespace qz_rtsp_internal_server {
 // One AU per packet behind a 16-bit AU-headers-length and one AU header
 // (13-bit size, 3-bit index); an AU larger than a packet is fragmented, each
 // fragment carrying the same AU header. AUs of 8192 bytes or more cannot be
-// described and are not sent.
+// described and are not sent. The marker bit is set on a packet that ends
+// an AU, not on the earlier fragments of one.
 class AacPacketizer : public RtpPayloadPacketizer {
  public:
   AacPacketizer(std::shared_ptr<QZRtspPacketData> frame, size_t max_payload);

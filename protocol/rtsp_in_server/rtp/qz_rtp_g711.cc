@@ -23,6 +23,7 @@ size_t G711Packetizer::NextPacket(uint8_t* payload, size_t capacity, bool* last)
     return 0;
   }
   std::memcpy(payload, frame_->data_.get() + offset_, chunk);
+  packet_start_ = offset_;
   offset_ += chunk;
   *last = offset_ >= frame_->size_;
   return chunk;

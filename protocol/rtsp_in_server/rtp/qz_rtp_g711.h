@@ -14,22 +14,24 @@ namespace qz_rtsp_internal_server {
 // G.711 is sample-based, one octet per sample and channel, so any whole
 // number of samples makes a valid payload: a frame larger than the payload
 // size is split into packets of at most that size, each ending on a sample
-// boundary of `channels` interleaved channels.
+// boundary of `channels` interleaved channels. Each packet is stamped with
+// the time of its own first sample.
 class G711Packetizer : public RtpPayloadPacketizer {
  public:
-  G711Packetizer(std::shared_ptr<QZRtspPacketData> frame, size_t max_payload, size_t channels = 1);
+  G711Packetizer(std::shared_ptr<QZRtspPacketData> frame, size_t max_payload, size_t channels);
   size_t NextPacket(uint8_t* payload, size_t capacity, bool* last) override;
+  uint32_t LastPacketTimeOffset() const override {
+    return static_cast<uint32_t>(packet_start_ / channels_);
+  }
+  bool MarksTalkspurtStart() const override { return true; }
 
  private:
   std::shared_ptr<QZRtspPacketData> frame_;
   size_t max_payload_;
   size_t channels_;
-  size_t offset_ = 0;
+  size_t offset_ = 0;        // of the next packet's first byte in the frame
+  size_t packet_start_ = 0;  // of the last packet's first byte
 };
-
-// The name this packetizer had while G.711 and Speex shared it; callers
-// pick G711Packetizer or SpeexPacketizer by codec instead.
-using RawAudioPacketizer = G711Packetizer;
 
 }  // namespace qz_rtsp_internal_server
 

@@ -22,6 +22,9 @@ struct RtpPacket {
   int track = 0;
   uint16_t seq = 0;
   uint32_t rtp_time = 0;
+  // The RTP time of the record's first sample: rtp_time less the samples of
+  // the earlier packets of the same record (the time record_ms maps to).
+  uint32_t record_rtp_time = 0;
   bool marker = false;
   bool key_frame_start = false;  // first packet of a video key frame
   long long record_ms = 0;       // the record's timestamp
@@ -39,6 +42,20 @@ class RtpPayloadPacketizer {
  public:
   virtual ~RtpPayloadPacketizer() = default;
   virtual size_t NextPacket(uint8_t* payload, size_t capacity, bool* last) = 0;
+
+  // RTP clock ticks from the unit's time to the first sample of the packet
+  // NextPacket wrote last. 0 where every packet of a unit carries the unit's
+  // time (video access units, fragments of an AAC access unit); a
+  // sample-based format that splits a frame counts the earlier packets'
+  // samples.
+  virtual uint32_t LastPacketTimeOffset() const { return 0; }
+
+  // How the format uses the marker bit. False: it marks the packet that
+  // ends a unit (the last packet of a video access unit; a packet holding
+  // complete AAC access units or the last fragment of one). True: it marks
+  // the first packet of a talkspurt, which for audio sent without silence
+  // suppression is the track's first packet only (RFC 3551 4.1, RFC 5574).
+  virtual bool MarksTalkspurtStart() const { return false; }
 };
 
 // Network byte order writers shared by the packetizers and RTCP.

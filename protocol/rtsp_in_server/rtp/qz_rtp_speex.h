@@ -20,6 +20,7 @@ class SpeexPacketizer : public RtpPayloadPacketizer {
  public:
   SpeexPacketizer(std::shared_ptr<QZRtspPacketData> frame, size_t max_payload);
   size_t NextPacket(uint8_t* payload, size_t capacity, bool* last) override;
+  bool MarksTalkspurtStart() const override { return true; }
 
   bool refused() const { return refused_; }
 

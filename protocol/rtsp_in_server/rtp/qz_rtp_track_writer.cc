@@ -68,17 +68,19 @@ void RtpTrackWriter::Packetize(RtpPayloadPacketizer& packetizer,
     PutBe16(b + 2, static_cast<uint32_t>(rtp_size));
     uint8_t* rtp = b + kInterleavedHeaderSize;
     // RFC 3550 5.1: V=2 P=0 X=0 CC=0 | M PT | sequence | timestamp | SSRC.
-    const bool marker = is_video ? last : true;
+    const bool marker = packetizer.MarksTalkspurtStart() ? !has_last_ : last;
+    const uint32_t packet_time = rtp_time + packetizer.LastPacketTimeOffset();
     rtp[0] = 0x80;
     rtp[1] = static_cast<uint8_t>((marker ? 0x80 : 0) | (payload_type_ & 0x7F));
     PutBe16(rtp + 2, seq_);
-    PutBe32(rtp + 4, rtp_time);
+    PutBe32(rtp + 4, packet_time);
     PutBe32(rtp + 8, ssrc_);
     packet->buffer = std::move(buffer);
     packet->size = kInterleavedHeaderSize + rtp_size;
     packet->track = track_;
     packet->seq = seq_;
-    packet->rtp_time = rtp_time;
+    packet->rtp_time = packet_time;
+    packet->record_rtp_time = rtp_time;
     packet->marker = marker;
     packet->key_frame_start = is_video && key_frame && first;
     packet->record_ms = record_ms;

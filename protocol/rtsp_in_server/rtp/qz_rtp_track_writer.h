@@ -31,8 +31,12 @@ class RtpTrackWriter {
   // stamped from its record time.
   uint32_t RtpTime(long long record_ms, size_t audio_samples_of_previous);
 
-  // Packetizes into `out`, all packets stamped `rtp_time`; the last one of
-  // a video access unit carries the marker bit.
+  // Packetizes one unit (access unit or audio frame) of time `rtp_time`
+  // into `out`. Each packet is stamped `rtp_time` plus the packetizer's
+  // offset for it, and carries the marker bit by the packetizer's rule: on
+  // the packet that ends the unit, or on the track's first packet only.
+  // `key_frame` (with `is_video`) flags the unit's first packet as the start
+  // of a key frame.
   void Packetize(RtpPayloadPacketizer& packetizer,
                  size_t max_payload,
                  uint32_t rtp_time,
@@ -48,6 +52,8 @@ class RtpTrackWriter {
   uint32_t packet_count() const { return packet_count_; }
   uint32_t octet_count() const { return octet_count_; }
   bool has_sent() const { return has_last_; }
+  // The time of the newest unit sent (not of its last packet) and its record
+  // time: the pair a sender report maps to the wall clock.
   uint32_t last_rtp_time() const { return last_rtp_; }
   long long last_record_ms() const { return last_record_ms_; }
 

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-#include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth_header.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 #include "utility/qz_base64.h"
 

@@ -4,22 +4,15 @@
 
 #include <cstdlib>
 
+#include "protocol/rtsp_in_server/wire/qz_rtsp_lex.h"
+
 namespace qz_rtsp_internal_server {
 namespace {
 
-std::string Trim(const std::string& s) {
-  size_t b = 0;
-  size_t e = s.size();
-  while (b < e && (s[b] == ' ' || s[b] == '\t')) {
-    ++b;
-  }
-  while (e > b && (s[e - 1] == ' ' || s[e - 1] == '\t')) {
-    --e;
-  }
-  return s.substr(b, e - b);
-}
+using lex::Trim;
 
-bool IsToken(const std::string& s) {
+// The method and the URI of a request line: visible ASCII, no blanks.
+bool IsVisibleWord(const std::string& s) {
   if (s.empty()) {
     return false;
   }
@@ -161,7 +154,8 @@ RtspParseResult RtspRequestParser::Next() {
       req.method = line.substr(0, s1);
       req.uri = line.substr(s1 + 1, s2 - s1 - 1);
       req.version = line.substr(s2 + 1);
-      if (!IsToken(req.method) || !IsToken(req.uri) || req.version.compare(0, 5, "RTSP/") != 0) {
+      if (!IsVisibleWord(req.method) || !IsVisibleWord(req.uri) ||
+          req.version.compare(0, 5, "RTSP/") != 0) {
         return Fail("malformed request line");
       }
       continue;

@@ -1,6 +1,9 @@
-// The server over real loopback sockets: RTSP state transitions, answers to
-// hostile input, and a well-behaved player that must keep receiving through
-// all of it.
+// The server over real loopback sockets: what only the sockets and the
+// network thread show (bytes that arrive split, pipelined or malformed,
+// limits on connections and time, a client's reset, pipes coming and going,
+// Stop from a callback), with a well-behaved player that must keep
+// receiving through all of it. What the server answers and sends is tested
+// on fakes in qz_rtsp_core_test.cc.
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
 #include <netinet/in.h>
@@ -10,7 +13,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -18,7 +20,7 @@
 
 #include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
-#include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
 #include "tests/fakes/rtsp_test_client.h"
 #include "tests/fakes/test_support.h"
 
@@ -153,194 +155,63 @@ class ServerTest : public ::testing::Test {
   std::string url_;
 };
 
-TEST_F(ServerTest, OptionsDescribeSetupPlayTeardown) {
+TEST_F(ServerTest, DescribeSetupPlayTeardownOverTcp) {
   Client c(server_->Port());
   ASSERT_TRUE(c.connected());
-  c.Send(c.Request("OPTIONS", url_, 11));
-  Response options = c.Read();
-  EXPECT_EQ(options.status, 200);
-  EXPECT_EQ(options.headers["CSeq"], "11");
-  for (const char* m : {"OPTIONS", "DESCRIBE", "SETUP", "PLAY", "PAUSE", "TEARDOWN",
-                        "GET_PARAMETER", "SET_PARAMETER"}) {
-    EXPECT_NE(options.headers["Public"].find(m), std::string::npos) << m;
-  }
   c.Send(c.Request("DESCRIBE", url_, 12));
   Response describe = c.Read();
   ASSERT_EQ(describe.status, 200);
+  EXPECT_EQ(describe.headers["CSeq"], "12");
   EXPECT_EQ(describe.headers["Content-Base"], url_ + "/");
-  EXPECT_NE(describe.body.find("sprop-parameter-sets=Z0LAHtoCgA==,aM48gA=="), std::string::npos);
-  EXPECT_NE(describe.body.find("a=rtpmap:8 PCMA/8000"), std::string::npos);
-
-  // The feeder's first key frame must be in the stream before PLAY for the
-  // client to start at it (and for RTP-Info to name it); on a loaded machine
-  // the feeder thread may not have run yet.
-  ASSERT_TRUE(qz_test::WaitFor([this] {
-    const QZRtspServerStats stats = server_->GetStats();
-    return !stats.stream_stats.empty() && stats.stream_stats[0].rtp_packets_built > 0;
-  }));
   std::string session;
-  Response play = Play(c, &session);
-  ASSERT_EQ(play.status, 200);
-  EXPECT_NE(play.headers["Session"].find(";timeout=60"), std::string::npos);
-  // RTP-Info names the first packet this client really gets.
-  std::smatch m;
-  const std::string info = play.headers["RTP-Info"];
-  ASSERT_TRUE(std::regex_search(info, m, std::regex("trackID=0;seq=(\\d+);rtptime=(\\d+)")));
-  const int first_seq = std::stoi(m[1]);
-  auto frames = c.Frames(300);
-  // RTCP sender reports (odd channels) come first; the media follows.
-  EXPECT_EQ(frames.front().first, 1);
-  frames.erase(std::remove_if(frames.begin(), frames.end(),
-                              [](const std::pair<uint8_t, std::string>& f) { return f.first % 2; }),
-               frames.end());
-  ASSERT_FALSE(frames.empty());
-  const std::string& first = frames[0].second;
-  EXPECT_EQ(frames[0].first, 0);
-  EXPECT_EQ((static_cast<uint8_t>(first[2]) << 8) | static_cast<uint8_t>(first[3]), first_seq);
-  // It starts at a key frame: a STAP-A with SPS and PPS comes first.
-  EXPECT_EQ(static_cast<uint8_t>(first[12]) & 0x1F, 24);
-  // Only video was set up: no audio channel.
-  for (const auto& f : frames)
-    EXPECT_NE(f.first, 2);
-
+  ASSERT_EQ(Play(c, &session).status, 200);
+  // Reports and video arrive on the channels set up; no audio.
+  std::set<int> channels;
+  for (const auto& f : c.Frames(300)) {
+    channels.insert(f.first);
+  }
+  EXPECT_EQ(channels, (std::set<int>{0, 1}));
   c.Send(c.Request("TEARDOWN", url_, 3, "Session: " + session + "\r\n"));
-  Response teardown = c.Read();
-  EXPECT_EQ(teardown.status, 200);
+  EXPECT_EQ(c.Read().status, 200);
   c.Send(c.Request("PLAY", url_, 4, "Session: " + session + "\r\n"));
   EXPECT_EQ(c.Read().status, 454);  // the old session id is gone
 }
 
-// Regression: a viewer that joined before the first video key frame got the
-// video sender report only with the periodic ones, seconds later, and
-// FFmpeg's clock jumped by the audio/video offset when it arrived. The
-// report must come before the first video packet.
-TEST_F(ServerTest, VideoReportPrecedesFirstVideoPacketForEarlyViewers) {
-  FakePublisher late(server_->Handle(), "late");
-  ASSERT_TRUE(late.Offer());
-  Client c(server_->Port());
-  c.Send(c.Request("SETUP", "rtsp://127.0.0.1/late/trackID=0", 1,
-                   "Transport: RTP/AVP/TCP;interleaved=0-1\r\n"));
-  const std::string session = SessionId(c.Read());
-  c.Send(c.Request("PLAY", "rtsp://127.0.0.1/late", 2, "Session: " + session + "\r\n"));
-  Response play = c.Read();
-  ASSERT_EQ(play.status, 200);
-  EXPECT_EQ(play.headers.count("RTP-Info"), 0u);  // nothing to name yet
-  late.Start();
-  const auto frames = c.Frames(500);
-  ASSERT_FALSE(frames.empty());
-  EXPECT_EQ(frames[0].first, 1) << "the video report comes first";
-  EXPECT_EQ(static_cast<uint8_t>(frames[0].second[1]), 200);  // RTCP SR
-  late.Stop();
-  late.Withdraw();
-}
-
-// Regression: with writes handed to the kernel at once, the video report
-// went out and took the queued media with it before the audio report was
-// queued; FFmpeg then saw audio time step back when the report arrived.
-// Every track's first report precedes its first packet.
-TEST_F(ServerTest, EachTrackReportPrecedesItsFirstPacket) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));  // audio and video are held
-  for (int join = 0; join < 3; ++join) {
-    Client c(server_->Port());
-    ASSERT_NO_FATAL_FAILURE(PlayBoth(c));
-    const auto frames = c.Frames(300);
-    for (const uint8_t media : {0, 2}) {
-      const auto first_of = [&frames](uint8_t channel) {
-        return std::find_if(frames.begin(), frames.end(),
-                            [channel](const auto& f) { return f.first == channel; });
-      };
-      ASSERT_NE(first_of(media), frames.end()) << "channel " << int{media};
-      EXPECT_LT(first_of(media + 1) - frames.begin(), first_of(media) - frames.begin())
-          << "the report of channel " << int{media} << " comes after its media";
+// A UDP player on its own port pair: media arrives there, and its receiver
+// reports, sent from its RTCP port to the server's, reach its session's
+// statistics.
+TEST_F(ServerTest, UdpPlayAndReceiverReportsOverRealSockets) {
+  int rtp = -1, rtcp = -1;
+  sockaddr_in addr{};
+  for (int attempt = 0; attempt < 20 && rtcp < 0; ++attempt) {
+    close(rtp);
+    rtp = socket(AF_INET, SOCK_DGRAM, 0);
+    addr = sockaddr_in{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(rtp, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    socklen_t len = sizeof(addr);
+    getsockname(rtp, reinterpret_cast<sockaddr*>(&addr), &len);
+    rtcp = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in next = addr;
+    next.sin_port = htons(ntohs(addr.sin_port) + 1);
+    if (bind(rtcp, reinterpret_cast<sockaddr*>(&next), sizeof(next)) != 0) {
+      close(rtcp);
+      rtcp = -1;
     }
   }
-}
-
-// The feeder posts each video record with its audio record right behind it,
-// as the sinker does with what it finds queued on one pass: the audio joins
-// the video's batch on its way to the network thread, and a TCP client gets
-// both in one write, not one write each.
-TEST_F(ServerTest, RecordsPostedTogetherShareOneTcpWrite) {
-  Client c(server_->Port());
-  ASSERT_NO_FATAL_FAILURE(PlayBoth(c));
-  const auto frames = c.Frames(500);
-  size_t records = 0;  // an audio packet each, and video packets with the marker bit
-  for (const auto& f : frames) {
-    records += f.first == 2 || (f.first == 0 && (static_cast<uint8_t>(f.second[1]) & 0x80));
-  }
-  ASSERT_GT(records, 40u);
-  const QZRtspServerStats stats = server_->GetStats();
-  ASSERT_EQ(stats.stream_stats.size(), 1u);
-  const unsigned long long writes = stats.stream_stats[0].tcp_writes;
-  EXPECT_GT(writes, 0u);
-  EXPECT_LT(writes * 4, records * 3) << writes << " writes for " << records << " records";
-  EXPECT_EQ(stats.tcp_writes, writes);
-}
-
-TEST_F(ServerTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
-  // Shared: the server may call back until TearDown destroys it.
-  auto requests = std::make_shared<std::atomic<int>>(0);
-  QZRtspServerOptions options;
-  options.gop_cache = false;
-  options.on_key_frame_request = [requests](const std::string& name) {
-    EXPECT_EQ(name, "live");
-    ++*requests;
-  };
-  Restart(options);
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));  // a key frame is held by now
-  Client a(server_->Port()), b(server_->Port());
-  std::string sa, sb;
-  ASSERT_EQ(Play(a, &sa).status, 200);
-  ASSERT_EQ(Play(b, &sb).status, 200);
-  EXPECT_EQ(requests->load(), 1);  // two joins within a second: one request
-  auto frames = a.Frames(300);
-  frames.erase(std::remove_if(frames.begin(), frames.end(),
-                              [](const std::pair<uint8_t, std::string>& f) { return f.first % 2; }),
-               frames.end());
-  ASSERT_FALSE(frames.empty());
-  // The first media packet is the start of a key frame: a STAP-A with the
-  // parameter sets.
-  EXPECT_EQ(static_cast<uint8_t>(frames[0].second[12]) & 0x1F, 24);
-}
-
-TEST_F(ServerTest, AuthenticationChallengesEverythingButOptions) {
-  QZRtspServerOptions options;
-  options.auth_user = "user";
-  options.auth_password = "secret";
-  Restart(options);
-  Client c(server_->Port());
-  c.Send(c.Request("OPTIONS", url_, 1));
-  EXPECT_EQ(c.Read().status, 200);
-  c.Send(c.Request("DESCRIBE", url_, 2));
-  Response challenge = c.Read();
-  ASSERT_EQ(challenge.status, 401);
-  const std::string& www = challenge.headers["WWW-Authenticate"];
-  ASSERT_EQ(www.compare(0, 7, "Digest "), 0);
-  const size_t at = www.find("nonce=\"") + 7;
-  const std::string nonce = www.substr(at, www.find('"', at) - at);
-  const std::string response = RtspAuthenticator::DigestResponse(
-      "user", "qz-rtsp", "secret", "DESCRIBE", url_, nonce, "", "", "");
-  c.Send(c.Request("DESCRIBE", url_, 3,
-                   "Authorization: Digest username=\"user\", realm=\"qz-rtsp\", nonce=\"" + nonce +
-                       "\", uri=\"" + url_ + "\", response=\"" + response + "\"\r\n"));
-  EXPECT_EQ(c.Read().status, 200);
-}
-
-TEST_F(ServerTest, UdpPlayReceivesRtpOnTheClientPort) {
-  int rtp = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(bind(rtp, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  socklen_t len = sizeof(addr);
-  getsockname(rtp, reinterpret_cast<sockaddr*>(&addr), &len);
+  ASSERT_GE(rtcp, 0) << "no free port pair";
   const int port = ntohs(addr.sin_port);
   Client c(server_->Port());
-  std::string session;
-  Response play =
-      Play(c, &session,
-           "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1));
-  ASSERT_EQ(play.status, 200);
+  c.Send(c.Request("SETUP", url_ + "/trackID=0", 1,
+                   "Transport: RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" +
+                       std::to_string(port + 1) + "\r\n"));
+  Response setup = c.Read();
+  ASSERT_EQ(setup.status, 200);
+  RtspTransport transport;
+  ASSERT_TRUE(ParseRtspTransportSpec(setup.headers["Transport"], transport));
+  c.Send(c.Request("PLAY", url_, 2, "Session: " + SessionId(setup) + "\r\n"));
+  ASSERT_EQ(c.Read().status, 200);
   pollfd p{rtp, POLLIN, 0};
   ASSERT_GT(poll(&p, 1, 2000), 0);
   uint8_t buf[2048];
@@ -348,25 +219,57 @@ TEST_F(ServerTest, UdpPlayReceivesRtpOnTheClientPort) {
   EXPECT_GT(n, 12);
   EXPECT_EQ(buf[0], 0x80);
   EXPECT_EQ(buf[1] & 0x7F, 96);
-  close(rtp);
-}
 
-TEST_F(ServerTest, DescribeWaitsForParameterSetsThen503) {
-  FakePublisher bare(server_->Handle(), "bare", /*with_sets=*/false);
-  ASSERT_TRUE(bare.Offer());
-  Client c(server_->Port());
-  const auto start = std::chrono::steady_clock::now();
-  c.Send(c.Request("DESCRIBE", "rtsp://127.0.0.1/bare", 1));
-  Response r = c.Read();
-  EXPECT_EQ(r.status, 503);
-  EXPECT_EQ(r.headers["Retry-After"], "1");
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
-  // Sets that arrive during the wait are used at once.
-  c.Send(c.Request("DESCRIBE", "rtsp://127.0.0.1/bare", 2));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  bare.piple()->SetSpsPps(qz_test::kH264Sps.data(), 7, qz_test::kH264Pps.data(), 4);
-  EXPECT_EQ(c.Read().status, 200);
-  bare.Withdraw();
+  const uint32_t ssrc = transport.ssrc;
+  const uint8_t rr[] = {0x81,
+                        201,
+                        0,
+                        7,
+                        0,
+                        0,
+                        0,
+                        9,
+                        uint8_t(ssrc >> 24),
+                        uint8_t(ssrc >> 16),
+                        uint8_t(ssrc >> 8),
+                        uint8_t(ssrc),
+                        128,
+                        0,
+                        0,
+                        5,
+                        0,
+                        0,
+                        0,
+                        1,
+                        0,
+                        0,
+                        0,
+                        90,
+                        0,
+                        0,
+                        0,
+                        0,
+                        0,
+                        0,
+                        0,
+                        0};
+  sockaddr_in server_rtcp = addr;
+  server_rtcp.sin_port = htons(static_cast<uint16_t>(transport.server_rtcp_port));
+  ASSERT_EQ(sendto(rtcp, rr, sizeof(rr), 0, reinterpret_cast<sockaddr*>(&server_rtcp),
+                   sizeof(server_rtcp)),
+            static_cast<ssize_t>(sizeof(rr)));
+  ASSERT_TRUE(qz_test::WaitFor([this] {
+    const QZRtspServerStats stats = server_->GetStats();
+    return stats.session_stats.size() == 1 && stats.session_stats[0].receiver_reports == 1;
+  }));
+  const QZRtspSessionStats s = server_->GetStats().session_stats[0];
+  EXPECT_DOUBLE_EQ(s.fraction_lost, 0.5);
+  EXPECT_EQ(s.cumulative_lost, 5);
+  EXPECT_NEAR(s.jitter_ms, 1.0, 1e-9);  // 90 at 90 kHz
+  EXPECT_FALSE(s.tcp);
+  EXPECT_EQ(s.client, "127.0.0.1");
+  close(rtp);
+  close(rtcp);
 }
 
 TEST_F(ServerTest, PipesAreRefusedWhenNamesClashOrTheServerIsStopped) {
@@ -425,18 +328,6 @@ TEST_F(ServerTest, ClientLimitAnswers503) {
   EXPECT_EQ(again.Read().status, 200);
 }
 
-TEST_F(ServerTest, SessionOfAnotherConnectionIsUnknown) {
-  Client a(server_->Port());
-  std::string session;
-  ASSERT_EQ(Play(a, &session).status, 200);
-  Client b(server_->Port());
-  b.Send(b.Request("PAUSE", url_, 1, "Session: " + session + "\r\n"));
-  EXPECT_EQ(b.Read().status, 454);
-  b.Send(b.Request("TEARDOWN", url_, 2, "Session: " + session + "\r\n"));
-  EXPECT_EQ(b.Read().status, 454);
-  EXPECT_FALSE(a.Frames(200).empty());  // a is untouched
-}
-
 // ---- hostile input -------------------------------------------------------------
 
 struct HostileCase {
@@ -462,66 +353,15 @@ const HostileCase kHostileCases[] = {
      "OPTIONS /" + std::string(9000, 'a') + " RTSP/1.0\r\nCSeq: 1\r\n\r\n",
      400},
     {"64k_without_line_end", {}, std::string(66 * 1024, 'x'), 400},
-    {"missing_cseq", {}, "OPTIONS {U} RTSP/1.0\r\n\r\n", 400},
-    {"repeated_cseq", {}, "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\nCSeq: 2\r\n\r\n", 400},
     {"negative_content_length",
      {},
      "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\nContent-Length: -1\r\n\r\n",
-     400},
-    {"huge_content_length",
-     {},
-     "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 4294967296\r\n\r\n",
      400},
     {"content_length_longer_than_sent",
      {},
      "SET_PARAMETER {U} RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 100\r\n\r\nshort",
      -2},
-    {"rtsp_2", {}, "OPTIONS {U} RTSP/2.0\r\nCSeq: 1\r\n\r\n", 505},
-    {"unknown_method", {}, Req("BREW", "{U}"), 501},
-    {"announce", {}, Req("ANNOUNCE", "{U}"), 405},
-    {"describe_unknown_stream", {}, Req("DESCRIBE", "rtsp://127.0.0.1/nope"), 404},
-    {"setup_unknown_stream",
-     {},
-     Req("SETUP", "rtsp://127.0.0.1/nope/trackID=0", "Transport: RTP/AVP/TCP\r\n"),
-     404},
-    {"setup_unknown_track", {}, Req("SETUP", "{U}/trackID=9", "Transport: RTP/AVP/TCP\r\n"), 404},
-    {"setup_without_transport", {}, Req("SETUP", "{U}/trackID=0"), 461},
-    {"unsupported_transport",
-     {},
-     Req("SETUP", "{U}/trackID=0", "Transport: RAW/RAW/UDP;client_port=5000-5001\r\n"),
-     461},
-    {"client_port_zero",
-     {},
-     Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-0\r\n"),
-     461},
-    {"client_port_out_of_range",
-     {},
-     Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP;unicast;client_port=65536-65537\r\n"),
-     461},
-    {"destination_elsewhere",
-     {},
-     Req("SETUP",
-         "{U}/trackID=0",
-         "Transport: RTP/AVP;unicast;destination=198.51.100.7;client_port=5000-5001\r\n"),
-     461},
-    {"multicast", {}, Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP;multicast\r\n"), 461},
-    {"play_without_session", {}, Req("PLAY", "{U}"), 454},
-    {"play_unknown_session", {}, Req("PLAY", "{U}", "Session: 0123456789ABCDEF\r\n"), 454},
-    {"keepalive_unknown_session", {}, Req("GET_PARAMETER", "{U}", "Session: FFFF\r\n"), 454},
-    {"setup_twice_on_one_track",
-     {kTcpSetup},
-     Req("SETUP", "{U}/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
-     455},
-    {"require_unknown_option",
-     {},
-     Req("OPTIONS", "{U}", "Require: com.example.record, play.basic\r\n"),
-     551},
-    {"setup_to_record",
-     {},
-     Req("SETUP",
-         "{U}/trackID=0",
-         "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;mode=record\r\n"),
-     461},
+    {"missing_cseq", {}, "OPTIONS {U} RTSP/1.0\r\n\r\n", 400},
     {"teardown_then_reuse",
      {kTcpSetup, Req("TEARDOWN", "{U}", "Session: {S}\r\n")},
      Req("PLAY", "{U}", "Session: {S}\r\n"),
@@ -540,7 +380,6 @@ const HostileCase kHostileCases[] = {
                  "abc",
                  7),
      -2},
-    {"pause_in_init_state", {}, Req("PAUSE", "{U}", "Session: {S}\r\n"), 454},
 };
 
 class HostileInputTest : public ServerTest, public ::testing::WithParamInterface<HostileCase> {};
@@ -602,26 +441,6 @@ TEST_F(ServerTest, PipelinedAndByteAtATimeRequests) {
   EXPECT_EQ(c.Read().headers["CSeq"], "4");
 }
 
-// A TCP viewer that stops reading holds nothing up: the others keep their
-// media, and when it reads again it resumes at a key frame.
-TEST_F(ServerTest, ClientThatStopsReadingHarmsNobody) {
-  Client stalled(server_->Port());
-  std::string stalled_session;
-  ASSERT_EQ(Play(stalled, &stalled_session).status, 200);
-  Client viewer(server_->Port());
-  std::string session;
-  ASSERT_EQ(Play(viewer, &session).status, 200);
-  size_t received = 0;
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-  while (std::chrono::steady_clock::now() < until) {
-    received += viewer.Frames(100).size();
-  }
-  EXPECT_GT(received, 300u);  // about 170 video and 100 audio packets a second
-  auto frames = stalled.Frames(1000);
-  ASSERT_FALSE(frames.empty());
-  EXPECT_EQ(server_->GetStats().sessions, 2);
-}
-
 // The server's end of the TCP connection from local port `client_port`
 // (the server runs in this process), or -1.
 int ServerSocketOf(uint16_t client_port) {
@@ -663,83 +482,6 @@ TEST_F(ServerTest, TcpSendBufferIsSizedFromTheStreamRate) {
       EXPECT_EQ(bytes, 2 * 64 * 1024);
     } else {
       EXPECT_NE(bytes, 2 * 64 * 1024);
-    }
-  }
-}
-
-TEST_F(ServerTest, SilentUdpSessionExpiresAloneNotItsConnection) {
-  QZRtspServerOptions options;
-  options.session_timeout_s = 1;
-  Restart(options);
-  Client c(server_->Port());
-  std::string silent, busy;
-  ASSERT_EQ(Play(c, &silent, "RTP/AVP;unicast;client_port=40000-40001").status, 200);
-  ASSERT_EQ(Play(c, &busy).status, 200);  // a second session on the same connection, over TCP
-  // No receiver reports and no requests: gone after the timeout.
-  ASSERT_TRUE(qz_test::WaitFor([this] { return server_->GetStats().sessions == 1; },
-                               std::chrono::milliseconds(4000)));
-  c.Send(c.Request("GET_PARAMETER", url_, 9, "Session: " + silent + "\r\n"));
-  EXPECT_EQ(c.Read().status, 454);
-  c.Send(c.Request("GET_PARAMETER", url_, 10, "Session: " + busy + "\r\n"));
-  EXPECT_EQ(c.Read().status, 200);
-  EXPECT_FALSE(c.Frames(200).empty());
-}
-
-// VLC switches a track off with a TEARDOWN of its URL and on again with a
-// SETUP on the playing session and a PLAY; players that open a second
-// session on one connection ask for channels already in use.
-TEST_F(ServerTest, TracksComeAndGoWithinAPlayingSession) {
-  auto channels = [](const std::vector<std::pair<uint8_t, std::string>>& frames) {
-    std::set<int> seen;
-    for (const auto& f : frames) {
-      seen.insert(f.first);
-    }
-    return seen;
-  };
-  Client c(server_->Port());
-  c.Send(c.Request("SETUP", url_ + "/trackID=0", 1, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n"));
-  const std::string session = SessionId(c.Read());
-  // Channels taken on this connection: the track's own pair instead.
-  c.Send(c.Request("SETUP", url_ + "/trackID=1", 2,
-                   "Transport: RTP/AVP/TCP;interleaved=0-1\r\nSession: " + session + "\r\n"));
-  Response audio = c.Read();
-  ASSERT_EQ(audio.status, 200);
-  EXPECT_NE(audio.headers["Transport"].find("interleaved=2-3"), std::string::npos);
-  c.Send(c.Request("PLAY", url_, 3, "Session: " + session + "\r\n"));
-  ASSERT_EQ(c.Read().status, 200);
-  EXPECT_EQ(channels(c.Frames(300)), (std::set<int>{0, 1, 2, 3}));
-
-  c.Send(c.Request("TEARDOWN", url_ + "/trackID=1", 4, "Session: " + session + "\r\n"));
-  ASSERT_EQ(c.Read().status, 200);
-  c.Frames(100);                                           // what was on its way
-  EXPECT_EQ(channels(c.Frames(300)), (std::set<int>{0}));  // video plays on, no audio
-
-  c.Send(c.Request("SETUP", url_ + "/trackID=1", 5,
-                   "Transport: RTP/AVP/TCP;interleaved=6-7\r\nSession: " + session + "\r\n"));
-  Response again = c.Read();
-  ASSERT_EQ(again.status, 200);
-  EXPECT_NE(again.headers["Transport"].find("interleaved=6-7"), std::string::npos);
-  EXPECT_EQ(channels(c.Frames(200)), (std::set<int>{0}));  // not before PLAY
-  c.Send(c.Request("PLAY", url_, 6, "Session: " + session + "\r\n"));
-  Response play = c.Read();
-  ASSERT_EQ(play.status, 200);
-  EXPECT_NE(play.headers["RTP-Info"].find("trackID=1;seq="), std::string::npos);
-  EXPECT_EQ(channels(c.Frames(300)), (std::set<int>{0, 6, 7}));
-
-  // A second session on the connection asks for video's channels: it gets
-  // a free pair and its own copy of the video there.
-  c.Send(c.Request("SETUP", url_ + "/trackID=0", 7, "Transport: RTP/AVP/TCP;interleaved=0-1\r\n"));
-  Response second = c.Read();
-  ASSERT_EQ(second.status, 200);
-  EXPECT_NE(second.headers["Transport"].find("interleaved=2-3"), std::string::npos);
-  c.Send(c.Request("PLAY", url_, 8, "Session: " + SessionId(second) + "\r\n"));
-  ASSERT_EQ(c.Read().status, 200);
-  const auto frames = c.Frames(300);
-  const std::set<int> seen = channels(frames);
-  EXPECT_TRUE(seen.count(0) && seen.count(2) && seen.count(6)) << seen.size();
-  for (const auto& f : frames) {
-    if (f.first == 2) {  // RTP version 2 behind the rewritten header
-      EXPECT_EQ(static_cast<uint8_t>(f.second[0]) >> 6, 2);
     }
   }
 }

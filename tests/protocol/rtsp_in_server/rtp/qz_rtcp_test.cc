@@ -59,50 +59,42 @@ TEST(RtcpParseTest, CompoundPackets) {
     const char* name;
     Bytes bytes;
     std::vector<BlockView> blocks;
-    Words bye_ssrcs;
-    bool bye;
+    bool bye = false;
+    Words bye_ssrcs = {};
   };
   const Case cases[] = {
-      {"rr_no_block", Packet(0x80, 201, {0xAAAA}), {}, {}, false},
       {"rr_one_block_negative_loss",
        Packet(0x81, 201,
               Join<uint32_t>({{0xAAAA}, Block(0x1111, 0x40, 0xFFFFFD, 0x10005, 0xB7052000)})),
-       {BlockView{0x1111, 0x40, -3, 0x10005, 77, 0xB7052000, 0x10000}},
-       {},
-       false},
+       {BlockView{0x1111, 0x40, -3, 0x10005, 77, 0xB7052000, 0x10000}}},
       {"rr_two_blocks",
        Packet(0x82, 201,
               Join<uint32_t>(
                   {{0xAAAA}, Block(0x1111, 0, 0x7FFFFF, 9, 0), Block(0x2222, 0xFF, 5, 8, 3)})),
        {BlockView{0x1111, 0, 0x7FFFFF, 9, 77, 0, 0x10000},
-        BlockView{0x2222, 0xFF, 5, 8, 77, 3, 0x10000}},
-       {},
-       false},
+        BlockView{0x2222, 0xFF, 5, 8, 77, 3, 0x10000}}},
       {"sr_then_rr",
        Join<uint8_t>(
            {Packet(0x81, 200, Join<uint32_t>({{0xAAAA}, kSenderInfo, Block(0x1111, 1, 2, 3, 4)})),
             Packet(0x81, 201, Join<uint32_t>({{0xAAAA}, Block(0x2222, 5, 6, 7, 8)}))}),
-       {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}, BlockView{0x2222, 5, 6, 7, 77, 8, 0x10000}},
-       {},
-       false},
-      {"rr_sdes_bye",
+       {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}, BlockView{0x2222, 5, 6, 7, 77, 8, 0x10000}}},
+      {"rr_without_blocks_sdes_bye",
        Join<uint8_t>({Packet(0x80, 201, {0xAAAA}), sdes, Packet(0x81, 203, {0xAAAA})}),
        {},
-       {0xAAAA},
-       true},
-      {"bye_sources_and_reason", Packet(0x83, 203, {1, 2, 3, 0x03627965}), {}, {1, 2, 3}, true},
+       true,
+       {0xAAAA}},
+      {"bye_sources_and_reason", Packet(0x83, 203, {1, 2, 3, 0x03627965}), {}, true, {1, 2, 3}},
       {"app_in_the_middle",
        Join<uint8_t>({Packet(0x81, 201, Join<uint32_t>({{0xAAAA}, Block(0x1111, 1, 2, 3, 4)})),
                       Packet(0x80, 204, {0xAAAA, 0x71777A31, 0xDEADBEEF}), Packet(0x80, 203, {})}),
        {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}},
-       {},
        true},
       // P set on the last packet: its final octet (4) drops the last word.
       {"padding_on_last",
        Join<uint8_t>({Packet(0x80, 201, {0xAAAA}), Packet(0xA1, 203, {0xBBBB, 4})}),
        {},
-       {0xBBBB},
-       true},
+       true,
+       {0xBBBB}},
   };
   RtcpReceived out;  // reused: each parse starts from nothing
   for (const Case& c : cases) {
@@ -145,7 +137,9 @@ TEST(RtcpParseTest, MalformedPacketsFail) {
   }
 }
 
-TEST(RtcpSenderReportTest, FieldsAtTheirOffsets) {
+// An SR without report blocks, then an SDES with the CNAME and a null item,
+// padded to a word.
+TEST(RtcpSenderReportTest, Golden) {
   struct Case {
     unsigned long long ntp_us;
     uint32_t ntp_seconds;  // since 1900
@@ -161,43 +155,37 @@ TEST(RtcpSenderReportTest, FieldsAtTheirOffsets) {
   };
   for (const Case& c : cases) {
     const Bytes sr = BuildRtcpSenderReport(0xAABBCCDD, c.ntp_us, 1234, 10, 2000, c.cname);
-    const size_t name = std::min<size_t>(c.cname.size(), 255);
-    const size_t sdes_size = 4 + (4 + 2 + name + 1 + 3) / 4 * 4;  // ends with a null item
-    ASSERT_EQ(sr.size(), 28 + sdes_size) << c.cname;
-    EXPECT_EQ(Read32(sr, 0), 0x80C80006u);  // V=2 RC=0, SR, 6 words follow
-    EXPECT_EQ(Read32(sr, 4), 0xAABBCCDDu);
-    EXPECT_EQ(Read32(sr, 8), c.ntp_seconds);
-    EXPECT_EQ(Read32(sr, 12), c.ntp_fraction);
-    EXPECT_EQ(Read32(sr, 16), 1234u);
-    EXPECT_EQ(Read32(sr, 20), 10u);
-    EXPECT_EQ(Read32(sr, 24), 2000u);
-    EXPECT_EQ(Read32(sr, 28), 0x81CA0000u | static_cast<uint32_t>(sdes_size / 4 - 1));
-    EXPECT_EQ(Read32(sr, 32), 0xAABBCCDDu);
-    EXPECT_EQ(sr[36], 1);  // CNAME
-    EXPECT_EQ(sr[37], name);
-    EXPECT_EQ(std::string(sr.begin() + 38, sr.begin() + 38 + name), c.cname.substr(0, name));
-    EXPECT_EQ(Bytes(sr.begin() + 38 + name, sr.end()), Bytes(sr.size() - 38 - name, 0));
+    const std::string name = c.cname.substr(0, 255);
+    Bytes items = {1, static_cast<uint8_t>(name.size())};
+    items.insert(items.end(), name.begin(), name.end());
+    items.resize((items.size() + 1 + 3) / 4 * 4, 0);
+    Words sdes = {0xAABBCCDD};
+    for (size_t i = 0; i < items.size(); i += 4) {
+      sdes.push_back(Read32(items, i));
+    }
+    EXPECT_EQ(sr,
+              Join<uint8_t>(
+                  {Packet(0x80, 200, {0xAABBCCDD, c.ntp_seconds, c.ntp_fraction, 1234, 10, 2000}),
+                   Packet(0x81, 202, sdes)}))
+        << c.cname;
     RtcpReceived out;
     EXPECT_TRUE(ParseRtcp(sr.data(), sr.size(), out));
     EXPECT_TRUE(out.blocks.empty());
   }
 }
 
+// RFC 3550 6.4.1: SR sent at 11:33:25.125 (compact 0xB705:2000), the report
+// arrives at 11:33:36.500 (0xB710:8000) after a 5.25 s delay at the receiver
+// (DLSR 0x0005:4000): 6.125 s round trip.
 TEST(RtcpTimeTest, RoundTripFromRfc3550Example) {
-  // RFC 3550 6.4.1: SR sent at 11:33:25.125 (compact 0xB705:2000), the
-  // report arrives at 11:33:36.500 (0xB710:8000) after a 5.25 s delay at
-  // the receiver (DLSR 0x0005:4000): 6.125 s round trip.
-  const uint32_t lsr = RtcpCompactNtp(816003205125000ULL);
-  const uint32_t arrival = RtcpCompactNtp(816003216500000ULL);
-  EXPECT_EQ(lsr, 0xB7052000u);
-  EXPECT_EQ(arrival, 0xB7108000u);
-  EXPECT_EQ(RtcpRoundTripUs(arrival, lsr, 0x00054000), 6125000);
-
+  EXPECT_EQ(RtcpCompactNtp(816003205125000ULL), 0xB7052000u);
+  EXPECT_EQ(RtcpCompactNtp(816003216500000ULL), 0xB7108000u);
   struct Case {
     uint32_t arrival, lsr, dlsr;
     long long expected;
   };
   const Case cases[] = {
+      {0xB7108000, 0xB7052000, 0x00054000, 6125000},
       {0x00001000, 0xFFFFF000, 0x1000, 62500},   // compact NTP wrapped: 1/16 s
       {0xB7108000, 0, 0, -1},                    // no SR echoed
       {0xB7108000, 0xB7052000, 0x000B6001, -1},  // receiver held it longer than possible

@@ -1,0 +1,41 @@
+#include "protocol/rtsp_in_server/net/qz_udp_sink.h"
+
+namespace qz_rtsp_internal_server {
+
+SocketUdpSink::SocketUdpSink(asio::ip::udp::socket& rtp, asio::ip::udp::socket& rtcp, bool gso)
+    : rtcp_(rtcp),
+      v6_(rtp.local_endpoint().protocol() == asio::ip::udp::v6()),
+      gso_(gso),
+      batch_(rtp.native_handle(), &gso_, [this](void* tag, size_t size, bool sent) {
+        Report(tag, size, sent);
+      }) {}
+
+asio::ip::udp::endpoint SocketUdpSink::Destination(const asio::ip::udp::endpoint& to) const {
+  if (v6_ && to.address().is_v4()) {
+    return asio::ip::udp::endpoint(
+        asio::ip::make_address_v6(asio::ip::v4_mapped, to.address().to_v4()), to.port());
+  }
+  return to;
+}
+
+void SocketUdpSink::Add(const asio::ip::udp::endpoint& to,
+                        const uint8_t* data,
+                        size_t size,
+                        void* tag) {
+  batch_.Add(Destination(to), data, size, tag);
+}
+
+void SocketUdpSink::Flush() {
+  batch_.Flush();
+}
+
+void SocketUdpSink::SendRtcp(const asio::ip::udp::endpoint& to,
+                             const uint8_t* data,
+                             size_t size,
+                             void* tag) {
+  asio::error_code ec;
+  rtcp_.send_to(asio::buffer(data, size), Destination(to), 0, ec);
+  Report(tag, size, !ec);
+}
+
+}  // namespace qz_rtsp_internal_server

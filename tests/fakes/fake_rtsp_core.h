@@ -1,0 +1,151 @@
+// The server's logic on fakes, for tests that drive it without sockets,
+// threads or sleeps: a core (request handler, session table, fan-out) on a
+// hand-moved clock and a counting random source, a UDP sink and client
+// connections that record what would be sent, and one stream ("live":
+// H.264 and G.711 A-law) whose records the test posts. Work the server would
+// run in a later turn of its network thread waits until Drain().
+#ifndef TESTS_FAKES_FAKE_RTSP_CORE_H_
+#define TESTS_FAKES_FAKE_RTSP_CORE_H_
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
+#include "tests/fakes/fake_seams.h"
+
+namespace qz_test {
+
+using qz_rtsp_internal_server::QZRtspPacketPiple;
+using qz_rtsp_internal_server::RtspClient;
+using qz_rtsp_internal_server::RtspServerCore;
+using qz_rtsp_internal_server::RtspStream;
+
+struct Datagram {
+  asio::ip::udp::endpoint to;
+  std::string bytes;
+  bool rtcp;
+};
+
+class FakeUdpSink : public qz_rtsp_internal_server::UdpSink {
+ public:
+  void Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_t size, void* tag) override;
+  void Flush() override {}
+  void SendRtcp(const asio::ip::udp::endpoint& to,
+                const uint8_t* data,
+                size_t size,
+                void* tag) override;
+  std::vector<Datagram> sent;
+};
+
+// What a client connection was given, in the order it would write it: a
+// response (channel -1) or an interleaved frame (its channel, its bytes
+// without the 4-byte header).
+struct Written {
+  int channel;
+  std::string bytes;
+};
+
+struct Reply {
+  int status = -1;  // -1: no answer
+  std::map<std::string, std::string> headers;
+  std::string body;
+  std::string Header(const std::string& name) const {
+    auto it = headers.find(name);
+    return it == headers.end() ? std::string() : it->second;
+  }
+};
+
+class FakeClient : public RtspClient {
+ public:
+  FakeClient(RtspServerCore& core, uint16_t remote_port, const std::string& remote_address);
+
+  void SendResponse(std::string response) override;
+  bool SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp) override;
+  // Writes every media write the fan-out gathers, unless `stalled`.
+  void KickWrite() override;
+  void CloseAfterWrite() override { close_after_write = true; }
+  void Close() override;
+  bool closed() const override { return closed_; }
+
+  std::vector<Written> written;
+  int media_writes = 0;
+  bool stalled = false;  // a full socket: nothing is written
+  bool close_after_write = false;
+  bool control_full = false;  // interleaved RTCP is refused
+
+ private:
+  RtspServerCore& core_;
+  qz_rtsp_internal_server::RtspTcpWrite write_;
+  bool closed_ = false;
+};
+
+class FakeRtspCore {
+ public:
+  explicit FakeRtspCore(qz_rtsp_internal_server::QZRtspServerOptions options =
+                            qz_rtsp_internal_server::QZRtspServerOptions());
+  ~FakeRtspCore();
+
+  // A new client connection from 127.0.0.1:<port>.
+  std::shared_ptr<FakeClient> Connect(uint16_t port = 50000,
+                                      const std::string& address = "127.0.0.1");
+  // Hands the request to the server as the connection would and returns
+  // the answer (the last response written). "{S}" in `extra` becomes
+  // `session`. The URL defaults to the stream's.
+  Reply Send(FakeClient& client,
+             const std::string& method,
+             const std::string& url_suffix = "",
+             const std::string& extra = "");
+  // The raw text of a request, for requests that are not well formed.
+  Reply SendRaw(FakeClient& client, const std::string& text);
+  // SETUP of `track` (TCP on `channels`, "udp:<port>" for UDP) on the
+  // session, or a new one; returns the session id.
+  std::string Setup(FakeClient& client,
+                    int track,
+                    const std::string& transport,
+                    const std::string& session = "");
+
+  // Records of frame `i` (video: key frame every `gop`-th; G.711 audio),
+  // posted into the pipe as the publisher would, then drained.
+  void Feed(int from, int count, int gop = 10);
+  void PostVideo(int i, bool key);
+  void PostAudio(int i);
+  // Runs what the network thread would run next: gate batches, posted work,
+  // and timers that are due on the clock.
+  void Drain();
+  void AdvanceMs(long long ms);
+
+  RtspServerCore& core() { return *core_; }
+  RtspStream& stream() { return *stream_; }
+  std::shared_ptr<QZRtspPacketPiple>& piple() { return piple_; }
+  FakeClock& clock() { return clock_; }
+  FakeUdpSink& udp() { return udp_; }
+  std::vector<std::string>& key_frame_requests() { return key_frame_requests_; }
+  RtspServerCore::Totals& totals() { return totals_; }
+  static constexpr const char* kUrl = "rtsp://127.0.0.1:8554/live";
+
+ private:
+  FakeClock clock_;
+  CountingRandom random_;
+  FakeUdpSink udp_;
+  RtspServerCore::Totals totals_;
+  std::shared_ptr<QZRtspPacketPiple> piple_;
+  std::shared_ptr<RtspStream> stream_;
+  std::unique_ptr<RtspServerCore> core_;
+  std::vector<std::function<void()>> batches_;
+  std::vector<std::function<void()>> posted_;
+  std::vector<std::pair<long long, std::function<void()>>> timers_;
+  std::vector<std::string> key_frame_requests_;
+};
+
+// The interleaved frames a client was given, responses left out.
+std::vector<Written> Frames(const FakeClient& client);
+// The RTP sequence number of a packet's bytes.
+int SeqOf(const std::string& rtp);
+
+}  // namespace qz_test
+
+#endif  // TESTS_FAKES_FAKE_RTSP_CORE_H_

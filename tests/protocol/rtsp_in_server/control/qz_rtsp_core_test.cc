@@ -1,0 +1,605 @@
+// The server's logic driven through its seams: requests handed to the
+// handler as a connection would, records posted into the stream's pipe, the
+// clock moved by hand; what each client would be sent is read from fakes.
+// No sockets, threads or sleeps.
+#include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
+#include "tests/fakes/fake_rtsp_core.h"
+#include "tests/fakes/test_support.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+using qz_test::FakeClient;
+using qz_test::FakeRtspCore;
+using qz_test::Frames;
+using qz_test::Reply;
+using qz_test::SeqOf;
+using qz_test::Written;
+
+std::set<int> Channels(const std::vector<Written>& frames) {
+  std::set<int> seen;
+  for (const Written& f : frames) {
+    seen.insert(f.channel);
+  }
+  return seen;
+}
+
+// Frames written since `from` (an index into the client's output).
+std::vector<Written> FramesSince(const FakeClient& client, size_t from) {
+  std::vector<Written> out;
+  for (size_t i = from; i < client.written.size(); ++i) {
+    if (client.written[i].channel >= 0) {
+      out.push_back(client.written[i]);
+    }
+  }
+  return out;
+}
+
+long long RtpTimeOf(const std::string& rtp) {
+  long long t = 0;
+  for (int i = 4; i < 8; ++i) {
+    t = (t << 8) | static_cast<uint8_t>(rtp[i]);
+  }
+  return t;
+}
+
+bool IsSenderReport(const std::string& rtcp) {
+  return rtcp.size() > 1 && static_cast<uint8_t>(rtcp[1]) == 200;
+}
+
+// ---- requests and their answers -----------------------------------------------------
+
+struct RequestCase {
+  const char* name;
+  // Requests sent first, each answered 200 ("{S}": the session id so far).
+  std::vector<std::string> before;
+  std::string request;
+  int status;
+  const char* header = "";  // a header the answer must have ("Name: part of its value")
+};
+
+std::string Req(const std::string& line, const std::string& extra = "") {
+  return line + " RTSP/1.0\r\nCSeq: 1\r\n" + extra + "\r\n";
+}
+
+const std::string kU = FakeRtspCore::kUrl;
+const std::string kTcpSetup =
+    Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+
+const RequestCase kRequestCases[] = {
+    {"options",
+     {},
+     Req("OPTIONS " + kU),
+     200,
+     "Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER"},
+    {"missing_cseq", {}, "OPTIONS " + kU + " RTSP/1.0\r\n\r\n", 400},
+    {"repeated_cseq", {}, "OPTIONS " + kU + " RTSP/1.0\r\nCSeq: 1\r\nCSeq: 2\r\n\r\n", 400},
+    {"rtsp_2", {}, "OPTIONS " + kU + " RTSP/2.0\r\nCSeq: 1\r\n\r\n", 505},
+    {"unknown_method", {}, Req("BREW " + kU), 501},
+    {"announce", {}, Req("ANNOUNCE " + kU), 405},
+    {"record", {}, Req("RECORD " + kU), 405},
+    {"describe_unknown_stream", {}, Req("DESCRIBE rtsp://127.0.0.1/nope"), 404},
+    {"setup_unknown_stream",
+     {},
+     Req("SETUP rtsp://127.0.0.1/nope/trackID=0", "Transport: RTP/AVP/TCP\r\n"),
+     404},
+    {"setup_unknown_track",
+     {},
+     Req("SETUP " + kU + "/trackID=9", "Transport: RTP/AVP/TCP\r\n"),
+     404},
+    {"setup_stream_url_of_two_tracks", {}, Req("SETUP " + kU, "Transport: RTP/AVP/TCP\r\n"), 404},
+    {"setup_without_transport", {}, Req("SETUP " + kU + "/trackID=0"), 461},
+    {"unsupported_transport",
+     {},
+     Req("SETUP " + kU + "/trackID=0", "Transport: RAW/RAW/UDP;client_port=5000-5001\r\n"),
+     461},
+    {"client_port_zero",
+     {},
+     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-0\r\n"),
+     461},
+    {"client_port_out_of_range",
+     {},
+     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=65536-65537\r\n"),
+     461},
+    {"destination_elsewhere",
+     {},
+     Req("SETUP " + kU + "/trackID=0",
+         "Transport: RTP/AVP;unicast;destination=198.51.100.7;client_port=5000-5001\r\n"),
+     461},
+    {"multicast", {}, Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP;multicast\r\n"), 461},
+    {"setup_to_record",
+     {},
+     Req("SETUP " + kU + "/trackID=0",
+         "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;mode=record\r\n"),
+     461},
+    {"require_unknown_option",
+     {},
+     Req("OPTIONS " + kU, "Require: com.example.record, play.basic\r\n"),
+     551,
+     "Unsupported: com.example.record, play.basic"},
+    {"play_without_session", {}, Req("PLAY " + kU), 454},
+    {"play_unknown_session", {}, Req("PLAY " + kU, "Session: 0123456789ABCDEF\r\n"), 454},
+    {"keepalive_unknown_session", {}, Req("GET_PARAMETER " + kU, "Session: FFFF\r\n"), 454},
+    {"options_unknown_session", {}, Req("OPTIONS " + kU, "Session: FFFF\r\n"), 200},
+    {"setup_unknown_session",
+     {},
+     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: FFFF\r\n"),
+     454},
+    {"keepalive",
+     {kTcpSetup},
+     Req("GET_PARAMETER " + kU, "Session: {S}\r\n"),
+     200,
+     "Session: ;timeout=60"},
+    {"setup_twice_on_one_track",
+     {kTcpSetup},
+     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
+     455},
+    {"setup_other_stream_on_session",
+     {kTcpSetup},
+     Req("SETUP rtsp://127.0.0.1/other/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
+     404},
+    {"pause_before_play", {kTcpSetup}, Req("PAUSE " + kU, "Session: {S}\r\n"), 200},
+    {"teardown_then_reuse",
+     {kTcpSetup, Req("TEARDOWN " + kU, "Session: {S}\r\n")},
+     Req("PLAY " + kU, "Session: {S}\r\n"),
+     454},
+    {"teardown_of_last_track_ends_session",
+     {kTcpSetup, Req("TEARDOWN " + kU + "/trackID=0", "Session: {S}\r\n")},
+     Req("GET_PARAMETER " + kU, "Session: {S}\r\n"),
+     454},
+    {"udp_setup_names_both_port_pairs",
+     {},
+     Req("SETUP " + kU + "/trackID=1", "Transport: RTP/AVP;unicast;client_port=7000-7001\r\n"),
+     200,
+     "Transport: RTP/AVP;unicast;client_port=7000-7001;server_port=20000-20001;ssrc="},
+};
+
+class RequestTest : public ::testing::TestWithParam<RequestCase> {};
+
+TEST_P(RequestTest, Answered) {
+  const RequestCase& c = GetParam();
+  FakeRtspCore server;
+  auto client = server.Connect();
+  std::string session;
+  auto expand = [&session](std::string s) {
+    for (size_t at; (at = s.find("{S}")) != std::string::npos;) {
+      s.replace(at, 3, session);
+    }
+    return s;
+  };
+  for (const std::string& step : c.before) {
+    const Reply r = server.SendRaw(*client, expand(step));
+    ASSERT_EQ(r.status, 200) << step;
+    if (!r.Header("Session").empty()) {
+      session = r.Header("Session").substr(0, 16);
+    }
+  }
+  const Reply r = server.SendRaw(*client, expand(c.request));
+  EXPECT_EQ(r.status, c.status);
+  EXPECT_EQ(client->close_after_write, c.status == 400)
+      << "only a broken request ends the connection";
+  const std::string header = c.header;
+  if (!header.empty()) {
+    const size_t colon = header.find(": ");
+    EXPECT_NE(r.Header(header.substr(0, colon)).find(header.substr(colon + 2)), std::string::npos)
+        << r.Header(header.substr(0, colon));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table,
+                         RequestTest,
+                         ::testing::ValuesIn(kRequestCases),
+                         [](const ::testing::TestParamInfo<RequestCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+TEST(CoreTest, DescribeNamesTheStreamAndWaitsForItsParameterSets) {
+  QZRtspServerOptions options;
+  options.describe_wait_ms = 300;
+  FakeRtspCore server(options);
+  auto client = server.Connect();
+  const Reply described = server.Send(*client, "DESCRIBE");
+  ASSERT_EQ(described.status, 200);
+  EXPECT_EQ(described.Header("Content-Base"), std::string(FakeRtspCore::kUrl) + "/");
+  EXPECT_NE(described.body.find("sprop-parameter-sets=Z0LAHtoCgA==,aM48gA=="), std::string::npos);
+  EXPECT_NE(described.body.find("a=rtpmap:8 PCMA/8000"), std::string::npos);
+
+  // Without parameter sets: no answer until they come, 503 after the wait.
+  server.piple()->SetSpsPps(nullptr, 0, nullptr, 0);
+  ASSERT_FALSE(server.piple()->IsHasAVConfig());
+  EXPECT_EQ(server.Send(*client, "DESCRIBE").status, -1);
+  server.AdvanceMs(290);
+  EXPECT_EQ(Frames(*client).size(), 0u);
+  EXPECT_EQ(client->written.size(), 1u) << "still waiting";
+  server.AdvanceMs(20);
+  EXPECT_EQ(client->written.back().bytes.compare(0, 12, "RTSP/1.0 503"), 0);
+  EXPECT_NE(client->written.back().bytes.find("Retry-After: 1"), std::string::npos);
+  // Sets that arrive during the wait are used at once.
+  EXPECT_EQ(server.Send(*client, "DESCRIBE").status, -1);
+  server.AdvanceMs(100);
+  server.piple()->SetSpsPps(qz_test::kH264Sps.data(), 7, qz_test::kH264Pps.data(), 4);
+  server.AdvanceMs(50);
+  EXPECT_EQ(client->written.back().bytes.compare(0, 12, "RTSP/1.0 200"), 0);
+}
+
+TEST(CoreTest, AuthenticationChallengesEverythingButOptions) {
+  QZRtspServerOptions options;
+  options.auth_user = "user";
+  options.auth_password = "secret";
+  FakeRtspCore server(options);
+  auto client = server.Connect();
+  EXPECT_EQ(server.Send(*client, "OPTIONS").status, 200);
+  const Reply challenge = server.Send(*client, "DESCRIBE");
+  ASSERT_EQ(challenge.status, 401);
+  RtspAuthHeader www;
+  ASSERT_TRUE(ParseRtspAuth(challenge.Header("WWW-Authenticate"), www));
+  ASSERT_NE(www.Param("nonce"), nullptr);
+  const std::string url = FakeRtspCore::kUrl;
+  const std::string response = RtspAuthenticator::DigestResponse(
+      "user", "qz-rtsp", "secret", "DESCRIBE", url, *www.Param("nonce"), "", "", "");
+  const std::string credentials =
+      "Authorization: Digest username=\"user\", realm=\"qz-rtsp\", nonce=\"" + *www.Param("nonce") +
+      "\", uri=\"" + url + "\", response=\"";
+  EXPECT_EQ(server.Send(*client, "DESCRIBE", "", credentials + response + "\"\r\n").status, 200);
+  EXPECT_EQ(server.Send(*client, "DESCRIBE", "", credentials + "0" + response.substr(1) + "\"\r\n")
+                .status,
+            401);
+}
+
+// ---- playing ------------------------------------------------------------------------
+
+// A viewer that joins mid-GOP starts at the latest key frame: RTP-Info
+// names that packet, each track's sender report comes before its first
+// packet (FFmpeg re-anchors its clock on the report), and only what was set
+// up is sent.
+TEST(CoreTest, PlayStartsAtTheKeyFrameWithReportsFirst) {
+  FakeRtspCore server;
+  server.Feed(0, 15);
+  for (const bool both : {false, true}) {
+    auto client = server.Connect();
+    const std::string session = server.Setup(*client, 0, "0-1");
+    if (both) {
+      ASSERT_EQ(server.Setup(*client, 1, "2-3", session), session);
+    }
+    const Reply play = server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+    ASSERT_EQ(play.status, 200);
+    EXPECT_EQ(play.Header("Range"), "npt=0.000-");
+    std::vector<RtpInfoEntry> info;
+    ASSERT_TRUE(ParseRtpInfo(play.Header("RTP-Info"), info));
+    ASSERT_EQ(info.size(), both ? 2u : 1u);
+    EXPECT_EQ(info[0].url, std::string(FakeRtspCore::kUrl) + "/trackID=0");
+    server.Feed(15, 3);
+    const std::vector<Written> frames = Frames(*client);
+    EXPECT_EQ(Channels(frames), both ? (std::set<int>{0, 1, 2, 3}) : (std::set<int>{0, 1}));
+    for (const int media : {0, 2}) {
+      const auto first = std::find_if(frames.begin(), frames.end(),
+                                      [media](const Written& f) { return f.channel == media; });
+      if (first == frames.end()) {
+        continue;
+      }
+      const auto report = std::find_if(frames.begin(), frames.end(), [media](const Written& f) {
+        return f.channel == media + 1;
+      });
+      EXPECT_LT(report - frames.begin(), first - frames.begin()) << "channel " << media;
+      EXPECT_TRUE(IsSenderReport(report->bytes));
+      EXPECT_EQ(SeqOf(first->bytes), info[media / 2].seq) << "channel " << media;
+      EXPECT_EQ(RtpTimeOf(first->bytes), info[media / 2].rtptime) << "channel " << media;
+    }
+    // The key frame's STAP-A (SPS and PPS) comes first.
+    const auto video =
+        std::find_if(frames.begin(), frames.end(), [](const Written& f) { return f.channel == 0; });
+    EXPECT_EQ(static_cast<uint8_t>(video->bytes[12]) & 0x1F, 24);
+  }
+}
+
+// Regression: a viewer that joined before the first video key frame got the
+// video sender report only with the periodic ones, seconds later.
+TEST(CoreTest, EarlyViewerGetsTheReportBeforeTheFirstPacket) {
+  FakeRtspCore server;
+  auto client = server.Connect();
+  const std::string session = server.Setup(*client, 0, "0-1");
+  const Reply play = server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+  EXPECT_EQ(play.Header("RTP-Info"), "");  // nothing to name yet
+  EXPECT_EQ(server.key_frame_requests().size(), 1u) << "no key frame held: one is asked for";
+  server.Feed(0, 2);
+  const std::vector<Written> frames = Frames(*client);
+  ASSERT_GE(frames.size(), 2u);
+  EXPECT_EQ(frames[0].channel, 1);
+  EXPECT_TRUE(IsSenderReport(frames[0].bytes));
+}
+
+// Records posted together (the sinker posts what it found queued on one
+// pass) reach a TCP client in one write.
+TEST(CoreTest, RecordsPostedTogetherShareOneWrite) {
+  FakeRtspCore server;
+  server.Feed(0, 1);
+  auto client = server.Connect();
+  const std::string session = server.Setup(*client, 0, "0-1");
+  server.Setup(*client, 1, "2-3", session);
+  server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+  const int writes = client->media_writes;
+  for (int i = 1; i < 6; ++i) {
+    server.PostVideo(i, false);
+    server.PostAudio(i);
+  }
+  server.Drain();
+  EXPECT_EQ(client->media_writes, writes + 1);
+  EXPECT_EQ(FramesSince(*client, 0).size(), Frames(*client).size());
+  EXPECT_EQ(server.stream().Stats().tcp_writes,
+            static_cast<unsigned long long>(client->media_writes));
+}
+
+TEST(CoreTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
+  QZRtspServerOptions options;
+  options.gop_cache = false;
+  FakeRtspCore server(options);
+  server.Feed(0, 5);
+  auto a = server.Connect(50000), b = server.Connect(50002);
+  for (auto* c : {a.get(), b.get()}) {
+    const std::string s = server.Setup(*c, 0, "0-1");
+    EXPECT_EQ(server.Send(*c, "PLAY", "", "Session: " + s + "\r\n").Header("RTP-Info"), "");
+  }
+  EXPECT_EQ(server.key_frame_requests(), std::vector<std::string>{"live"})
+      << "two joins within a second: one request, made in a turn of its own";
+  server.Feed(5, 4);
+  for (const Written& f : Frames(*a)) {
+    EXPECT_EQ(f.channel, 1) << "a sender report at most, no media before the key frame";
+  }
+  server.Feed(9, 2);  // frame 10 is a key frame
+  const std::vector<Written> frames = Frames(*a);
+  ASSERT_FALSE(frames.empty());
+  const auto first =
+      std::find_if(frames.begin(), frames.end(), [](const Written& f) { return f.channel == 0; });
+  ASSERT_NE(first, frames.end());
+  EXPECT_EQ(static_cast<uint8_t>(first->bytes[12]) & 0x1F, 24);
+  // A join a second later asks again.
+  server.clock().AdvanceMs(1000);
+  auto c = server.Connect(50004);
+  server.Send(*c, "PLAY", "", "Session: " + server.Setup(*c, 0, "0-1") + "\r\n");
+  server.Drain();
+  EXPECT_EQ(server.key_frame_requests().size(), 2u);
+}
+
+TEST(CoreTest, UdpViewerGetsMediaOnItsPortsAndReportsOnTheRtcpPort) {
+  FakeRtspCore server;
+  server.Feed(0, 3);
+  auto client = server.Connect(50000, "192.0.2.9");
+  const std::string session = server.Setup(*client, 0, "udp:7000");
+  server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+  server.Feed(3, 2);
+  const auto& sent = server.udp().sent;
+  ASSERT_GT(sent.size(), 3u);
+  EXPECT_TRUE(sent[0].rtcp);
+  EXPECT_EQ(sent[0].to, asio::ip::udp::endpoint(asio::ip::make_address("192.0.2.9"), 7001));
+  for (size_t i = 1; i < sent.size(); ++i) {
+    EXPECT_FALSE(sent[i].rtcp);
+    EXPECT_EQ(sent[i].to.port(), 7000);
+    EXPECT_EQ(static_cast<uint8_t>(sent[i].bytes[1]) & 0x7F, 96);
+  }
+  EXPECT_EQ(server.totals().delivery.packets_sent.load(), sent.size());
+}
+
+// ---- sessions -----------------------------------------------------------------------
+
+TEST(CoreTest, SessionOfAnotherConnectionIsUnknown) {
+  FakeRtspCore server;
+  auto a = server.Connect(50000), b = server.Connect(50002);
+  const std::string session = server.Setup(*a, 0, "0-1");
+  ASSERT_EQ(server.Send(*a, "PLAY", "", "Session: " + session + "\r\n").status, 200);
+  for (const char* method : {"PAUSE", "TEARDOWN", "PLAY"}) {
+    EXPECT_EQ(server.Send(*b, method, "", "Session: " + session + "\r\n").status, 454) << method;
+  }
+  server.Feed(0, 2);
+  EXPECT_FALSE(Frames(*a).empty());
+}
+
+// VLC switches a track off with a TEARDOWN of its URL and on again with a
+// SETUP on the playing session and a PLAY; a second session on one
+// connection asks for channels already in use.
+TEST(CoreTest, TracksComeAndGoWithinAPlayingSession) {
+  FakeRtspCore server;
+  server.Feed(0, 1);
+  auto c = server.Connect();
+  const std::string session = server.Setup(*c, 0, "0-1");
+  // Channels taken on this connection: the track's own pair instead.
+  const Reply audio =
+      server.Send(*c, "SETUP", "/trackID=1",
+                  "Transport: RTP/AVP/TCP;interleaved=0-1\r\nSession: " + session + "\r\n");
+  EXPECT_NE(audio.Header("Transport").find("interleaved=2-3"), std::string::npos);
+  server.Send(*c, "PLAY", "", "Session: " + session + "\r\n");
+  server.Feed(1, 2);
+  EXPECT_EQ(Channels(Frames(*c)), (std::set<int>{0, 1, 2, 3}));
+
+  ASSERT_EQ(server.Send(*c, "TEARDOWN", "/trackID=1", "Session: " + session + "\r\n").status, 200);
+  size_t mark = c->written.size();
+  server.Feed(3, 2);
+  EXPECT_EQ(Channels(FramesSince(*c, mark)), (std::set<int>{0}));  // video plays on, no audio
+
+  const Reply again =
+      server.Send(*c, "SETUP", "/trackID=1",
+                  "Transport: RTP/AVP/TCP;interleaved=6-7\r\nSession: " + session + "\r\n");
+  EXPECT_NE(again.Header("Transport").find("interleaved=6-7"), std::string::npos);
+  mark = c->written.size();
+  server.Feed(5, 2);
+  EXPECT_EQ(Channels(FramesSince(*c, mark)), (std::set<int>{0}));  // not before PLAY
+  mark = c->written.size();
+  const Reply play = server.Send(*c, "PLAY", "", "Session: " + session + "\r\n");
+  std::vector<RtpInfoEntry> info;
+  ASSERT_TRUE(ParseRtpInfo(play.Header("RTP-Info"), info));
+  ASSERT_EQ(info.size(), 1u);  // the added track only: it starts at its next packet
+  EXPECT_EQ(info[0].url, std::string(FakeRtspCore::kUrl) + "/trackID=1");
+  EXPECT_EQ(info[0].seq, server.stream().NextSeq(1));
+  server.Feed(7, 2);
+  const std::vector<Written> after = FramesSince(*c, mark);
+  EXPECT_EQ(Channels(after), (std::set<int>{0, 6, 7}));
+  const auto first_audio =
+      std::find_if(after.begin(), after.end(), [](const Written& f) { return f.channel == 6; });
+  EXPECT_EQ(SeqOf(first_audio->bytes), info[0].seq);
+
+  // A second session on the connection asks for video's channels: it gets a
+  // free pair and its own copy of the video there, RTP behind a header of
+  // its own.
+  const Reply second =
+      server.Send(*c, "SETUP", "/trackID=0", "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+  EXPECT_NE(second.Header("Transport").find("interleaved=2-3"), std::string::npos);
+  mark = c->written.size();
+  server.Send(*c, "PLAY", "", "Session: " + second.Header("Session").substr(0, 16) + "\r\n");
+  server.Feed(9, 2);
+  const std::vector<Written> both = FramesSince(*c, mark);
+  EXPECT_EQ(Channels(both), (std::set<int>{0, 2, 3, 6}));
+  for (const Written& f : both) {
+    if (f.channel == 2) {
+      EXPECT_EQ(static_cast<uint8_t>(f.bytes[0]) >> 6, 2);
+    }
+  }
+}
+
+// A session nothing is heard of expires alone: the connection and its other
+// session stay. Receiver reports and keep-alives renew a session.
+TEST(CoreTest, SilentSessionExpiresAloneNotItsConnection) {
+  QZRtspServerOptions options;
+  options.session_timeout_s = 2;
+  FakeRtspCore server(options);
+  auto c = server.Connect();
+  const std::string silent = server.Setup(*c, 0, "udp:7000");
+  const std::string renewed = server.Setup(*c, 0, "udp:7010");
+  const std::string kept = server.Setup(*c, 0, "0-1");
+  for (const std::string& s : {silent, renewed, kept}) {
+    server.Send(*c, "PLAY", "", "Session: " + s + "\r\n");
+  }
+  const asio::ip::udp::endpoint from(asio::ip::make_address("127.0.0.1"), 7011);
+  for (int i = 0; i < 5; ++i) {
+    server.Feed(i * 50, 50);  // half a second of media, TCP written
+    server.core().table().OnUdpPacket(from, reinterpret_cast<const uint8_t*>("\0\0\0\0"), 4,
+                                      server.core().NowMs(), 0);
+    server.core().Tick(server.core().NowMs());
+  }
+  EXPECT_EQ(server.core().table().count(), 2);
+  EXPECT_EQ(server.Send(*c, "GET_PARAMETER", "", "Session: " + silent + "\r\n").status, 454);
+  EXPECT_EQ(server.Send(*c, "GET_PARAMETER", "", "Session: " + renewed + "\r\n").status, 200);
+  EXPECT_EQ(server.Send(*c, "GET_PARAMETER", "", "Session: " + kept + "\r\n").status, 200);
+  EXPECT_FALSE(c->closed());
+}
+
+// RTCP from UDP clients is told apart by address and port: two players on
+// one host (or behind one NAT) each get their own figures; a BYE ends only
+// the session of its sender.
+TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
+  FakeRtspCore server;
+  server.Feed(0, 3);
+  auto a = server.Connect(50000), b = server.Connect(50002);
+  const std::string sa = server.Setup(*a, 0, "udp:7000");
+  const std::string sb = server.Setup(*b, 0, "udp:7002");
+  server.Send(*a, "PLAY", "", "Session: " + sa + "\r\n");
+  server.Send(*b, "PLAY", "", "Session: " + sb + "\r\n");
+  const uint32_t ssrc = server.stream().TrackSsrc(0);
+  // A receiver report (RFC 3550 6.4.2) about our video: 64/256 lost, 900
+  // in total, jitter 4500 (50 ms at 90 kHz), echoing a sender report sent
+  // 150 ms before it arrives, held 100 ms by the client (RTT 50 ms).
+  const uint32_t arrival = RtcpCompactNtp(server.clock().WallUs());
+  const uint32_t lsr = arrival - 150 * 65536 / 1000;
+  const uint32_t dlsr = 100 * 65536 / 1000;
+  const uint8_t rr[] = {0x81,
+                        201,
+                        0,
+                        7,
+                        0,
+                        0,
+                        0,
+                        9,
+                        uint8_t(ssrc >> 24),
+                        uint8_t(ssrc >> 16),
+                        uint8_t(ssrc >> 8),
+                        uint8_t(ssrc),
+                        64,
+                        0,
+                        0x03,
+                        0x84,
+                        0,
+                        0,
+                        0,
+                        1,
+                        0,
+                        0,
+                        0x11,
+                        0x94,
+                        uint8_t(lsr >> 24),
+                        uint8_t(lsr >> 16),
+                        uint8_t(lsr >> 8),
+                        uint8_t(lsr),
+                        uint8_t(dlsr >> 24),
+                        uint8_t(dlsr >> 16),
+                        uint8_t(dlsr >> 8),
+                        uint8_t(dlsr)};
+  RtspSessionTable& table = server.core().table();
+  const auto at = [](int port) {
+    return asio::ip::udp::endpoint(asio::ip::make_address("::ffff:127.0.0.1"), port);
+  };
+  const long long now = server.core().NowMs();
+  EXPECT_FALSE(table.OnUdpPacket(at(7004), rr, sizeof(rr), now, arrival))
+      << "nobody sends from there";
+  EXPECT_TRUE(table.OnUdpPacket(at(7003), rr, sizeof(rr), now, arrival));
+  const RtspReception& got = table.Find(sb)->reception();
+  EXPECT_EQ(got.reports, 1u);
+  EXPECT_DOUBLE_EQ(got.fraction_lost, 0.25);
+  EXPECT_EQ(got.cumulative_lost, 900);
+  EXPECT_NEAR(got.jitter_ms, 50, 0.01);
+  EXPECT_NEAR(got.rtt_ms, 50, 0.1);
+  EXPECT_EQ(table.Find(sa)->reception().reports, 0u);
+  server.core().Tick(now);
+  const std::vector<QZRtspSessionStats> stats = server.core().SessionStats();
+  ASSERT_EQ(stats.size(), 2u);
+  for (const QZRtspSessionStats& s : stats) {
+    EXPECT_EQ(s.receiver_reports, s.id == sb ? 1u : 0u);
+    EXPECT_GT(s.packets_sent, 0u);
+  }
+  // RR then BYE in one compound packet, from a's RTCP port.
+  std::vector<uint8_t> bye(rr, rr + sizeof(rr));
+  for (uint8_t byte : {0x81, 203, 0, 1, 0, 0, 0, 9}) {
+    bye.push_back(byte);
+  }
+  EXPECT_TRUE(table.OnUdpPacket(at(7001), bye.data(), bye.size(), now, arrival));
+  EXPECT_EQ(table.Find(sa), nullptr);
+  EXPECT_NE(table.Find(sb), nullptr);
+  EXPECT_TRUE(a->sessions().empty());
+  EXPECT_FALSE(table.OnUdpPacket(at(7001), bye.data(), bye.size(), now, arrival)) << "routes gone";
+  // Over TCP the reports arrive on the RTCP channel.
+  auto t = server.Connect(50004);
+  const std::string st = server.Setup(*t, 0, "4-5");
+  table.OnInterleaved(*t, 5, std::string(rr, rr + sizeof(rr)), now, arrival);
+  table.OnInterleaved(*t, 9, std::string(rr, rr + sizeof(rr)), now, arrival);
+  EXPECT_EQ(table.Find(st)->reception().reports, 1u);
+}
+
+// A TCP viewer that stops reading holds nothing up: the others keep their
+// media, and it resumes at a key frame, what it missed counted.
+TEST(CoreTest, ClientThatStopsReadingHarmsNobody) {
+  FakeRtspCore server;
+  server.Feed(0, 1);
+  auto stalled = server.Connect(50000), viewer = server.Connect(50002);
+  for (auto* c : {stalled.get(), viewer.get()}) {
+    server.Send(*c, "PLAY", "", "Session: " + server.Setup(*c, 0, "0-1") + "\r\n");
+  }
+  stalled->stalled = true;
+  const size_t mark = stalled->written.size();
+  server.Feed(1, 600);  // six seconds: past the ring's age limit
+  EXPECT_GT(Frames(*viewer).size(), 600u);
+  stalled->stalled = false;
+  stalled->KickWrite();
+  const std::vector<Written> resumed = FramesSince(*stalled, mark);
+  ASSERT_FALSE(resumed.empty());
+  EXPECT_EQ(static_cast<uint8_t>(resumed[0].bytes[12]) & 0x1F, 24) << "resumes at a key frame";
+  EXPECT_GT(server.totals().delivery.Drops().slow_reader, 0u);
+  EXPECT_EQ(server.core().table().count(), 2);
+}
+
+}  // namespace
+}  // namespace qz_rtsp_internal_server
