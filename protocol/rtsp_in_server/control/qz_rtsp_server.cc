@@ -1,16 +1,12 @@
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <future>
 
 #include "protocol/rtsp_in_server/control/qz_rtsp_server_impl.h"
+#include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 #include "utility/qz_log.h"
 
 namespace qz_rtsp_internal_server {
@@ -19,29 +15,6 @@ namespace {
 using qz_utility::LogFormat;
 
 constexpr auto kTickInterval = std::chrono::milliseconds(500);
-
-// The first IPv4 address of an interface that is up and not loopback.
-std::string FirstNonLoopbackAddress() {
-  std::string result = "127.0.0.1";
-  ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) {
-    return result;
-  }
-  for (ifaddrs* it = list; it != nullptr; it = it->ifa_next) {
-    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET ||
-        (it->ifa_flags & IFF_UP) == 0 || (it->ifa_flags & IFF_LOOPBACK) != 0) {
-      continue;
-    }
-    char text[INET_ADDRSTRLEN] = {0};
-    const auto* addr = reinterpret_cast<const sockaddr_in*>(it->ifa_addr);
-    if (inet_ntop(AF_INET, &addr->sin_addr, text, sizeof(text)) != nullptr) {
-      result = text;
-      break;
-    }
-  }
-  freeifaddrs(list);
-  return result;
-}
 
 // Stream names become a URL path segment: unreserved characters only
 // (RFC 3986), so that every client can type and parse the URL.
@@ -170,94 +143,33 @@ bool QZRtspServer::Impl::Start() {
 }
 
 bool QZRtspServer::Impl::Listen(std::string& why) {
-  asio::error_code ec;
   acceptor_.reset(new asio::ip::tcp::acceptor(io_));
-  asio::ip::tcp::endpoint endpoint;
-  if (options_.bind_address.empty()) {
-    endpoint = asio::ip::tcp::endpoint(asio::ip::tcp::v6(), options_.port);
-  } else {
-    const asio::ip::address address = asio::ip::make_address(options_.bind_address, ec);
-    if (ec) {
-      why = "not an IP address: " + ec.message();
-      return false;
-    }
-    endpoint = asio::ip::tcp::endpoint(address, options_.port);
-  }
-  acceptor_->open(endpoint.protocol(), ec);
-  if (ec && options_.bind_address.empty()) {
-    endpoint = asio::ip::tcp::endpoint(asio::ip::tcp::v4(), options_.port);  // no IPv6 here
-    acceptor_->open(endpoint.protocol(), ec);
-  }
-  if (ec) {
-    why = "socket: " + ec.message();
+  if (!OpenRtspListener(*acceptor_, options_.bind_address, options_.port, why)) {
     return false;
   }
-  if (endpoint.protocol() == asio::ip::tcp::v6()) {
-    acceptor_->set_option(asio::ip::v6_only(false), ec);  // IPv4 clients too
-  }
-  acceptor_->set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
-  acceptor_->bind(endpoint, ec);
-  if (ec) {
-    why = "bind: " + ec.message();
-    return false;
-  }
-  acceptor_->listen(asio::socket_base::max_listen_connections, ec);
-  if (ec) {
-    why = "listen: " + ec.message();
-    return false;
-  }
-  port_.store(acceptor_->local_endpoint(ec).port());
+  asio::error_code ec;
+  const asio::ip::tcp::endpoint endpoint = acceptor_->local_endpoint(ec);
+  port_.store(endpoint.port());
   // URLs name an address the server listens on: the bound one, or, bound to
   // every interface, the device's LAN address.
-  const asio::ip::address bound = endpoint.address();
-  url_host_ = !options_.url_host.empty() ? options_.url_host
-              : bound.is_unspecified()   ? FirstNonLoopbackAddress()
-                                         : bound.to_string();
+  url_host_ = !options_.url_host.empty()            ? options_.url_host
+              : endpoint.address().is_unspecified() ? FirstNonLoopbackAddress()
+                                                    : endpoint.address().to_string();
   return true;
 }
 
+// One RTP/RTCP port pair for all clients: clients are told apart by their
+// own addresses and ports.
 bool QZRtspServer::Impl::OpenUdp() {
-  // One RTP/RTCP port pair for all clients: clients are told apart by their
-  // own addresses and ports.
-  for (int attempt = 0; attempt < 64; ++attempt) {
-    const uint16_t port =
-        static_cast<uint16_t>(20000 + 2 * (RtspRandom::Crypto().Next32() % 20000));
-    asio::error_code ec;
-    auto rtp = std::make_unique<asio::ip::udp::socket>(io_);
-    auto rtcp = std::make_unique<asio::ip::udp::socket>(io_);
-    asio::ip::udp protocol = asio::ip::udp::v6();
-    rtp->open(protocol, ec);
-    if (ec) {
-      protocol = asio::ip::udp::v4();
-      rtp->open(protocol, ec);
-    }
-    if (ec) {
-      return false;
-    }
-    rtcp->open(protocol, ec);
-    if (protocol == asio::ip::udp::v6()) {
-      rtp->set_option(asio::ip::v6_only(false), ec);
-      rtcp->set_option(asio::ip::v6_only(false), ec);
-    }
-    rtp->bind(asio::ip::udp::endpoint(protocol, port), ec);
-    if (ec) {
-      continue;
-    }
-    rtcp->bind(asio::ip::udp::endpoint(protocol, static_cast<uint16_t>(port + 1)), ec);
-    if (ec) {
-      continue;
-    }
-    // Media is never queued behind a slow network: a full socket buffer
-    // drops that packet for that client.
-    rtp->non_blocking(true, ec);
-    rtcp->non_blocking(true, ec);
-    rtp->set_option(asio::socket_base::send_buffer_size(1 << 20), ec);
-    udp_rtp_ = std::move(rtp);
-    udp_rtcp_ = std::move(rtcp);
-    udp_rtp_port_ = port;
-    return true;
+  UdpPortPair pair;
+  if (!OpenUdpPortPair(
+          io_, [] { return RtspRandom::Crypto().Next32(); }, pair)) {
+    return false;
   }
-  return false;
+  udp_rtp_ = std::move(pair.rtp);
+  udp_rtcp_ = std::move(pair.rtcp);
+  udp_rtp_port_ = pair.rtp_port;
+  return true;
 }
 
 void QZRtspServer::Impl::Stop() {
