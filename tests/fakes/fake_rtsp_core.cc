@@ -245,4 +245,31 @@ int SeqOf(const std::string& rtp) {
   return (static_cast<uint8_t>(rtp[2]) << 8) | static_cast<uint8_t>(rtp[3]);
 }
 
+std::vector<uint8_t> ReceiverReport(uint32_t ssrc,
+                                    uint8_t fraction_lost,
+                                    uint32_t cumulative_lost,
+                                    uint32_t jitter,
+                                    uint32_t lsr,
+                                    uint32_t dlsr,
+                                    bool bye) {
+  std::vector<uint8_t> out = {0x81, 201, 0, 7, 0, 0, 0, 9};
+  auto put32 = [&out](uint32_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      out.push_back(static_cast<uint8_t>(v >> shift));
+    }
+  };
+  put32(ssrc);
+  put32((static_cast<uint32_t>(fraction_lost) << 24) | (cumulative_lost & 0xFFFFFF));
+  put32(1);  // highest sequence number received
+  put32(jitter);
+  put32(lsr);
+  put32(dlsr);
+  if (bye) {
+    for (uint8_t b : {0x81, 203, 0, 1, 0, 0, 0, 9}) {
+      out.push_back(b);
+    }
+  }
+  return out;
+}
+
 }  // namespace qz_test

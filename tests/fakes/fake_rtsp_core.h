@@ -143,6 +143,15 @@ class FakeRtspCore {
 
 // The interleaved frames a client was given, responses left out.
 std::vector<Written> Frames(const FakeClient& client);
+// An RTCP receiver report (RFC 3550 6.4.2) from source 9 with one report
+// block about `ssrc`; `bye` appends a BYE of source 9.
+std::vector<uint8_t> ReceiverReport(uint32_t ssrc,
+                                    uint8_t fraction_lost,
+                                    uint32_t cumulative_lost,
+                                    uint32_t jitter,
+                                    uint32_t lsr = 0,
+                                    uint32_t dlsr = 0,
+                                    bool bye = false);
 // The RTP sequence number of a packet's bytes.
 int SeqOf(const std::string& rtp);
 

@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "gtest/gtest.h"
 #include "utility/qz_log.h"
 
 namespace qz_test {
@@ -124,6 +125,27 @@ std::vector<std::vector<QZ_BYTE>> NalUnits(
     out.emplace_back(unit->data_.get(), unit->data_.get() + unit->size_);
   }
   return out;
+}
+
+void ForEachShortBuffer(size_t max_size,
+                        const std::function<void(const std::vector<QZ_BYTE>&)>& check) {
+  for (size_t size = 0; size <= max_size; ++size) {
+    std::vector<QZ_BYTE> b(size, 0);
+    for (;;) {
+      check(b);
+      if (::testing::Test::HasFatalFailure()) {
+        return;  // the first buffer that fails is enough
+      }
+      size_t i = 0;  // the next buffer, counting in base 3
+      while (i < size && b[i] == 2) {
+        b[i++] = 0;
+      }
+      if (i == size) {
+        break;
+      }
+      ++b[i];
+    }
+  }
 }
 
 }  // namespace qz_test

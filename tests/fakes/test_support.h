@@ -56,6 +56,12 @@ class LogCapture {
   std::vector<std::string> lines_;
 };
 
+// Calls `check` with every buffer of 0 to `max_size` bytes drawn from 00,
+// 01 and 02: each boundary case of a start-code scanner (codes at either
+// end, zero runs, false starts, buffers too short) is among them.
+void ForEachShortBuffer(size_t max_size,
+                        const std::function<void(const std::vector<QZ_BYTE>&)>& check);
+
 // Polls `done` until it holds or `timeout` of real time passes.
 bool WaitFor(const std::function<bool()>& done,
              std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));

@@ -118,8 +118,12 @@ bool QZRtspServer::Impl::Start() {
   env.udp = udp_sink_.get();
   env.post = [this](std::function<void()> work) { asio::post(io_, std::move(work)); };
   env.run_after = [this](int ms, std::function<void()> work) {
+    // Kept until it fires, so that Shutdown() can cancel it: the work must
+    // not run against the next Start()'s state.
     auto timer = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(ms));
-    timer->async_wait([timer, work = std::move(work)](const asio::error_code& ec) {
+    timers_.insert(timer);
+    timer->async_wait([this, timer, work = std::move(work)](const asio::error_code& ec) {
+      timers_.erase(timer);
       if (!ec) {
         work();
       }
@@ -211,8 +215,8 @@ void QZRtspServer::Impl::Reap() {
   // Handlers that never ran hold records and connections: drop them now.
   io_.restart();
   io_.poll();
+  udp_sink_.reset();  // it reports what it still sends to the core
   core_.reset();
-  udp_sink_.reset();
   acceptor_.reset();
   udp_rtp_.reset();
   udp_rtcp_.reset();
@@ -223,6 +227,9 @@ void QZRtspServer::Impl::Shutdown() {
   asio::error_code ec;
   acceptor_->close(ec);
   tick_->cancel();
+  for (const auto& timer : timers_) {
+    timer->cancel();
+  }
   udp_rtp_->close(ec);
   udp_rtcp_->close(ec);
   std::vector<std::shared_ptr<RtspConnection>> connections(connections_.begin(),

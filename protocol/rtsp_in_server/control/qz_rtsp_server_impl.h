@@ -62,6 +62,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   std::array<uint8_t, 2048> udp_buffer_[2];
   asio::ip::udp::endpoint udp_sender_[2];
   std::unique_ptr<asio::steady_timer> tick_;
+  std::set<std::shared_ptr<asio::steady_timer>> timers_;  // the core's deferred work
   std::shared_ptr<RtspIoGate> gate_;
   std::unique_ptr<SocketUdpSink> udp_sink_;
   std::unique_ptr<RtspServerCore> core_;  // from Start() until the thread is joined

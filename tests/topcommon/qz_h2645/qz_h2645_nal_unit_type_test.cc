@@ -32,31 +32,14 @@ void ExpectStartCodeAsDefined(const Bytes& b) {
   int len = -1, ref_len = -1;
   const QZ_BYTE* ref = ReferenceStartCode(b, ref_len);
   const QZ_BYTE* found = FindStartCode(b.data(), b.data() + b.size(), len);
-  std::string hex;
-  for (QZ_BYTE x : b) {
-    hex += std::to_string(x) + " ";
-  }
-  ASSERT_EQ(found, ref) << hex;
-  ASSERT_EQ(len, ref_len) << hex;
+  ASSERT_EQ(found, ref) << ::testing::PrintToString(b);
+  ASSERT_EQ(len, ref_len) << ::testing::PrintToString(b);
 }
 
 // Every buffer of up to nine bytes of 00, 01 and 02 holds every boundary case:
 // start codes at either end, zero runs, false starts, buffers too short.
 TEST(StartCodeTest, FindsTheFirstAsDefinedInEveryShortBuffer) {
-  for (size_t size = 0; size <= 9; ++size) {
-    Bytes b(size, 0);
-    for (;;) {
-      ExpectStartCodeAsDefined(b);
-      size_t i = 0;  // the next buffer, counting in base 3
-      while (i < size && b[i] == 2) {
-        b[i++] = 0;
-      }
-      if (i == size) {
-        break;
-      }
-      ++b[i];
-    }
-  }
+  qz_test::ForEachShortBuffer(9, ExpectStartCodeAsDefined);
   int len = -1;
   EXPECT_EQ(FindStartCode(nullptr, nullptr, len), nullptr);
   EXPECT_EQ(len, 0);

@@ -498,6 +498,9 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   auto a = server.Connect(50000), b = server.Connect(50002);
   const std::string sa = server.Setup(*a, 0, "udp:7000");
   const std::string sb = server.Setup(*b, 0, "udp:7002");
+  // Another host whose player uses the same ports as b.
+  auto c = server.Connect(50006, "192.0.2.9");
+  const std::string sc = server.Setup(*c, 0, "udp:7002");
   server.Send(*a, "PLAY", "", "Session: " + sa + "\r\n");
   server.Send(*b, "PLAY", "", "Session: " + sb + "\r\n");
   const uint32_t ssrc = server.stream().TrackSsrc(0);
@@ -507,46 +510,15 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   const uint32_t arrival = RtcpCompactNtp(server.clock().WallUs());
   const uint32_t lsr = arrival - 150 * 65536 / 1000;
   const uint32_t dlsr = 100 * 65536 / 1000;
-  const uint8_t rr[] = {0x81,
-                        201,
-                        0,
-                        7,
-                        0,
-                        0,
-                        0,
-                        9,
-                        uint8_t(ssrc >> 24),
-                        uint8_t(ssrc >> 16),
-                        uint8_t(ssrc >> 8),
-                        uint8_t(ssrc),
-                        64,
-                        0,
-                        0x03,
-                        0x84,
-                        0,
-                        0,
-                        0,
-                        1,
-                        0,
-                        0,
-                        0x11,
-                        0x94,
-                        uint8_t(lsr >> 24),
-                        uint8_t(lsr >> 16),
-                        uint8_t(lsr >> 8),
-                        uint8_t(lsr),
-                        uint8_t(dlsr >> 24),
-                        uint8_t(dlsr >> 16),
-                        uint8_t(dlsr >> 8),
-                        uint8_t(dlsr)};
+  const std::vector<uint8_t> rr = qz_test::ReceiverReport(ssrc, 64, 900, 4500, lsr, dlsr);
   RtspSessionTable& table = server.core().table();
   const auto at = [](int port) {
     return asio::ip::udp::endpoint(asio::ip::make_address("::ffff:127.0.0.1"), port);
   };
   const long long now = server.core().NowMs();
-  EXPECT_FALSE(table.OnUdpPacket(at(7004), rr, sizeof(rr), now, arrival))
+  EXPECT_FALSE(table.OnUdpPacket(at(7004), rr.data(), rr.size(), now, arrival))
       << "nobody sends from there";
-  EXPECT_TRUE(table.OnUdpPacket(at(7003), rr, sizeof(rr), now, arrival));
+  EXPECT_TRUE(table.OnUdpPacket(at(7003), rr.data(), rr.size(), now, arrival));
   const RtspReception& got = table.Find(sb)->reception();
   EXPECT_EQ(got.reports, 1u);
   EXPECT_DOUBLE_EQ(got.fraction_lost, 0.25);
@@ -554,18 +526,16 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   EXPECT_NEAR(got.jitter_ms, 50, 0.01);
   EXPECT_NEAR(got.rtt_ms, 50, 0.1);
   EXPECT_EQ(table.Find(sa)->reception().reports, 0u);
+  EXPECT_EQ(table.Find(sc)->reception().reports, 0u);
   server.core().Tick(now);
   const std::vector<QZRtspSessionStats> stats = server.core().SessionStats();
-  ASSERT_EQ(stats.size(), 2u);
+  ASSERT_EQ(stats.size(), 3u);
   for (const QZRtspSessionStats& s : stats) {
     EXPECT_EQ(s.receiver_reports, s.id == sb ? 1u : 0u);
-    EXPECT_GT(s.packets_sent, 0u);
+    EXPECT_EQ(s.packets_sent > 0, s.id != sc) << "c set up, never played";
   }
   // RR then BYE in one compound packet, from a's RTCP port.
-  std::vector<uint8_t> bye(rr, rr + sizeof(rr));
-  for (uint8_t byte : {0x81, 203, 0, 1, 0, 0, 0, 9}) {
-    bye.push_back(byte);
-  }
+  const std::vector<uint8_t> bye = qz_test::ReceiverReport(ssrc, 0, 0, 0, 0, 0, true);
   EXPECT_TRUE(table.OnUdpPacket(at(7001), bye.data(), bye.size(), now, arrival));
   EXPECT_EQ(table.Find(sa), nullptr);
   EXPECT_NE(table.Find(sb), nullptr);
@@ -574,8 +544,8 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   // Over TCP the reports arrive on the RTCP channel.
   auto t = server.Connect(50004);
   const std::string st = server.Setup(*t, 0, "4-5");
-  table.OnInterleaved(*t, 5, std::string(rr, rr + sizeof(rr)), now, arrival);
-  table.OnInterleaved(*t, 9, std::string(rr, rr + sizeof(rr)), now, arrival);
+  table.OnInterleaved(*t, 5, std::string(rr.begin(), rr.end()), now, arrival);
+  table.OnInterleaved(*t, 9, std::string(rr.begin(), rr.end()), now, arrival);
   EXPECT_EQ(table.Find(st)->reception().reports, 1u);
 }
 
