@@ -35,14 +35,13 @@ bool IsSlice(const QZRtspPacketData& unit) {
 
 H264Packetizer::H264Packetizer(const std::list<std::shared_ptr<QZRtspPacketData>>& units,
                                size_t max_payload)
-    : units_(SendableUnits(units)), max_payload_(max_payload) {}
+    : NalUnitPacketizer(SendableUnits(units), max_payload, 1) {}
 
 size_t H264Packetizer::NextPacket(uint8_t* payload, size_t capacity, bool* last) {
-  const size_t limit = std::min(capacity, max_payload_);
-  if (unit_ >= units_.size() || limit < 3) {
+  const size_t limit = Limit(capacity);
+  if (limit == 0) {
     return 0;
   }
-  const QZRtspPacketData& unit = *units_[unit_];
   if (offset_ == 0) {
     // STAP-A (RFC 6184 5.7.1): F|NRI|24, then 16-bit size + unit, repeated.
     // Only for leading non-slice units, so a slice keeps its own packet.
@@ -70,35 +69,14 @@ size_t H264Packetizer::NextPacket(uint8_t* payload, size_t capacity, bool* last)
       *last = unit_ >= units_.size();
       return total;
     }
-    if (unit.size_ <= limit) {
-      std::memcpy(payload, unit.data_.get(), unit.size_);
-      ++unit_;
-      *last = unit_ >= units_.size();
-      return unit.size_;
-    }
-    offset_ = 1;  // the NAL header travels in the FU indicator and header
   }
-  // FU-A (RFC 6184 5.8): indicator F|NRI|28, header S|E|R|type.
-  const uint8_t header = unit.data_[0];
-  const size_t remaining = unit.size_ - offset_;
-  const size_t chunk = std::min(remaining, limit - 2);
-  payload[0] = (header & 0xE0) | kFuA;
-  payload[1] = header & 0x1F;
-  if (offset_ == 1) {
-    payload[1] |= 0x80;  // S
-  }
-  const bool end = chunk == remaining;
-  if (end) {
-    payload[1] |= 0x40;  // E
-  }
-  std::memcpy(payload + 2, unit.data_.get() + offset_, chunk);
-  offset_ += chunk;
-  if (end) {
-    offset_ = 0;
-    ++unit_;
-  }
-  *last = unit_ >= units_.size();
-  return chunk + 2;
+  return SingleOrFragment(payload, limit, last);
+}
+
+// FU-A (RFC 6184 5.8): indicator F|NRI|28, header S|E|R|type.
+void H264Packetizer::WriteFuHeaders(const uint8_t* nal, uint8_t* out) const {
+  out[0] = (nal[0] & 0xE0) | kFuA;
+  out[1] = nal[0] & 0x1F;
 }
 
 }  // namespace qz_rtsp_internal_server

@@ -9,23 +9,20 @@
 #include <vector>
 
 #include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
-#include "protocol/rtsp_in_server/rtp/qz_rtp_packet.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtp_nal.h"
 
 namespace qz_rtsp_internal_server {
 
 // Small leading units (parameter sets, SEI) aggregated into STAP-A, units
 // that fit sent alone, larger ones as FU-A. Access unit delimiters are not
 // sent.
-class H264Packetizer : public RtpPayloadPacketizer {
+class H264Packetizer : public NalUnitPacketizer {
  public:
   H264Packetizer(const std::list<std::shared_ptr<QZRtspPacketData>>& units, size_t max_payload);
   size_t NextPacket(uint8_t* payload, size_t capacity, bool* last) override;
 
  private:
-  std::vector<std::shared_ptr<QZRtspPacketData>> units_;
-  size_t max_payload_;
-  size_t unit_ = 0;
-  size_t offset_ = 0;  // within a fragmented unit
+  void WriteFuHeaders(const uint8_t* nal, uint8_t* out) const override;
 };
 
 }  // namespace qz_rtsp_internal_server

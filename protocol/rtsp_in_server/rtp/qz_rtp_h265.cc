@@ -26,47 +26,19 @@ std::vector<std::shared_ptr<QZRtspPacketData>> SendableUnits(
 
 H265Packetizer::H265Packetizer(const std::list<std::shared_ptr<QZRtspPacketData>>& units,
                                size_t max_payload)
-    : units_(SendableUnits(units)), max_payload_(max_payload) {}
+    : NalUnitPacketizer(SendableUnits(units), max_payload, 2) {}
 
 size_t H265Packetizer::NextPacket(uint8_t* payload, size_t capacity, bool* last) {
-  const size_t limit = std::min(capacity, max_payload_);
-  if (unit_ >= units_.size() || limit < 4) {
-    return 0;
-  }
-  const QZRtspPacketData& unit = *units_[unit_];
-  if (offset_ == 0) {
-    if (unit.size_ <= limit) {
-      std::memcpy(payload, unit.data_.get(), unit.size_);
-      ++unit_;
-      *last = unit_ >= units_.size();
-      return unit.size_;
-    }
-    offset_ = 2;  // the two-byte header goes into the PayloadHdr and FU header
-  }
-  // FU (RFC 7798 4.4.3): PayloadHdr keeps F, LayerId and TID of the unit
-  // with Type 49; FU header S|E|FuType.
-  const uint8_t h0 = unit.data_[0];
-  const uint8_t h1 = unit.data_[1];
-  const size_t remaining = unit.size_ - offset_;
-  const size_t chunk = std::min(remaining, limit - 3);
-  payload[0] = static_cast<uint8_t>((h0 & 0x81) | (kFragmentationUnit << 1));
-  payload[1] = h1;
-  payload[2] = (h0 >> 1) & 0x3F;
-  if (offset_ == 2) {
-    payload[2] |= 0x80;  // S
-  }
-  const bool end = chunk == remaining;
-  if (end) {
-    payload[2] |= 0x40;  // E
-  }
-  std::memcpy(payload + 3, unit.data_.get() + offset_, chunk);
-  offset_ += chunk;
-  if (end) {
-    offset_ = 0;
-    ++unit_;
-  }
-  *last = unit_ >= units_.size();
-  return chunk + 3;
+  const size_t limit = Limit(capacity);
+  return limit == 0 ? 0 : SingleOrFragment(payload, limit, last);
+}
+
+// FU (RFC 7798 4.4.3): PayloadHdr keeps F, LayerId and TID of the unit with
+// Type 49; FU header S|E|FuType.
+void H265Packetizer::WriteFuHeaders(const uint8_t* nal, uint8_t* out) const {
+  out[0] = static_cast<uint8_t>((nal[0] & 0x81) | (kFragmentationUnit << 1));
+  out[1] = nal[1];
+  out[2] = (nal[0] >> 1) & 0x3F;
 }
 
 }  // namespace qz_rtsp_internal_server
