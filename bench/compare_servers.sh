@@ -84,7 +84,7 @@ measure() {
     [ "$kind" = ours-nogso ] && extra=(--no-udp-gso)
     # The delay window opens once every reader joined (7 s of its 20 s).
     taskset -c 0 "$ROOT/$BUILD/tools/qz_rtsp_publish" -p $PORT --input "$INPUT" \
-      --max-clients 1000 --stats-after 7 "${extra[@]}" > /dev/null 2> /tmp/qz_pub.$$ &
+      --max-clients 1000 --max-per-address 0 --stats-after 7 "${extra[@]}" > /dev/null 2> /tmp/qz_pub.$$ &
   fi
   pid=$!
   sleep 2

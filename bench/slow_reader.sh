@@ -13,7 +13,7 @@ URL="rtsp://127.0.0.1:$PORT/live"
 [ -s "$INPUT" ] || { echo "run bench/compare_servers.sh first (it makes $INPUT)"; exit 1; }
 
 run() {  # $1: with_stopped (0/1)
-  taskset -c 0 "$ROOT/$BUILD/tools/qz_rtsp_publish" -p $PORT --input "$INPUT" \
+  taskset -c 0 "$ROOT/$BUILD/tools/qz_rtsp_publish" -p $PORT --input "$INPUT" --max-per-address 0 \
     > /dev/null 2> /tmp/qz_slow_pub.$$ &
   local pub=$! max_rss=0 rss
   sleep 2

@@ -1,9 +1,12 @@
-// The RTSP request parser fed in chunks chosen by the input, and the
-// Transport header parser on every header value: bounded memory, no crash.
+// The RTSP request parser fed in chunks chosen by the input, the Transport
+// header parser on every header value, and the Digest check on every
+// request (whose nonce no input can know: it must never pass): bounded
+// memory, no crash.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 
@@ -12,6 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   using namespace qz_rtsp_internal_server;  // NOLINT
+  static RtspAuthenticator auth("user", "secret", "qz", /*allow_basic=*/false);
+  RtspAuthState state;
+  auth.Challenges(state, 1000, false);
   const size_t chunk = 1 + data[0] % 64;
   RtspRequestParser parser;
   size_t pos = 1;
@@ -25,6 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
       }
       if (r == RtspParseResult::kRequest) {
+        if (auth.Check(parser.request(), state, 2000) == RtspAuthenticator::Verdict::kOk) {
+          abort();
+        }
         for (const auto& header : parser.request().headers) {
           RtspTransport transport;
           if (ParseRtspTransport(header.second, transport)) {

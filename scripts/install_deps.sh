@@ -12,7 +12,7 @@ PACKAGES=(
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-libav
   libgstrtspserver-1.0-dev
-  bc util-linux strace iproute2
+  bc util-linux strace iproute2 python3 python3-gi gir1.2-gstreamer-1.0
 )
 
 missing=()

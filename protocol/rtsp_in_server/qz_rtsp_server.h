@@ -30,11 +30,27 @@ struct QZRtspServerOptions {
   // 127.0.0.1.
   std::string url_host;
   size_t rtp_payload_size = 1400;
+  // A session nothing was heard of for this long ends. A TCP session is
+  // heard of while its client reads its media; a connection whose writes
+  // stay blocked this long is closed, whatever else it sends.
   int session_timeout_s = 60;
+  // Connections. When all are taken, the oldest one without a playing
+  // session makes room for a newcomer; with none such, newcomers are
+  // answered 503 and closed. One address holds at most
+  // `max_clients_per_address` of them (0: no such cap), so that one host
+  // cannot take every slot.
   int max_clients = 64;
+  int max_clients_per_address = 8;
   int max_sessions_per_connection = 8;
-  // A connection that has not set up a session after this long is closed.
+  // A connection without a session this long after it was accepted (or
+  // after its last session ended) is closed; only a successful SETUP stops
+  // this clock, not keep-alives, refused requests or blank lines.
   int idle_timeout_s = 30;
+  // A session playing over UDP from whose client nothing arrives on the
+  // RTP/RTCP ports for this long (real clients send a receiver report every
+  // few seconds) ends: media is only sent to an address that answers, so the
+  // server cannot be aimed at a third party or used as an amplifier.
+  int udp_silence_timeout_s = 20;
   // A request (or interleaved frame) begun but not finished after this long
   // closes its connection: a client that sends a byte a second cannot hold
   // a connection open.
@@ -61,12 +77,15 @@ struct QZRtspServerOptions {
   // seconds of stale video. 0 leaves the buffer to the kernel.
   int tcp_send_buffer_ms = 500;
   // Authentication, off while `auth_user` is empty: every request but
-  // OPTIONS then needs Digest credentials (RFC 2617, MD5), or Basic ones
+  // OPTIONS then needs Digest credentials (RFC 2617 / 7616), or Basic ones
   // when `allow_basic_auth` is set (they cross the network in clear text).
   std::string auth_user;
   std::string auth_password;
   std::string auth_realm = "qz-rtsp";
   bool allow_basic_auth = false;
+  // A Digest nonce is good this long on its connection; then the client is
+  // challenged again with stale=true and answers without asking its user.
+  int auth_nonce_lifetime_s = 60;
   // Called when a viewer waits for a key frame: it joined and none is held,
   // or it fell behind and was cut back to one. An app asks its video encoder
   // for an IDR picture here. At most once a second per stream; runs on the

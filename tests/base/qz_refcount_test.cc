@@ -22,29 +22,15 @@ class Counted : public qz_base::RefCountInterface {
 
 using CountedPtr = scoped_refptr<RefCountedObject<Counted>>;
 
-TEST(ScopedRefPtrTest, SelfAssignmentKeepsObjectAlive) {
-  std::atomic<int> destroyed{0};
-  CountedPtr p(new RefCountedObject<Counted>(&destroyed));
-  CountedPtr& alias = p;
-  p = alias;
-  p = p.get();
-  EXPECT_TRUE(p->HasOneRef());
-  EXPECT_EQ(destroyed, 0);
-}
-
-TEST(ScopedRefPtrTest, ReleaseHandsOverTheReference) {
-  std::atomic<int> destroyed{0};
-  CountedPtr p(new RefCountedObject<Counted>(&destroyed));
-  RefCountedObject<Counted>* raw = p.release();
-  EXPECT_EQ(p.get(), nullptr);
-  EXPECT_EQ(destroyed, 0);
-  raw->Release();
-  EXPECT_EQ(destroyed, 1);
-}
-
-TEST(ScopedRefPtrTest, SwapAndMove) {
+// Self-assignment keeps the object alive; release() hands the reference
+// over; swap and move leave the source empty; the last reference destroys.
+TEST(ScopedRefPtrTest, OwnershipMoves) {
   std::atomic<int> destroyed{0};
   CountedPtr a(new RefCountedObject<Counted>(&destroyed));
+  CountedPtr& alias = a;
+  a = alias;
+  a = a.get();
+  EXPECT_TRUE(a->HasOneRef());
   CountedPtr b;
   auto* first = a.get();
   a.swap(b);
@@ -53,8 +39,14 @@ TEST(ScopedRefPtrTest, SwapAndMove) {
   CountedPtr c(std::move(b));
   EXPECT_EQ(b.get(), nullptr);
   EXPECT_TRUE(c->HasOneRef());
-  c = nullptr;
+  RefCountedObject<Counted>* raw = c.release();
+  EXPECT_EQ(c.get(), nullptr);
+  EXPECT_EQ(destroyed, 0);
+  raw->Release();
   EXPECT_EQ(destroyed, 1);
+  CountedPtr d(new RefCountedObject<Counted>(&destroyed));
+  d = nullptr;
+  EXPECT_EQ(destroyed, 2);
 }
 
 // The last release destroys the object exactly once, whichever thread does it.

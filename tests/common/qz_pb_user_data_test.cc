@@ -18,15 +18,14 @@ std::shared_ptr<PublisherUserData> Text(const std::string& text) {
   return item;
 }
 
-TEST(PublisherUserDataTest, TextKeepsATerminatingZero) {
-  auto item = Text("caf\xC3\xA9");
-  EXPECT_TRUE(item->IsUtf8String());
-  EXPECT_EQ(item->Size(), 5);
-  EXPECT_EQ(item->Data()[5], 0);
-  EXPECT_STREQ(reinterpret_cast<const char*>(item->Data()), "caf\xC3\xA9");
-}
-
-TEST(PublisherUserDataTest, BinaryIsCopied) {
+// Text keeps a terminating zero; binary data is copied, and empty data
+// refused.
+TEST(PublisherUserDataTest, TextAndBinary) {
+  auto text = Text("caf\xC3\xA9");
+  EXPECT_TRUE(text->IsUtf8String());
+  EXPECT_EQ(text->Size(), 5);
+  EXPECT_EQ(text->Data()[5], 0);
+  EXPECT_STREQ(reinterpret_cast<const char*>(text->Data()), "caf\xC3\xA9");
   unsigned char bytes[] = {1, 0, 2};
   PublisherUserData item;
   ASSERT_TRUE(item.SetData(bytes, 3));
@@ -39,31 +38,27 @@ TEST(PublisherUserDataTest, BinaryIsCopied) {
   EXPECT_EQ(item.Data(), nullptr);
 }
 
-TEST(PublisherUserDataQueueTest, FifoAndDropsOldestWhenFull) {
+// First in, first out, dropping the oldest when full; empty pointers and a
+// queue without capacity take nothing.
+TEST(PublisherUserDataQueueTest, FifoDropsOldestAndTakesNoEmptyPointer) {
   PublisherUserDataQueue queue(2);
   for (const char* t : {"a", "b", "c"}) {
     auto item = Text(t);
     queue.Push(item);
   }
+  std::shared_ptr<PublisherUserData> empty;
+  queue.Push(empty);  // would push "b" out
   EXPECT_EQ(queue.Size(), 2u);
   EXPECT_STREQ(reinterpret_cast<const char*>(queue.Pop()->Data()), "b");
   EXPECT_STREQ(reinterpret_cast<const char*>(queue.Pop()->Data()), "c");
   EXPECT_EQ(queue.Pop(), nullptr);
-}
-
-TEST(PublisherUserDataQueueTest, EmptyPointersAndZeroCapacity) {
-  PublisherUserDataQueue queue(0);
   auto item = Text("x");
   queue.Push(item);
-  std::shared_ptr<PublisherUserData> empty;
-  queue.Push(empty);
-  EXPECT_EQ(queue.Size(), 0u);
-  PublisherUserDataQueue other(3);
-  other.Push(empty);
-  EXPECT_EQ(other.Size(), 0u);
-  other.Push(item);
-  other.Clear();
-  EXPECT_EQ(other.Pop(), nullptr);
+  queue.Clear();
+  EXPECT_EQ(queue.Pop(), nullptr);
+  PublisherUserDataQueue none(0);
+  none.Push(item);
+  EXPECT_EQ(none.Size(), 0u);
 }
 
 // Oldest first and never repeated while a producer overruns the queue; the

@@ -108,7 +108,6 @@ int main(int argc, char** argv) {
       out.write(reinterpret_cast<const char*>(unit->data_.get()), unit->size_);
     }
   }
-  peer.UnInitRtsp();
   server->Unregister();
   std::printf("%zu access units in, %zu records out\n", access_units.size(), records);
   return records == access_units.size() ? 0 : 1;

@@ -365,7 +365,15 @@ case "$CASE" in
     [ "$status" -eq 0 ] && grep -q -- "--input" "$WORK/help.out" && pass "--help" || fail "--help: exit $status"
     ;;
   auth)
-    start_publisher --size 320x240 --user viewer --password "s3cret word"
+    # Nonces live 1 s (QZ_AUTH_NONCE_S): every PAUSE and PLAY below finds
+    # its nonce expired, is answered 401 with stale=true and sent again by
+    # the client with the new nonce, without asking for the password. The
+    # pausing viewers play QZ_AUTH_ROUNDS times QZ_AUTH_PLAY_S seconds with
+    # 2 s pauses in between (set them for a long run by hand).
+    rounds=${QZ_AUTH_ROUNDS:-3} play_s=${QZ_AUTH_PLAY_S:-2}
+    limit=$((rounds * (play_s + 2) + 30))
+    start_publisher --size 320x240 --user viewer --password "s3cret word" \
+      --nonce-lifetime "${QZ_AUTH_NONCE_S:-1}"
     sleep 1
     if timeout 15 ffprobe -v error -rtsp_transport tcp "$URL" > "$WORK/noauth.log" 2>&1; then
       fail "ffprobe without credentials was let in"
@@ -376,11 +384,37 @@ case "$CASE" in
     URL=$(echo "$GOOD" | sed 's#rtsp://#rtsp://viewer:s3cret%20word@#')
     expect_streams "codec_name=h264|width=320|height=240\ncodec_name=aac|sample_rate=48000|channels=1"
     decode_with_ffmpeg tcp 3
-    URL=$(echo "$GOOD" | sed 's#rtsp://#rtsp://viewer:wrong@#')
-    if timeout 15 ffprobe -v error -rtsp_transport tcp "$URL" > /dev/null 2>&1; then
+    if timeout 15 ffprobe -v error -rtsp_transport tcp "$(echo "$GOOD" | sed 's#rtsp://#rtsp://viewer:wrong@#')" \
+      > /dev/null 2>&1; then
       fail "a wrong password was let in"
     else
       pass "wrong password refused"
+    fi
+    timeout 30 gst-launch-1.0 -e rtspsrc location="$GOOD" protocols=tcp user-id=viewer \
+      user-pw="s3cret word" ! "application/x-rtp,media=video" ! decodebin ! videoconvert \
+      ! identity eos-after=50 ! fakesink > "$WORK/gst_auth.log" 2>&1
+    grep -q "EOS received" "$WORK/gst_auth.log" && pass "GStreamer (user-id, user-pw) decoded 50 buffers" \
+      || fail "GStreamer with user-id and user-pw: $(grep -m1 ERROR "$WORK/gst_auth.log")"
+    if [ -x "${QZ_FFMPEG_PAUSE_PLAY:-}" ]; then
+      timeout "$limit" "$QZ_FFMPEG_PAUSE_PLAY" "$URL" "$rounds" "$play_s" 2 > "$WORK/ffmpeg_pause_play.log" 2>&1
+      status=$?
+      stale=$(sed -nE 's/^stale challenges answered: ([0-9]+),.*/\1/p' "$WORK/ffmpeg_pause_play.log")
+      if [ "$status" -eq 0 ] && [ "${stale:-0}" -ge $((2 * (rounds - 1))) ]; then
+        pass "FFmpeg paused and played $rounds times, $stale stale challenges answered"
+      else
+        fail "FFmpeg pausing: exit $status, ${stale:-no} stale challenges: $(tail -3 "$WORK/ffmpeg_pause_play.log")"
+      fi
+    else
+      fail "QZ_FFMPEG_PAUSE_PLAY names no program (build qz_ffmpeg_pause_play)"
+    fi
+    if /usr/bin/python3 -c 'import gi; gi.require_version("Gst", "1.0")' 2> /dev/null; then
+      timeout "$limit" /usr/bin/python3 "$(dirname "$0")/gst_pause_play.py" "$GOOD" viewer "s3cret word" \
+        "$rounds" "$play_s" 2 > "$WORK/gst_pause_play.log" 2>&1
+      status=$?
+      [ "$status" -eq 0 ] && pass "GStreamer paused and played $rounds times" \
+        || fail "GStreamer pausing: exit $status: $(tail -3 "$WORK/gst_pause_play.log")"
+    else
+      fail "no python3-gi for GStreamer (scripts/install_deps.sh installs it)"
     fi
     stop_publisher
     ;;

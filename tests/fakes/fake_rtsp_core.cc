@@ -28,7 +28,10 @@ void FakeUdpSink::SendRtcp(const asio::ip::udp::endpoint& to,
 FakeClient::FakeClient(RtspServerCore& core, uint16_t remote_port, const std::string& address)
     : RtspClient(asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), 8554),
                  asio::ip::tcp::endpoint(asio::ip::make_address(address), remote_port)),
-      core_(core) {}
+      core_(core) {
+  accepted_ms = core.NowMs();
+  idle_since_ms = accepted_ms;
+}
 
 void FakeClient::SendResponse(std::string response) {
   written.push_back({-1, std::move(response)});
@@ -162,8 +165,9 @@ std::string FakeRtspCore::Setup(FakeClient& client,
   return reply.status == 200 ? header.substr(0, header.find(';')) : std::string();
 }
 
-void FakeRtspCore::PostVideo(int i, bool key) {
+void FakeRtspCore::PostVideo(int i, bool key, long long pushed_us) {
   auto video = std::make_shared<QZRtspVideoPacket>();
+  video->pushed_us_ = pushed_us;
   video->codec_id_ = QZ_MEDIA_CODEC_ID_H264;
   video->is_key_frame_ = key;
   video->time_stamp_ = static_cast<QZ_UINT64>(i) * 10;

@@ -111,7 +111,8 @@ class FakeRtspCore {
   // Records of frame `i` (video: key frame every `gop`-th; G.711 audio),
   // posted into the pipe as the publisher would, then drained.
   void Feed(int from, int count, int gop = 10);
-  void PostVideo(int i, bool key);
+  // `pushed_us`: the frame's push time, as the sinker notes it (0: none).
+  void PostVideo(int i, bool key, long long pushed_us = 0);
   void PostAudio(int i);
   // Runs what the network thread would run next: gate batches, posted work,
   // and timers that are due on the clock.

@@ -11,8 +11,13 @@
 
 namespace qz_test {
 
-Client::Client(uint16_t port) {
+Client::Client(uint16_t port, const std::string& source) {
   fd_ = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in from{};
+  from.sin_family = AF_INET;
+  if (!source.empty() && inet_pton(AF_INET, source.c_str(), &from.sin_addr) == 1) {
+    bind(fd_, reinterpret_cast<sockaddr*>(&from), sizeof(from));
+  }
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(port);

@@ -20,7 +20,9 @@ struct Response {
 
 class Client {
  public:
-  explicit Client(uint16_t port);
+  // Connects to 127.0.0.1:`port`, from `source` when given (any 127/8
+  // address is this host: clients that look like other hosts).
+  explicit Client(uint16_t port, const std::string& source = "");
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;

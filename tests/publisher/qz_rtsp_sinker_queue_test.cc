@@ -2,8 +2,6 @@
 // back-off of the send loop.
 #include <climits>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/publisher/sinker_fixture.h"
 
@@ -11,6 +9,28 @@ namespace qz_test {
 namespace {
 
 using QueueTest = SinkerTest;
+
+// A compact queue description: K<ts> key frame, P<ts> other video, A<ts> audio.
+void Fill(RtspSinker& sinker, const std::string& items) {
+  std::istringstream in(items);
+  for (std::string item; in >> item;) {
+    const long long ts = std::stoll(item.substr(1));
+    sinker.PushPacket(item[0] == 'A' ? MakeAudio(ts) : MakeVideo(ts, item[0] == 'K'));
+  }
+}
+
+std::string Describe(RtspSinkerTestPeer& peer) {
+  std::string out;
+  for (const auto& p : peer.Queued()) {
+    const bool audio = p->GetMediaType() == QZMediaPacket::MediaTypeAudio;
+    out += (out.empty() ? "" : " ") +
+           std::string(audio             ? "A"
+                       : p->IsKeyFrame() ? "K"
+                                         : "P") +
+           std::to_string(p->TimeStamp());
+  }
+  return out;
+}
 
 struct OrderCase {
   const char* name;
@@ -29,18 +49,21 @@ const OrderCase kOrderCases[] = {
 
 using QueueOrderTest = SinkerTableTest<OrderCase>;
 
+// A null packet is ignored; the rest pop in timestamp order, each push stamp
+// leaving with its entry.
 TEST_P(QueueOrderTest, PopsInTimestampOrder) {
   RtspSinker& sinker = MakeSinker(true, true);
   peer_->set_send_thread_running(true);  // keeps the stopped-backlog bound out of this
+  sinker.PushPacket(QZ_MediaPacketRefPtr());
   // Tag each packet with its push index in its payload size to see tie order.
   for (size_t i = 0; i < GetParam().pushed.size(); ++i) {
     sinker.PushPacket(MakePacket(QZMediaPacket::MediaTypeAudio, QZ_MEDIA_CODEC_ID_AAC,
                                  Bytes(i + 1, 0xAA), false, GetParam().pushed[i]));
   }
-  EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
   std::vector<long long> popped;
   int last_size = 0;
   while (QZ_MediaPacketRefPtr p = peer_->PopPacket()) {
+    EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
     if (!popped.empty() && p->TimeStamp() == popped.back()) {
       EXPECT_GT(p->Size(), last_size) << "equal timestamps out of push order";
     }
@@ -53,21 +76,18 @@ TEST_P(QueueOrderTest, PopsInTimestampOrder) {
 
 INSTANTIATE_TEST_SUITE_P(Table, QueueOrderTest, ::testing::ValuesIn(kOrderCases), RowName());
 
-// A null packet is ignored; one packet queued twice (an encoder that repeats
-// a frame) keeps its push stamp until its last entry leaves the queue.
-TEST_F(QueueTest, PushStampsFollowQueueEntries) {
+// One packet queued twice (an encoder that repeats a frame) keeps its push
+// stamp until its last entry leaves the queue.
+TEST_F(QueueTest, RepeatedPacketKeepsItsStampUntilTheLastEntry) {
   RtspSinker& sinker = MakeSinker(true, true);
   peer_->set_send_thread_running(true);
-  sinker.PushPacket(QZ_MediaPacketRefPtr());
-  EXPECT_EQ(peer_->QueueSize(), 0u);
   QZ_MediaPacketRefPtr p = MakeAudio(10);
   sinker.PushPacket(p);
   sinker.PushPacket(p);
-  EXPECT_EQ(peer_->StampedEntries(), 2u);
-  peer_->PopPacket();
-  EXPECT_EQ(peer_->StampedEntries(), 1u);
-  peer_->PopPacket();
-  EXPECT_EQ(peer_->StampedEntries(), 0u);
+  for (size_t left : {2u, 1u, 0u}) {
+    EXPECT_EQ(peer_->StampedEntries(), left);
+    peer_->PopPacket();
+  }
 }
 
 TEST_F(QueueTest, SaveInitPacketKeepsFirstVideoUntilAKeyFrameAndLatestAudio) {
@@ -119,26 +139,22 @@ TEST_P(InitWaitTest, IsCanInitRtsp) {
 
 INSTANTIATE_TEST_SUITE_P(Table, InitWaitTest, ::testing::ValuesIn(kInitWaitCases), RowName());
 
-// The growing steps themselves are checked through the send loop below.
-TEST_F(QueueTest, SleepCountIsZeroBeforeAFailureAndSaturates) {
-  MakeSinker(true, true);
-  const std::pair<int, int> cases[] = {{-5, 0}, {0, 0}, {20, 1160}, {21, 1200}, {INT_MAX, 1200}};
-  for (const auto& c : cases) {
+// The sleep count is zero before a failure and saturates (the growing steps
+// themselves are checked through the send loop below); sleeping it off drains
+// the queue with a 10 ms sleep per step, once and without sleeping when the
+// thread is exiting.
+TEST_F(QueueTest, BackOffSleepsAndDrains) {
+  RtspSinker& sinker = MakeSinker(true, true);
+  const std::pair<int, int> counts[] = {{-5, 0}, {0, 0}, {20, 1160}, {21, 1200}, {INT_MAX, 1200}};
+  for (const auto& c : counts) {
     EXPECT_EQ(peer_->GetSleepCount(c.first), c.second) << "seed " << c.first;
   }
-}
-
-TEST_F(QueueTest, SleepDropPacketDrainsAndSleepsPerStep) {
-  RtspSinker& sinker = MakeSinker(true, true);
-  for (int i = 0; i < 50; ++i) {
-    sinker.PushPacket(MakeAudio(i));
-  }
+  Fill(sinker, "A0 A1 A2 A3 A4");
   clock_.clear_sleeps();
   peer_->SleepDropPacket(3);
   EXPECT_EQ(peer_->QueueSize(), 0u);
   EXPECT_EQ(clock_.sleeps(), std::vector<int>({10, 10, 10}));
-  // An exiting thread drains once and does not sleep.
-  sinker.PushPacket(MakeAudio(0));
+  Fill(sinker, "A5");
   clock_.clear_sleeps();
   peer_->set_send_thread_exit(true);
   peer_->SleepDropPacket(1200);
@@ -148,32 +164,11 @@ TEST_F(QueueTest, SleepDropPacketDrainsAndSleepsPerStep) {
 
 // ---- drop policy -------------------------------------------------------------
 
-// A compact queue description: K<ts> key frame, P<ts> other video, A<ts> audio.
-void Fill(RtspSinker& sinker, const std::string& items) {
-  std::istringstream in(items);
-  for (std::string item; in >> item;) {
-    const long long ts = std::stoll(item.substr(1));
-    sinker.PushPacket(item[0] == 'A' ? MakeAudio(ts) : MakeVideo(ts, item[0] == 'K'));
-  }
-}
-
-std::string Describe(RtspSinkerTestPeer& peer) {
-  std::string out;
-  for (const auto& p : peer.Queued()) {
-    const bool audio = p->GetMediaType() == QZMediaPacket::MediaTypeAudio;
-    out += (out.empty() ? "" : " ") +
-           std::string(audio             ? "A"
-                       : p->IsKeyFrame() ? "K"
-                                         : "P") +
-           std::to_string(p->TimeStamp());
-  }
-  return out;
-}
-
 struct DropCase {
   const char* name;
   QZ_UINT64 delay;
   const char* queue;
+  QZ_UINT64 video_delay;  // newest minus oldest queued video, audio skipped
   const char* remaining;
   bool flag_before, flag_after;  // waiting for a key frame after a drop
 };
@@ -183,16 +178,17 @@ struct DropCase {
 // are queued; above that video goes until a key frame that leaves less than
 // min(delay - 1000, 2500) ms to the newest video.
 const DropCase kDropCases[] = {
-    {"below_threshold", 2499, "P1 P2 K3 P4", "P1 P2 K3 P4", false, false},
-    {"moderate_too_few_frames", 3000, "P1 K2", "P1 K2", false, false},
-    {"moderate_no_key_frame", 3000, "P1 P2 P3", "P1 P2 P3", false, false},
-    {"moderate", 3000, "P1 A1 P2 K3 P4", "A1 K3 P4", false, false},
-    {"moderate_at_3500", 3500, "P1 K2 P3", "K2 P3", false, false},
-    {"heavy", 4000, "K1000 P1040 K2000 P2040 K4200 P5000", "K4200 P5000", false, false},
-    {"heavy_drops_everything", 3600, "P0 P40 K100 P140 P3600", "", false, true},
-    {"heavy_keeps_audio", 3501, "A0 P10 A20 K3000", "A0 A20 K3000", false, false},
-    {"heavy_audio_only", 4000, "A0 A20", "A0 A20", false, false},
-    {"heavy_stop_at_key_clears_flag", 3600, "P0 K3000 P3600", "K3000 P3600", true, false},
+    {"empty", 4000, "", 0, "", false, false},
+    {"below_threshold", 2499, "P1 P2 K3 P4", 3, "P1 P2 K3 P4", false, false},
+    {"moderate_too_few_frames", 3000, "P1 K2", 1, "P1 K2", false, false},
+    {"moderate_no_key_frame", 3000, "P1 P2 P3", 2, "P1 P2 P3", false, false},
+    {"moderate", 3000, "P1 A1 P2 K3 P4 A9", 3, "A1 K3 P4 A9", false, false},
+    {"moderate_at_3500", 3500, "P1 K2 P3", 2, "K2 P3", false, false},
+    {"heavy", 4000, "K1000 P1040 K2000 P2040 K4200 P5000", 4000, "K4200 P5000", false, false},
+    {"heavy_drops_everything", 3600, "P0 P40 K100 P140 P3600", 3600, "", false, true},
+    {"heavy_keeps_audio", 3501, "A0 P10 A20 K3000", 2990, "A0 A20 K3000", false, false},
+    {"heavy_audio_only", 4000, "A0 A20", 0, "A0 A20", false, false},
+    {"heavy_stop_at_key_clears_flag", 3600, "P0 K3000 P3600", 3600, "K3000 P3600", true, false},
 };
 
 using DropTest = SinkerTableTest<DropCase>;
@@ -203,6 +199,7 @@ TEST_P(DropTest, DropPacket) {
   peer_->set_send_thread_running(true);
   peer_->set_is_no_complete_video_packet_drop(c.flag_before);
   Fill(sinker, c.queue);
+  EXPECT_EQ(peer_->GetVideoDelayTime(), c.video_delay);
   peer_->DropPacket(c.delay);
   EXPECT_EQ(Describe(*peer_), c.remaining);
   EXPECT_EQ(peer_->is_no_complete_video_packet_drop(), c.flag_after);
@@ -211,19 +208,11 @@ TEST_P(DropTest, DropPacket) {
 
 INSTANTIATE_TEST_SUITE_P(Table, DropTest, ::testing::ValuesIn(kDropCases), RowName());
 
-TEST_F(QueueTest, VideoDelaySkipsAudio) {
-  RtspSinker& sinker = MakeSinker(true, true);
-  peer_->set_send_thread_running(true);
-  EXPECT_EQ(peer_->GetVideoDelayTime(), 0u);
-  Fill(sinker, "A0 P100 A200");
-  EXPECT_EQ(peer_->GetVideoDelayTime(), 0u);
-  Fill(sinker, "K2700 A9000");
-  EXPECT_EQ(peer_->GetVideoDelayTime(), 2600u);
-}
-
 // A stopped sinker fed for a long time keeps a few seconds that start at a
-// key frame, audio included, instead of growing without limit.
-TEST_F(QueueTest, StoppedSinkerBoundsItsBacklogAtAKeyFrame) {
+// key frame, audio included, instead of growing without limit. Without key
+// frames only recent audio stays, and timestamps that never advance are
+// bounded by count.
+TEST_F(QueueTest, StoppedSinkerBoundsItsBacklog) {
   RtspSinker& sinker = MakeSinker(true, true);
   for (long long t = 0; t < 60000; t += 20) {
     if (t % 40 == 0) {
@@ -239,21 +228,18 @@ TEST_F(QueueTest, StoppedSinkerBoundsItsBacklogAtAKeyFrame) {
   EXPECT_EQ(queued.front()->GetMediaType(), QZMediaPacket::MediaTypeVideo);
   EXPECT_TRUE(queued.front()->IsKeyFrame());
   EXPECT_EQ(peer_->StampedEntries(), queued.size());
-}
 
-TEST_F(QueueTest, StoppedSinkerWithoutKeyFramesKeepsOnlyRecentAudio) {
-  RtspSinker& sinker = MakeSinker(true, true);
+  RtspSinker& other = MakeSinker(true, true);
   for (long long t = 0; t < 20000; t += 40) {
-    sinker.PushPacket(MakeVideo(t, false));
-    sinker.PushPacket(MakeAudio(t));
+    other.PushPacket(MakeVideo(t, false));
+    other.PushPacket(MakeAudio(t));
   }
   for (const auto& p : peer_->Queued()) {
     EXPECT_EQ(p->GetMediaType(), QZMediaPacket::MediaTypeAudio);
     EXPECT_GE(p->TimeStamp(), 20000 - 40 - 3000);
   }
-  // Timestamps that never advance are bounded by count.
   for (int i = 0; i < 5000; ++i) {
-    sinker.PushPacket(MakeAudio(7));
+    other.PushPacket(MakeAudio(7));
   }
   EXPECT_LE(peer_->QueueSize(), 2048u);
   EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
@@ -282,9 +268,16 @@ TEST_F(QueueTest, FailedInitBacksOffWithGrowingStepsAndStopEndsIt) {
   EXPECT_EQ(failures[2], failed + "3, sleepCount=140\n");
 }
 
-TEST_F(QueueTest, PacketOlderThanOriginIsReportedAndNotSent) {
+// A packet older than the time origin is reported and not sent. Without
+// assertions a packet of neither media type is dropped as well and never
+// reaches a send path.
+TEST_F(QueueTest, PacketsTheLoopCannotSendAreDropped) {
   RtspSinker& sinker = MakeSinker(false, true, {Handle(0x1000)});
   sinker.PushPacket(MakeVideo(1000, true));
+#ifdef NDEBUG
+  sinker.PushPacket(MakePacket(QZMediaPacket::MediaTypeUnKnown, QZ_MEDIA_CODEC_ID_H264,
+                               AnnexB({kH264Slice}), false, 1020));
+#endif
   ASSERT_TRUE(sinker.Start());
   ASSERT_TRUE(WaitFor([&] { return low_->video().size() == 1; }));
   sinker.PushPacket(MakeVideo(900, false));
@@ -324,22 +317,6 @@ TEST_F(QueueTest, AfterAHeavyDropNonKeyVideoWaitsForAKeyFrame) {
   EXPECT_EQ(video_times, std::vector<QZ_UINT64>({0, 3720, 3760}));
   EXPECT_EQ(low_->audio()[0].record->time_stamp_, 3700u);
 }
-
-#ifdef NDEBUG
-// Without assertions a packet of neither media type is dropped by the send
-// loop and never reaches a send path.
-TEST_F(QueueTest, PacketOfNeitherKindIsDroppedWithoutAssertions) {
-  RtspSinker& sinker = MakeSinker(false, true, {Handle(0x1000)});
-  sinker.PushPacket(MakeVideo(0, true));
-  sinker.PushPacket(MakePacket(QZMediaPacket::MediaTypeUnKnown, QZ_MEDIA_CODEC_ID_H264,
-                               AnnexB({kH264Slice}), false, 40));
-  sinker.PushPacket(MakeVideo(80, false));
-  ASSERT_TRUE(sinker.Start());
-  ASSERT_TRUE(WaitFor([&] { return low_->video().size() == 2; }));
-  sinker.Stop();
-  EXPECT_EQ(low_->video()[1].record->time_stamp_, 80u);
-}
-#endif
 
 }  // namespace
 }  // namespace qz_test

@@ -1,4 +1,5 @@
-// Creating and describing the pipes, and announcing URLs.
+// Creating and describing the pipes, announcing URLs, and the AAC, G.711 and
+// Speex send paths.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -55,45 +56,38 @@ TEST_P(PipeTest, InitRtspOffersOnePipePerServer) {
 
 INSTANTIATE_TEST_SUITE_P(Table, PipeTest, ::testing::ValuesIn(kPipeCases), RowName());
 
-struct DescribeCase {
-  const char* name;
-  QZ_MEDIA_CODEC_ID acodec;  // none: no audio packet
-  Bytes config;
-  int info_rate, info_channels;  // an audio info when the rate is positive
-  QZ_MEDIA_CODEC_ID vcodec;      // none: no video packet
-  bool key;
-  const char* sets;  // of "vps sps pps", as extra data of the video packet
-  bool has_video;
-  int rate, channels;
-  bool has_sets, has_config;
-};
-
 constexpr QZ_MEDIA_CODEC_ID kNone = QZ_MEDIA_CODEC_ID_NONE;
 constexpr QZ_MEDIA_CODEC_ID kAac = QZ_MEDIA_CODEC_ID_AAC;
 constexpr QZ_MEDIA_CODEC_ID kH264 = QZ_MEDIA_CODEC_ID_H264;
 constexpr QZ_MEDIA_CODEC_ID kH265 = QZ_MEDIA_CODEC_ID_H265;
-const Bytes kNoConfig, kBadConfig = {0x00};
+
+struct DescribeCase {
+  const char* name;
+  QZ_MEDIA_CODEC_ID vcodec;  // none: no video packet
+  bool key;
+  const char* sets;  // of "vps sps pps", as extra data of the video packet
+  bool has_sets;
+  QZ_MEDIA_CODEC_ID acodec = kNone;  // none: no audio packet
+  Bytes config = {};                 // the AudioSpecificConfig, described as it is
+  int info_rate = 0, info_channels = 0;
+  int rate = 0, channels = 0;
+};
 
 // A parsed AudioSpecificConfig wins over the packet's audio info; parameter
 // sets describe the stream only when a key frame brings all its codec needs.
+// Only H.264 and H.265 declare video.
 const DescribeCase kDescribeCases[] = {
-    {"aac", kAac, kAacConfig48k1, 0, 0, kNone, false, "", false, 48000, 1, false, true},
-    {"aac_parsed_config_wins", kAac, kAacConfig48k1, 22050, 2, kNone, false, "", false, 48000, 1,
-     false, true},
-    {"aac_unparsable_config_keeps_info", kAac, kBadConfig, 22050, 2, kNone, false, "", false, 22050,
-     2, false, true},
-    {"pcma_with_info", QZ_MEDIA_CODEC_ID_PCMA, kNoConfig, 8000, 1, kNone, false, "", false, 8000, 1,
-     false, false},
-    {"speex_without_info", QZ_MEDIA_CODEC_ID_SPEEX_WB, kNoConfig, 0, 0, kNone, false, "", false, 0,
-     0, false, false},
-    {"h264_complete", kNone, kNoConfig, 0, 0, kH264, true, "sps pps", true, 0, 0, true, false},
-    {"h264_sps_without_pps", kNone, kNoConfig, 0, 0, kH264, true, "sps", true, 0, 0, false, false},
-    {"h264_non_key_gives_no_sets", kNone, kNoConfig, 0, 0, kH264, false, "sps pps", true, 0, 0,
-     false, false},
-    {"h265_complete", kNone, kNoConfig, 0, 0, kH265, true, "vps sps pps", true, 0, 0, true, false},
-    {"h265_without_vps", kNone, kNoConfig, 0, 0, kH265, true, "sps pps", true, 0, 0, false, false},
-    {"mjpeg_declares_no_video", kNone, kNoConfig, 0, 0, QZ_MEDIA_CODEC_ID_MJPEG, true, "", false, 0,
-     0, false, false},
+    {"aac", kNone, false, "", false, kAac, kAacConfig48k1, 0, 0, 48000, 1},
+    {"aac_parsed_config_wins", kNone, false, "", false, kAac, kAacConfig48k1, 22050, 2, 48000, 1},
+    {"aac_unparsable_config_keeps_info", kNone, false, "", false, kAac, {0x00}, 22050, 2, 22050, 2},
+    {"pcma_with_info", kNone, false, "", false, QZ_MEDIA_CODEC_ID_PCMA, {}, 8000, 1, 8000, 1},
+    {"speex_without_info", kNone, false, "", false, QZ_MEDIA_CODEC_ID_SPEEX_WB},
+    {"h264_complete", kH264, true, "sps pps", true},
+    {"h264_sps_without_pps", kH264, true, "sps", false},
+    {"h264_non_key_gives_no_sets", kH264, false, "sps pps", false},
+    {"h265_complete", kH265, true, "vps sps pps", true},
+    {"h265_without_vps", kH265, true, "sps pps", false},
+    {"mjpeg_declares_no_video", QZ_MEDIA_CODEC_ID_MJPEG, true, "", false},
 };
 
 using DescribeTest = SinkerTableTest<DescribeCase>;
@@ -104,14 +98,7 @@ TEST_P(DescribeTest, InitRtspDescribesEveryPipe) {
   sinker.SetVideoKBitrate(2500);
   QZ_MediaPacketRefPtr audio, video;
   if (c.acodec != kNone) {
-    audio = MakeAudio(0, c.acodec);
-    if (!c.config.empty()) {
-      audio->SetExtraData("AudioSpecificConfig", c.config);
-    }
-    if (c.info_rate > 0) {
-      QZMediaPacket::AudioInfo info(c.info_rate, c.info_channels);
-      audio->SetAudioInfo(&info);
-    }
+    audio = Audio(0, c.config, c.info_rate, c.info_channels, c.acodec);
   }
   if (c.vcodec != kNone) {
     const std::string sets = c.sets;
@@ -124,24 +111,25 @@ TEST_P(DescribeTest, InitRtspDescribesEveryPipe) {
                  set("sps", h265 ? kH265Sps : kH264Sps), set("pps", h265 ? kH265Pps : kH264Pps));
   }
   OpenSession(audio, video);
+  const bool has_video = c.vcodec == kH264 || c.vcodec == kH265;
   for (auto& server : {low_, high_}) {
     ASSERT_EQ(server->pipes().size(), 1u);
     auto piple = server->pipes()[0];
     EXPECT_EQ(piple->IsHasAudio(), c.acodec != kNone);
-    EXPECT_EQ(piple->IsHasVideo(), c.has_video);
+    EXPECT_EQ(piple->IsHasVideo(), has_video);
     EXPECT_EQ(piple->GetAudioCodecID(), c.acodec);
-    EXPECT_EQ(piple->GetVideoCodecID(), c.has_video ? c.vcodec : kNone);
+    EXPECT_EQ(piple->GetVideoCodecID(), has_video ? c.vcodec : kNone);
     EXPECT_EQ(piple->AudioSampleRate(), c.rate);
     EXPECT_EQ(piple->AudioChannels(), c.channels);
-    EXPECT_EQ(piple->GetVideoKBitrate(), c.has_video ? 2500u : 0u);
+    EXPECT_EQ(piple->GetVideoKBitrate(), has_video ? 2500u : 0u);
     std::vector<unsigned char> vps, sps, pps, config;
     piple->GetVpsSpsPps(vps, sps, pps);
     piple->GetAudioSpecificConfig(config);
     EXPECT_EQ(!sps.empty(), c.has_sets);
-    EXPECT_EQ(config, c.has_config ? c.config : Bytes());
+    EXPECT_EQ(config, c.config);
   }
   EXPECT_EQ(peer_->is_setting_video_vps_sps_pps(), c.has_sets);
-  EXPECT_EQ(peer_->is_setting_audio_spec_config(), c.has_config);
+  EXPECT_EQ(peer_->is_setting_audio_spec_config(), !c.config.empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, DescribeTest, ::testing::ValuesIn(kDescribeCases), RowName());
@@ -163,6 +151,101 @@ TEST_F(SessionTest, UrlsAreAnnouncedOncePerPipeLowerHandleFirst) {
   peer_->NotifyRtspURLs();
   EXPECT_TRUE(UrlEvents().empty());
 }
+
+// ---- audio send paths ----------------------------------------------------------
+
+const std::string kChanged =
+    "VartoLogIOS [I] RtspSinker auido config changed, need to re-send it\n";
+
+TEST_F(SessionTest, AacConfigIsPushedBeforeTheFrameThatCarriesIt) {
+  MakeSinker(true, false);
+  OpenSession(Audio(0, kAacConfig44k2), nullptr, /*origin=*/1000);
+  log_.Clear();
+  peer_->SendAudioPacket(Audio(1000, kAacConfig44k2));  // same as InitRtsp pushed
+  EXPECT_FALSE(log_.Contains(kChanged));
+  peer_->SendAudioPacket(Audio(1023, kAacConfig48k1));      // changed
+  peer_->SendAudioPacket(Audio(1046, kAacConfig48k1));      // same again
+  peer_->SendAudioPacket(Audio(1069, {}));                  // none: keeps the stored one
+  peer_->SendAudioPacket(Audio(1092, {0x11, 0x88, 0x00}));  // longer only
+  peer_->SendAudioPacket(Audio(1115, {0xFF}));              // unparsable
+  EXPECT_EQ(log_.Matching(kChanged).size(), 3u);
+  const auto audio = low_->audio();
+  ASSERT_EQ(audio.size(), 6u);
+  EXPECT_EQ(audio[0].config, kAacConfig44k2);
+  EXPECT_EQ(audio[1].config, kAacConfig48k1);  // the pipe had it when the frame arrived
+  EXPECT_EQ(audio[1].sample_rate, 48000);
+  EXPECT_EQ(audio[1].channels, 1);
+  EXPECT_EQ(audio[3].config, kAacConfig48k1);
+  EXPECT_EQ(audio[4].config, std::vector<unsigned char>({0x11, 0x88, 0x00}));
+  // An unparsable configuration still reaches the pipes; the rate stays.
+  EXPECT_EQ(audio[5].config, std::vector<unsigned char>({0xFF}));
+  EXPECT_EQ(audio[5].sample_rate, 48000);
+  EXPECT_EQ(audio[5].record->sample_rate_, 48000);
+  EXPECT_EQ(audio[0].record->time_stamp_, 0u);
+  EXPECT_EQ(audio[1].record->time_stamp_, 23u);
+}
+
+TEST_F(SessionTest, WithoutPipesAacStillTracksConfiguration) {
+  high_->set_accept(false);
+  low_->set_accept(false);
+  MakeSinker(true, false);
+  OpenSession(Audio(0, {}), nullptr);
+  EXPECT_FALSE(peer_->is_setting_audio_spec_config());
+  peer_->SendAudioPacket(Audio(0, kAacConfig48k1));
+  EXPECT_TRUE(peer_->is_setting_audio_spec_config());
+  EXPECT_EQ(peer_->audio_specific_config(), kAacConfig48k1);
+  EXPECT_EQ(peer_->sample_rate(), 48000);
+}
+
+struct FrameCase {
+  const char* name;
+  QZ_MEDIA_CODEC_ID codec;
+  int info_rate, info_channels;  // an audio info unless both are 0
+  int rate, channels;            // expected in the record; 0: no record
+};
+
+// An audio info overrides the rate of the codec (for AAC the configuration's,
+// here the default 44100 Hz stereo); G.711 and Speex ignore one below 1.
+const FrameCase kFrameCases[] = {
+    {"aac_default", QZ_MEDIA_CODEC_ID_AAC, 0, 0, 44100, 2},
+    {"aac_with_info", QZ_MEDIA_CODEC_ID_AAC, 16000, 1, 16000, 1},
+    {"pcma_default", QZ_MEDIA_CODEC_ID_PCMA, 0, 0, 8000, 1},
+    {"pcmu_default", QZ_MEDIA_CODEC_ID_PCMU, 0, 0, 8000, 1},
+    {"pcma_with_info", QZ_MEDIA_CODEC_ID_PCMA, 16000, 2, 16000, 2},
+    {"pcmu_zero_rate_ignored", QZ_MEDIA_CODEC_ID_PCMU, 0, 1, 8000, 1},
+    {"speex_wb_default", QZ_MEDIA_CODEC_ID_SPEEX_WB, 0, 0, 16000, 1},
+    {"speex_nb_ignored", QZ_MEDIA_CODEC_ID_SPEEX_NB, 0, 0, 0, 0},
+    {"speex_uwb_ignored", QZ_MEDIA_CODEC_ID_SPEEX_UWB, 0, 0, 0, 0},
+};
+
+using FrameTest = SinkerTableTest<FrameCase>;
+
+TEST_P(FrameTest, FramesBecomeRecords) {
+  const FrameCase& c = GetParam();
+  MakeSinker(true, false);
+  OpenSession(MakeAudio(0, c.codec), nullptr, /*origin=*/10);
+  log_.Clear();
+  peer_->SendAudioPacket(Audio(30, {}, c.info_rate, c.info_channels, c.codec));
+  EXPECT_TRUE(log_.lines().empty());
+  const auto audio = low_->audio();
+  ASSERT_EQ(audio.size(), c.rate == 0 ? 0u : 1u);
+  if (c.rate == 0) {
+    return;
+  }
+  const auto& record = *audio[0].record;
+  EXPECT_EQ(record.codec_id_, c.codec);
+  EXPECT_EQ(record.sample_rate_, c.rate);
+  EXPECT_EQ(record.channels_, c.channels);
+  EXPECT_EQ(record.time_stamp_, 20u);
+  EXPECT_FALSE(record.extra_data_);
+  ASSERT_TRUE(record.data_);
+  EXPECT_EQ(Bytes(record.data_->data_.get(), record.data_->data_.get() + record.data_->size_),
+            Bytes({0x21, 0x10, 0x05, 0x00}));
+  // One record object, one buffer, for both pipes.
+  EXPECT_EQ(high_->audio()[0].record.get(), audio[0].record.get());
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, FrameTest, ::testing::ValuesIn(kFrameCases), RowName());
 
 }  // namespace
 }  // namespace qz_test

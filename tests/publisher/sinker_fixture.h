@@ -39,6 +39,24 @@ inline QZ_MediaPacketRefPtr WithSets(QZ_MediaPacketRefPtr p,
   return p;
 }
 
+// An audio packet with `config` as its AudioSpecificConfig (none when empty)
+// and an audio info when `rate` or `channels` is positive.
+inline QZ_MediaPacketRefPtr Audio(long long ts,
+                                  const Bytes& config = {},
+                                  int rate = 0,
+                                  int channels = 0,
+                                  QZ_MEDIA_CODEC_ID codec = QZ_MEDIA_CODEC_ID_AAC) {
+  QZ_MediaPacketRefPtr p = MakeAudio(ts, codec);
+  if (!config.empty()) {
+    p->SetExtraData("AudioSpecificConfig", config);
+  }
+  if (rate > 0 || channels > 0) {
+    QZMediaPacket::AudioInfo info(rate, channels);
+    p->SetAudioInfo(&info);
+  }
+  return p;
+}
+
 // Names each instance of a table-driven test after its row.
 struct RowName {
   template <typename Row>

@@ -6,6 +6,10 @@
 // answer was wrong or a player got no media.
 //
 //   qz_rtsp_soak --url rtsp://127.0.0.1:8554/live --clients 200 --seconds 60
+//
+// Clients connect from 127.0.1.2 and up, two to an address, as players on
+// other hosts would.
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -47,13 +51,14 @@ void Unexpected(const std::string& what, int status) {
   }
 }
 
-// A UDP socket on a free loopback port.
+// A UDP socket on a free port of loopback address `at` (where the server
+// sends: the address of the client's RTSP connection).
 struct UdpPort {
-  UdpPort() {
+  explicit UdpPort(const std::string& at) {
     fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, at.c_str(), &addr.sin_addr);
     bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     socklen_t len = sizeof(addr);
     getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -79,8 +84,14 @@ struct UdpPort {
 
 class SoakClient {
  public:
-  SoakClient(uint16_t port, std::string url, unsigned seed)
-      : port_(port), url_(std::move(url)), rng_(seed) {}
+  // Every client connects from an address of its own, shared with one
+  // other: the server holds at most a few connections per address.
+  SoakClient(uint16_t port, std::string url, int index)
+      : port_(port),
+        url_(std::move(url)),
+        source_("127.0." + std::to_string(1 + index / 500) + "." +
+                std::to_string(2 + index % 500 / 2)),
+        rng_(7919u * static_cast<unsigned>(index) + 1) {}
 
   void Run(std::chrono::steady_clock::time_point until) {
     while (std::chrono::steady_clock::now() < until) {
@@ -127,13 +138,13 @@ class SoakClient {
   }
 
   void Play(bool tcp) {
-    Client c(port_);
+    Client c(port_, source_);
     if (!c.connected()) {
       Unexpected("connect", -1);
       return;
     }
     ++g_totals.active;
-    UdpPort rtp, rtcp;
+    UdpPort rtp(source_), rtcp(source_);
     std::string session;
     bool ok = Expect(c, "OPTIONS", url_, 200) &&
               Expect(c, "DESCRIBE", url_, 200, "Accept: application/sdp\r\n");
@@ -180,7 +191,7 @@ class SoakClient {
   }
 
   void DropMidRequest() {
-    Client c(port_);
+    Client c(port_, source_);
     const std::string request = Client::Request("DESCRIBE", url_, 1);
     c.Send(request.substr(0, static_cast<size_t>(Pick(1, static_cast<int>(request.size()) - 1))));
     std::this_thread::sleep_for(std::chrono::milliseconds(Pick(0, 200)));
@@ -190,7 +201,7 @@ class SoakClient {
   }
 
   void Garbage() {
-    Client c(port_);
+    Client c(port_, source_);
     std::string junk(static_cast<size_t>(Pick(1, 4096)), '\0');
     for (char& ch : junk) {
       ch = static_cast<char>(Pick(0, 255));
@@ -206,6 +217,7 @@ class SoakClient {
 
   uint16_t port_;
   std::string url_;
+  std::string source_;
   std::mt19937 rng_;
   int cseq_ = 0;
   Response last_;
@@ -239,9 +251,8 @@ int main(int argc, char** argv) {
   const auto until = start + std::chrono::seconds(seconds);
   std::vector<std::thread> threads;
   for (int i = 0; i < clients; ++i) {
-    threads.emplace_back([port, url, until, i] {
-      SoakClient(static_cast<uint16_t>(port), url, 7919u * static_cast<unsigned>(i) + 1).Run(until);
-    });
+    threads.emplace_back(
+        [port, url, until, i] { SoakClient(static_cast<uint16_t>(port), url, i).Run(until); });
   }
   while (std::chrono::steady_clock::now() < until) {
     std::this_thread::sleep_for(std::chrono::seconds(1));

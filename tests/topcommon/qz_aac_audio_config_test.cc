@@ -1,5 +1,6 @@
 #include "topcommon/qz_aac_audio_config.h"
 
+#include <tuple>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -65,28 +66,20 @@ const AscCase kCases[] = {
     {"cut_sbr_extension", {0x2B, 0x10}, false, 0, 0, 0, 0},
 };
 
-class AacAudioConfigTest : public ::testing::TestWithParam<AscCase> {};
-
-TEST_P(AacAudioConfigTest, Parses) {
-  const AscCase& c = GetParam();
-  const QZ_BYTE* data = c.bytes.empty() ? nullptr : c.bytes.data();
-  const int size = static_cast<int>(c.bytes.size());
-  int obj = 0, rate = 0, channels = 0;
-  const bool ok = AACAudioConfig::Parser(data, size, obj, rate, channels);
-  EXPECT_EQ(AACAudioConfig::FrameLength(data, size), c.frame_length);
-  ASSERT_EQ(ok, c.ok);
-  if (c.ok) {
-    EXPECT_EQ(obj, c.obj_type);
-    EXPECT_EQ(rate, c.sample_rate);
-    EXPECT_EQ(channels, c.channels);
+TEST(AacAudioConfigTest, Parses) {
+  for (const AscCase& c : kCases) {
+    const QZ_BYTE* data = c.bytes.empty() ? nullptr : c.bytes.data();
+    const int size = static_cast<int>(c.bytes.size());
+    int obj = 0, rate = 0, channels = 0;
+    const bool ok = AACAudioConfig::Parser(data, size, obj, rate, channels);
+    EXPECT_EQ(AACAudioConfig::FrameLength(data, size), c.frame_length) << c.name;
+    EXPECT_EQ(ok, c.ok) << c.name;
+    if (ok && c.ok) {
+      EXPECT_EQ(std::make_tuple(obj, rate, channels),
+                std::make_tuple(c.obj_type, c.sample_rate, c.channels))
+          << c.name;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table,
-                         AacAudioConfigTest,
-                         ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<AscCase>& info) {
-                           return std::string(info.param.name);
-                         });
 
 }  // namespace

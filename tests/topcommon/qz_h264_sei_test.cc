@@ -97,7 +97,8 @@ TEST(H264SeiTest, EmulationPreventionRoundTrips) {
   EXPECT_EQ(Bytes(nal.begin() + data_at, nal.begin() + data_at + 4), Bytes({0, 0, 3, 0}));
 }
 
-TEST(H264SeiTest, StartCodeFlags) {
+// A three-byte start code or none; nothing from bad arguments.
+TEST(H264SeiTest, StartCodeFlagsAndBadArguments) {
   H264Sei sei;
   const Bytes rbsp = {0x05, 0x10, 0x80};
   Bytes nal;
@@ -107,10 +108,6 @@ TEST(H264SeiTest, StartCodeFlags) {
   EXPECT_EQ(nal[0], 0x06);
   sei.WriteSeiNalUnit(nal, nullptr, 3, false, false, false);
   EXPECT_TRUE(nal.empty());
-}
-
-TEST(H264SeiTest, RejectsBadArguments) {
-  H264Sei sei;
   Bytes message;
   EXPECT_FALSE(sei.WriteQZSDKSeiMessage(message, nullptr, 4));
   EXPECT_FALSE(sei.WriteQZSDKSeiMessage(message, reinterpret_cast<const QZ_BYTE*>("x"), -1));

@@ -177,10 +177,12 @@ int main(int argc, char** argv) {
     server_options.port = static_cast<uint16_t>(options.port == 0 ? 0 : options.port + i);
     server_options.bind_address = options.bind;
     server_options.max_clients = options.max_clients;
+    server_options.max_clients_per_address = options.max_clients_per_address;
     server_options.gop_cache = options.gop_cache;
     server_options.udp_gso = options.udp_gso;
     server_options.auth_user = options.user;
     server_options.auth_password = options.password;
+    server_options.auth_nonce_lifetime_s = options.nonce_lifetime;
     // A viewer waiting for a key frame gets one from the encoder at once
     // rather than at the end of the current GOP.
     qz_tools::MediaSource* video_source = source.get();

@@ -25,6 +25,8 @@ const char kUsage[] =
     "      --servers N         number of servers, on consecutive ports (default 1)\n"
     "      --bind ADDRESS      address to listen on (default: all interfaces)\n"
     "      --max-clients N     connections per server (default 64)\n"
+    "      --max-per-address N connections from one address (default 8; 0: no cap,\n"
+    "                          for load tests from one machine)\n"
     "      --no-gop-cache      new viewers wait for the next key frame instead of\n"
     "                          starting at once with the latest one\n"
     "      --no-udp-gso        send UDP media one datagram per packet instead of\n"
@@ -32,6 +34,7 @@ const char kUsage[] =
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
+    "      --nonce-lifetime S  seconds a Digest nonce is good (default 60)\n"
     "      --user-data TEXT    text carried in the H.264 stream as user-data SEI\n"
     "      --user-data-every S seconds between two user-data messages (default 2)\n"
     "  -t, --duration S        stop after S seconds (default 0: until Ctrl-C)\n"
@@ -128,6 +131,9 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
         return fail("--servers must be 1 to 16");
     } else if (arg == "--bind") {
       o.bind = v;
+    } else if (arg == "--max-per-address") {
+      if (!ParseInt(v, 0, 100000, o.max_clients_per_address))
+        return fail("--max-per-address must be 0 to 100000");
     } else if (arg == "--max-clients") {
       if (!ParseInt(v, 1, 100000, o.max_clients))
         return fail("--max-clients must be 1 to 100000");
@@ -142,6 +148,9 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.user = v;
     } else if (arg == "--password") {
       o.password = v;
+    } else if (arg == "--nonce-lifetime") {
+      if (!ParseInt(v, 1, 86400, o.nonce_lifetime))
+        return fail("--nonce-lifetime must be 1 to 86400");
     } else if (arg == "--user-data") {
       o.user_data = v;
     } else if (arg == "--user-data-every") {

@@ -16,14 +16,16 @@ struct PublishOptions {
   int kbitrate = 2000;
   int gop_seconds = 2;
   int port = 8554;
-  int servers = 1;        // servers on port, port+1, ...
-  std::string bind;       // empty: all interfaces
-  int max_clients = 64;   // connections per server
-  bool gop_cache = true;  // new viewers start at the latest key frame
-  bool udp_gso = true;    // UDP media as segmented messages
+  int servers = 1;                  // servers on port, port+1, ...
+  std::string bind;                 // empty: all interfaces
+  int max_clients = 64;             // connections per server
+  int max_clients_per_address = 8;  // of them from one address (0: no cap)
+  bool gop_cache = true;            // new viewers start at the latest key frame
+  bool udp_gso = true;              // UDP media as segmented messages
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;
+  int nonce_lifetime = 60;  // seconds a Digest nonce is good
   std::string user_data;    // text carried as SEI
   int user_data_every = 2;  // seconds
   int duration = 0;         // seconds; 0 runs until Ctrl-C

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
+
 namespace qz_rtsp_internal_server {
 
 class RtspSession;
@@ -42,8 +44,24 @@ class RtspClient : public std::enable_shared_from_this<RtspClient> {
   // to the connection that made it.
   std::map<std::string, std::shared_ptr<RtspSession>>& sessions() { return sessions_; }
   const std::map<std::string, std::shared_ptr<RtspSession>>& sessions() const { return sessions_; }
-  // Over the server's client limit: every request is answered 503.
+  // Refused by the server's connection limits: its first request is
+  // answered 503 and the connection closes.
   bool over_limit = false;
+  // The connection's Digest nonce: it is good on this connection only.
+  RtspAuthState auth;
+
+  // The connection's clocks (the server's steady milliseconds), which the
+  // core's Overdue() judges on every tick:
+  // when it was accepted;
+  long long accepted_ms = 0;
+  // since when it has had no session: from accept until its first
+  // successful SETUP, and again once its last session ended (0 while it has
+  // one). Nothing else a client sends stops this clock;
+  long long idle_since_ms = 0;
+  // when the unfinished request (or interleaved frame) began (0: none);
+  long long request_started_ms = 0;
+  // since when a write has waited for the socket to drain (0: none waits).
+  long long write_blocked_since_ms = 0;
 
  private:
   asio::ip::tcp::endpoint local_;

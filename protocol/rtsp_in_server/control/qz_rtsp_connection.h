@@ -36,12 +36,12 @@ class RtspConnection : public RtspClient {
   void Close() override;
   bool closed() const override { return closed_; }
 
-  // Sizes the socket's send buffer to `ms` of the bit rate of the streams
-  // this connection plays over TCP (tick; no change for small differences).
-  void SizeSendBuffer(int ms);
-  long long last_activity_ms() const { return last_activity_ms_; }
-  // When the unfinished request (or interleaved frame) began; 0 when none.
-  long long request_started_ms() const { return request_started_ms_; }
+  // Sizes the socket's send buffer to the server's `tcp_send_buffer_ms` of
+  // the bit rate of the streams this connection plays over TCP, each stream
+  // once however many sessions play it, within a per-connection cap. Before
+  // the first media write and on every tick (no change for small
+  // differences).
+  void SizeSendBuffer();
 
  private:
   void DoRead();
@@ -63,8 +63,6 @@ class RtspConnection : public RtspClient {
   RtspTcpWrite media_;
   bool close_after_write_ = false;  // answer sent, then close
   bool handling_ = false;           // inside the request handler
-  long long last_activity_ms_ = 0;
-  long long request_started_ms_ = 0;
 };
 
 }  // namespace qz_rtsp_internal_server

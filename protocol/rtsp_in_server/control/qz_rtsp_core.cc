@@ -1,5 +1,7 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
 
+#include <limits>
+
 namespace qz_rtsp_internal_server {
 
 RtspServerCore::RtspServerCore(const QZRtspServerOptions& options, Env env, Totals& totals)
@@ -10,7 +12,7 @@ RtspServerCore::RtspServerCore(const QZRtspServerOptions& options, Env env, Tota
       fanout_(table_,
               *env_.udp,
               totals_.delivery,
-              RtspFanout::Env{env_.clock, env_.post, options_.on_key_frame_request,
+              RtspFanout::Env{env_.clock, env_.post, env_.run_after, options_.on_key_frame_request,
                               options_.gop_cache}),
       handler_(options_,
                table_,
@@ -18,8 +20,84 @@ RtspServerCore::RtspServerCore(const QZRtspServerOptions& options, Env env, Tota
                RtspRequestHandler::Env{env_.clock, env_.find_stream, env_.run_after,
                                        [this] { CountRefused(); }, env_.udp_rtp_port}) {}
 
+namespace {
+
+// How long a refused connection may take to send the request its 503
+// answers.
+constexpr long long kRefusedGraceMs = 2000;
+
+asio::ip::address Plain(const asio::ip::address& address) {
+  return address.is_v6() && address.to_v6().is_v4_mapped()
+             ? asio::ip::address(asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()))
+             : address;
+}
+
+bool Playing(const RtspClient& client) {
+  for (const auto& entry : client.sessions()) {
+    if (entry.second->playing()) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+RtspServerCore::Admission RtspServerCore::Admit(const std::vector<RtspClient*>& open,
+                                                const asio::ip::address& from,
+                                                RtspClient** evict) const {
+  const asio::ip::address address = Plain(from);
+  int same_address = 0;
+  RtspClient* oldest_idle = nullptr;
+  for (RtspClient* client : open) {
+    same_address += Plain(client->remote().address()) == address ? 1 : 0;
+    if (!Playing(*client) &&
+        (oldest_idle == nullptr || client->accepted_ms < oldest_idle->accepted_ms)) {
+      oldest_idle = client;
+    }
+  }
+  if (options_.max_clients_per_address > 0 && same_address >= options_.max_clients_per_address) {
+    return Admission::kRefuse;
+  }
+  if (static_cast<int>(open.size()) < options_.max_clients) {
+    return Admission::kAdmit;
+  }
+  if (oldest_idle == nullptr) {
+    return Admission::kRefuse;
+  }
+  *evict = oldest_idle;
+  return Admission::kEvict;
+}
+
+const char* RtspServerCore::Overdue(RtspClient& client, long long now_ms) const {
+  if (client.over_limit) {
+    return now_ms - client.accepted_ms > kRefusedGraceMs ? "refused" : nullptr;
+  }
+  if (!client.sessions().empty()) {
+    client.idle_since_ms = 0;
+  } else if (client.idle_since_ms == 0) {
+    client.idle_since_ms = now_ms;
+  }
+  if (client.idle_since_ms != 0 &&
+      now_ms - client.idle_since_ms > options_.idle_timeout_s * 1000LL) {
+    return "no session";
+  }
+  if (client.request_started_ms != 0 &&
+      now_ms - client.request_started_ms > options_.request_timeout_ms) {
+    return "request too slow";
+  }
+  if (client.write_blocked_since_ms != 0 &&
+      now_ms - client.write_blocked_since_ms > options_.session_timeout_s * 1000LL) {
+    return "not reading";
+  }
+  return nullptr;
+}
+
 std::map<const RtspStream*, int> RtspServerCore::Tick(long long now_ms) {
-  table_.Expire(now_ms, options_.session_timeout_s * 1000LL);
+  const long long udp_silence_ms = options_.udp_silence_timeout_s > 0
+                                       ? options_.udp_silence_timeout_s * 1000LL
+                                       : std::numeric_limits<long long>::max();
+  table_.Expire(now_ms, options_.session_timeout_s * 1000LL, udp_silence_ms);
   std::map<const RtspStream*, int> playing;
   std::vector<std::shared_ptr<RtspSession>> sessions;
   for (const auto& entry : table_.sessions()) {
@@ -54,11 +132,7 @@ std::vector<QZRtspSessionStats> RtspServerCore::SessionStats() const {
     s.stream = session.stream().name();
     s.tcp = session.HasTcpTrack();
     if (auto client = session.client()) {
-      const asio::ip::address address = client->remote().address();
-      // An IPv4 client of the dual-stack socket by its IPv4 address.
-      s.client = address.is_v6() && address.to_v6().is_v4_mapped()
-                     ? asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string()
-                     : address.to_string();
+      s.client = Plain(client->remote().address()).to_string();  // IPv4 clients as IPv4
     }
     s.playing = session.playing();
     s.bytes_sent = session.bytes_sent;

@@ -47,6 +47,19 @@ class RtspServerCore {
   long long NowMs() const { return env_.clock->SteadyUs() / 1000; }
   void CountRefused() { ++totals_.refused; }
 
+  // A connection from `from` arrives while `open` are connected (refused
+  // ones left out): admitted; admitted once `*evict` (the oldest without a
+  // playing session) is closed to make room; or refused, because the table
+  // is full of playing clients or `from` already holds its share.
+  enum class Admission { kAdmit, kEvict, kRefuse };
+  Admission Admit(const std::vector<RtspClient*>& open,
+                  const asio::ip::address& from,
+                  RtspClient** evict) const;
+  // Every tick, for each connection: why it must close now (no session for
+  // the idle limit, a request begun too long ago, writes blocked for the
+  // session timeout, a refused connection that sent nothing), or null.
+  const char* Overdue(RtspClient& client, long long now_ms) const;
+
   // Every half second: silent sessions expire (alone: their connections
   // stay), playing ones get their due sender reports. Returns how many
   // sessions of each stream play.

@@ -136,7 +136,7 @@ void RtspFanout::Pump(RtspSession& session) {
 }
 
 void RtspFanout::PumpOne(RtspSession& session) {
-  if (!session.playing()) {
+  if (!session.Sends()) {
     return;
   }
   Resync(session);
@@ -157,17 +157,39 @@ void RtspFanout::PumpOne(RtspSession& session) {
   PumpUdp(session);
 }
 
+void RtspFanout::PaceLater(RtspSession& session) {
+  if (session.pace_scheduled) {
+    return;
+  }
+  session.pace_scheduled = true;
+  const int ms = static_cast<int>(session.pacer.WaitUs() / 1000) + 1;
+  std::weak_ptr<RtspSession> weak = session.shared_from_this();
+  env_.run_after(ms, [this, weak] {
+    if (auto s = weak.lock()) {
+      s->pace_scheduled = false;
+      Pump(*s);
+    }
+  });
+}
+
 void RtspFanout::PumpUdp(RtspSession& session) {
   RtspStream& stream = session.stream();
-  for (uint64_t i = session.read_index; i < stream.end_index(); ++i) {
+  session.pacer.Refill(clock_.SteadyUs(), stream.byte_rate());
+  const uint64_t end = session.SendEnd(stream.end_index());
+  uint64_t i = session.read_index;
+  for (; i < end && session.pacer.Allows(); ++i) {
     const RtpPacket& packet = *stream.At(i);
     RtspSessionTrack& track = session.tracks()[packet.track];
     if (track.Delivers(packet.key_frame_start)) {
       udp_.Add(track.rtp_endpoint, packet.UdpData(), packet.UdpSize(), &session);
+      session.pacer.Spend(packet.UdpSize());
     }
   }
-  session.read_index = stream.end_index();
-  session.written_index = session.read_index;  // the caller flushes the batch next
+  session.read_index = i;
+  session.written_index = i;  // the caller flushes the batch next
+  if (i < end) {
+    PaceLater(session);
+  }
 }
 
 bool RtspFanout::GatherTcp(RtspClient& client, RtspTcpWrite& write) {
@@ -175,18 +197,21 @@ bool RtspFanout::GatherTcp(RtspClient& client, RtspTcpWrite& write) {
   write.packets.clear();
   for (auto& entry : client.sessions()) {
     RtspSession& session = *entry.second;
-    if (!session.playing() || session.waiting_key || !session.HasTcpTrack()) {
+    if (!session.Sends() || session.waiting_key || !session.HasTcpTrack()) {
       continue;
     }
     Resync(session);
     RtspStream& stream = session.stream();
+    session.pacer.Refill(clock_.SteadyUs(), stream.byte_rate());
+    const uint64_t end = session.SendEnd(stream.end_index());
     uint64_t index = session.read_index;
     size_t bytes = 0;
-    while (index < stream.end_index() && write.buffers.size() + 2 <= RtspTcpWrite::kMaxBuffers &&
-           bytes < RtspTcpWrite::kMaxBytes) {
+    while (index < end && write.buffers.size() + 2 <= RtspTcpWrite::kMaxBuffers &&
+           bytes < RtspTcpWrite::kMaxBytes && session.pacer.Allows()) {
       const std::shared_ptr<RtpPacket>& packet = stream.At(index);
       RtspSessionTrack& track = session.tracks()[packet->track];
       if (track.Delivers(packet->key_frame_start)) {
+        session.pacer.Spend(packet->UdpSize());
         if (!track.tcp) {
           udp_.Add(track.rtp_endpoint, packet->UdpData(), packet->UdpSize(), &session);
         } else if (packet->TcpData()[1] == track.rtp_channel) {
@@ -211,6 +236,9 @@ bool RtspFanout::GatherTcp(RtspClient& client, RtspTcpWrite& write) {
     }
     udp_.Flush();
     session.read_index = index;
+    if (index < end && !session.pacer.Allows()) {
+      PaceLater(session);
+    }
     if (!write.buffers.empty()) {
       session.writing = true;
       session.write_end = index;

@@ -1,10 +1,10 @@
 // Sends each stream's packets to the sessions that play it: over UDP through
 // the packet sink (one batch per record across every client), and over TCP
 // by asking each client's connection to write, which then gathers its media
-// here. Also the RTCP sender reports, the catch-up of a client that fell
-// behind the stream's ring (cut back to a key frame, and a key frame asked
-// for), and the settling of the write-delay statistics once every client
-// that keeps up has written a record. Network thread only.
+// here, each session paced (RtspPacer). Also the RTCP sender reports, the catch-up of a client that
+// fell behind the stream's ring (cut back to a key frame, and a key frame asked for), and the
+// settling of the write-delay statistics once every client that keeps up has written a record.
+// Network thread only.
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_FANOUT_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_FANOUT_H_
 
@@ -38,8 +38,10 @@ class RtspFanout {
  public:
   struct Env {
     const RtspClock* clock = &RtspClock::System();
-    // Runs work later on the network thread, in a turn of its own.
+    // Runs work later on the network thread, in a turn of its own, now or
+    // after `ms`.
     std::function<void(std::function<void()>)> post;
+    std::function<void(int ms, std::function<void()>)> run_after;
     // Asks the application for a key frame (called from a posted turn).
     std::function<void(const std::string& stream)> on_key_frame_request;
     bool gop_cache = true;
@@ -78,6 +80,9 @@ class RtspFanout {
   void PumpOne(RtspSession& session);  // UDP datagrams left in the sink's batch
   void PumpUdp(RtspSession& session);
   void Resync(RtspSession& session);
+  // The pacer holds back what `session` has not read yet: pump it again
+  // once it allows more.
+  void PaceLater(RtspSession& session);
   void SendReports(RtspSession& session, long long now_ms, bool start);
   void SendReport(RtspSession& session, size_t track, const std::vector<uint8_t>& report);
   void SettleWrites(RtspStream& stream);

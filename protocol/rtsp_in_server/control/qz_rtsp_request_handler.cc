@@ -101,7 +101,11 @@ RtspRequestHandler::RtspRequestHandler(const QZRtspServerOptions& options,
                                        RtspFanout& fanout,
                                        Env env)
     : options_(options),
-      auth_(options.auth_user, options.auth_password, options.auth_realm, options.allow_basic_auth),
+      auth_(options.auth_user,
+            options.auth_password,
+            options.auth_realm,
+            options.allow_basic_auth,
+            options.auth_nonce_lifetime_s * 1000LL),
       table_(table),
       fanout_(fanout),
       env_(std::move(env)) {}
@@ -177,10 +181,14 @@ void RtspRequestHandler::Handle(RtspClient& client, const RtspRequest& request) 
     return;
   }
   const std::string& method = request.method;
-  if (method != "OPTIONS" && !auth_.Check(request, NowMs())) {
-    Headers challenge = {{"WWW-Authenticate", auth_.DigestChallenge(NowMs())}};
-    if (auth_.allow_basic()) {
-      challenge.emplace_back("WWW-Authenticate", auth_.BasicChallenge());
+  const RtspAuthenticator::Verdict verdict = method == "OPTIONS"
+                                                 ? RtspAuthenticator::Verdict::kOk
+                                                 : auth_.Check(request, client.auth, NowMs());
+  if (verdict != RtspAuthenticator::Verdict::kOk) {
+    Headers challenge;
+    for (std::string& value :
+         auth_.Challenges(client.auth, NowMs(), verdict == RtspAuthenticator::Verdict::kStale)) {
+      challenge.emplace_back("WWW-Authenticate", std::move(value));
     }
     Reply(client, 401, cseq, challenge);
     return;
@@ -222,6 +230,7 @@ void RtspRequestHandler::Handle(RtspClient& client, const RtspRequest& request) 
     } else if (method == "PAUSE") {
       session->Pause();
       Reply(client, 200, cseq, {{"Session", SessionHeader(*session)}});
+      fanout_.Pump(*session);  // the rest of the record being sent
     } else {
       Play(client, *session, request, cseq);
     }
@@ -357,6 +366,9 @@ void RtspRequestHandler::Play(RtspClient& client,
                               const RtspRequest& request,
                               const std::string& cseq) {
   const bool starts = !session.playing();
+  if (starts) {
+    session.Resumed(NowMs());
+  }
   bool wants_key_frame = false;
   const std::vector<RtpInfoEntry> info = session.Play(
       BaseUrl(client, request, session.stream().name()), options_.gop_cache, &wants_key_frame);

@@ -15,6 +15,9 @@ namespace {
 using qz_utility::LogFormat;
 
 constexpr auto kTickInterval = std::chrono::milliseconds(500);
+// Refused connections waiting to read the request their 503 answers; more
+// are closed without an answer.
+constexpr int kMaxRefusing = 16;
 
 // Stream names become a URL path segment: unreserved characters only
 // (RFC 3986), so that every client can type and parse the URL.
@@ -166,8 +169,10 @@ bool QZRtspServer::Impl::Listen(std::string& why) {
 // own addresses and ports.
 bool QZRtspServer::Impl::OpenUdp() {
   UdpPortPair pair;
-  if (!OpenUdpPortPair(
-          io_, [] { return RtspRandom::Crypto().Next32(); }, pair)) {
+  asio::error_code ec;
+  const asio::ip::address at = acceptor_->local_endpoint(ec).address();
+  if (ec || !OpenUdpPortPair(
+                io_, at, [] { return RtspRandom::Crypto().Next32(); }, pair)) {
     return false;
   }
   udp_rtp_ = std::move(pair.rtp);
@@ -349,22 +354,54 @@ void QZRtspServer::Impl::DoAccept() {
       });
       return;
     }
-    const bool over_limit = static_cast<int>(connections_.size()) >= options_.max_clients;
-    auto connection = std::make_shared<RtspConnection>(
-        *core_, std::move(socket), over_limit, [this](RtspConnection* closed) {
-          for (auto it = connections_.begin(); it != connections_.end(); ++it) {
-            if (it->get() == closed) {
-              connections_.erase(it);
-              break;
-            }
-          }
-          stat_connections_ = static_cast<int>(connections_.size());
-        });
-    connections_.insert(connection);
-    stat_connections_ = static_cast<int>(connections_.size());
-    connection->Start();
+    Admit(std::move(socket));
     DoAccept();
   });
+}
+
+void QZRtspServer::Impl::Admit(asio::ip::tcp::socket socket) {
+  asio::error_code ec;
+  const asio::ip::tcp::endpoint remote = socket.remote_endpoint(ec);
+  if (ec) {
+    return;  // already gone
+  }
+  std::vector<RtspClient*> open;
+  int refusing = 0;
+  for (const auto& connection : connections_) {
+    if (connection->over_limit) {
+      ++refusing;
+    } else {
+      open.push_back(connection.get());
+    }
+  }
+  RtspClient* evict = nullptr;
+  const RtspServerCore::Admission admission = core_->Admit(open, remote.address(), &evict);
+  if (admission == RtspServerCore::Admission::kEvict) {
+    core_->CountRefused();
+    evict->Close();
+  }
+  const bool refused = admission == RtspServerCore::Admission::kRefuse;
+  if (refused) {
+    core_->CountRefused();
+    if (refusing >= kMaxRefusing) {
+      // A flood: no answer, the socket closes at once.
+      socket.close(ec);
+      return;
+    }
+  }
+  auto connection = std::make_shared<RtspConnection>(
+      *core_, std::move(socket), refused, [this](RtspConnection* closed) {
+        for (auto it = connections_.begin(); it != connections_.end(); ++it) {
+          if (it->get() == closed) {
+            connections_.erase(it);
+            break;
+          }
+        }
+        stat_connections_ = static_cast<int>(connections_.size());
+      });
+  connections_.insert(connection);
+  stat_connections_ = static_cast<int>(connections_.size());
+  connection->Start();
 }
 
 // What clients send to the RTP and RTCP ports: receiver reports, BYE, and
@@ -399,11 +436,8 @@ void QZRtspServer::Impl::OnTick() {
   }
   std::vector<std::shared_ptr<RtspConnection>> to_close;
   for (auto& connection : connections_) {
-    connection->SizeSendBuffer(options_.tcp_send_buffer_ms);
-    const long long started = connection->request_started_ms();
-    if ((connection->sessions().empty() &&
-         now - connection->last_activity_ms() > options_.idle_timeout_s * 1000LL) ||
-        (started != 0 && now - started > options_.request_timeout_ms)) {
+    connection->SizeSendBuffer();
+    if (core_->Overdue(*connection, now) != nullptr) {
       core_->CountRefused();
       to_close.push_back(connection);
     }

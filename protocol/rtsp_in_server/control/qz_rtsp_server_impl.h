@@ -44,6 +44,9 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   bool Listen(std::string& why);
   bool OpenUdp();
   void DoAccept();
+  // A new connection: admitted, admitted in place of an idle one, or
+  // refused (answered 503 and closed).
+  void Admit(asio::ip::tcp::socket socket);
   void ReceiveUdp(asio::ip::udp::socket& socket, int which);
   void OnTick();
   std::shared_ptr<RtspStream> FindStream(const std::string& name);

@@ -10,7 +10,8 @@ RtspSession::RtspSession(std::string id,
       client_(client),
       stream_(std::move(stream)),
       tracks_(static_cast<size_t>(stream_->track_count())),
-      last_activity_ms_(now_ms) {
+      last_activity_ms_(now_ms),
+      udp_heard_ms_(now_ms) {
   for (const RtpTrackInfo& info : stream_->Describe().Tracks()) {
     clock_rates_.push_back(info.clock_rate);
   }
@@ -125,6 +126,17 @@ std::vector<RtpInfoEntry> RtspSession::Play(const std::string& base_url,
 }
 
 void RtspSession::Pause() {
+  // Packets of one record follow each other in the ring.
+  const RtspStream& stream = *stream_;
+  drain_end_ = read_index;
+  if (read_index > stream.begin_index()) {
+    const RtpPacket& last = *stream.At(read_index - 1);
+    while (drain_end_ < stream.end_index() && stream.At(drain_end_)->track == last.track &&
+           stream.At(drain_end_)->record_ms == last.record_ms &&
+           !stream.At(drain_end_)->key_frame_start) {
+      ++drain_end_;
+    }
+  }
   SetState(State::kReady);
 }
 

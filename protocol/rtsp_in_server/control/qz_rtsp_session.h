@@ -7,6 +7,7 @@
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SESSION_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SESSION_H_
 
+#include <algorithm>
 #include <asio.hpp>
 #include <cstdint>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "protocol/rtsp_in_server/control/qz_rtsp_client.h"
+#include "protocol/rtsp_in_server/media/qz_rtsp_pacer.h"
 #include "protocol/rtsp_in_server/media/qz_rtsp_stream.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
@@ -97,12 +99,38 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   std::vector<RtpInfoEntry> Play(const std::string& base_url,
                                  bool gop_cache,
                                  bool* wants_key_frame);
+  // PAUSE. The record being sent (a picture, an audio frame) is finished
+  // first: a client left with part of a picture would decode it broken
+  // after the next PLAY.
   void Pause();
+  // Whether the fan-out sends to this session: it plays, or it finishes its
+  // record after a PAUSE; and up to which ring index (of `stream_end`).
+  bool Sends() const { return playing() || read_index < drain_end_; }
+  uint64_t SendEnd(uint64_t stream_end) const {
+    return playing() ? stream_end : std::min(stream_end, drain_end_);
+  }
   // The session is over (TEARDOWN, expiry, BYE, its connection closed).
   void End();
 
   void Touch(long long now_ms) { last_activity_ms_ = now_ms; }
   long long last_activity_ms() const { return last_activity_ms_; }
+  // Something arrived from the client's own UDP ports: it receives what is
+  // sent there. Until it does, the session's UDP media has a deadline that
+  // nothing else moves (see QZRtspServerOptions::udp_silence_timeout_s);
+  // once it did, each PLAY starts the silence clock afresh (a paused client
+  // may fall silent).
+  void HeardOverUdp(long long now_ms) {
+    udp_heard_ms_ = now_ms;
+    udp_answered_ = true;
+  }
+  void Resumed(long long now_ms) {
+    if (udp_answered_) {
+      udp_heard_ms_ = now_ms;
+    }
+  }
+  bool UdpSilent(long long now_ms, long long timeout_ms) const {
+    return playing() && HasUdpTrack() && now_ms - udp_heard_ms_ > timeout_ms;
+  }
 
   // A report block of the client's RTCP about one of our tracks, arrived
   // at `arrival_compact_ntp` (see RtcpCompactNtp).
@@ -128,6 +156,9 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   // the write delay).
   uint64_t written_index = 0;
   bool live = false;
+  // What the client is sent is paced; a pump waits for it to allow more.
+  RtspPacer pacer;
+  bool pace_scheduled = false;
   unsigned long long bytes_sent = 0;
   unsigned long long packets_sent = 0;
   unsigned long long packets_dropped = 0;
@@ -142,6 +173,9 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   std::vector<int> clock_rates_;
   State state_ = State::kInit;
   long long last_activity_ms_ = 0;
+  uint64_t drain_end_ = 0;  // paused: what finishes the record being sent
+  long long udp_heard_ms_ = 0;
+  bool udp_answered_ = false;
   RtspReception reception_;
 };
 

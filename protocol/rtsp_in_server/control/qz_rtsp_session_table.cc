@@ -101,10 +101,11 @@ bool RtspSessionTable::TeardownTrack(RtspSession& session, int track) {
   return true;
 }
 
-int RtspSessionTable::Expire(long long now_ms, long long timeout_ms) {
+int RtspSessionTable::Expire(long long now_ms, long long timeout_ms, long long udp_silence_ms) {
   std::vector<std::string> expired;
   for (const auto& entry : sessions_) {
-    if (now_ms - entry.second->last_activity_ms() > timeout_ms) {
+    if (now_ms - entry.second->last_activity_ms() > timeout_ms ||
+        entry.second->UdpSilent(now_ms, udp_silence_ms)) {
       expired.push_back(entry.first);
     }
   }
@@ -144,6 +145,7 @@ bool RtspSessionTable::OnUdpPacket(const asio::ip::udp::endpoint& from,
     return false;
   }
   session->Touch(now_ms);
+  session->HeardOverUdp(now_ms);
   bool bye = false;
   if (ReadRtcp(*session, data, size, arrival_compact_ntp, &bye) && bye && !session->HasTcpTrack()) {
     Destroy(session->id());

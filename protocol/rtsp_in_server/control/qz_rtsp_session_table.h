@@ -45,9 +45,10 @@ class RtspSessionTable {
   // TEARDOWN of one track (see RtspSession::TeardownTrack), routes included.
   bool TeardownTrack(RtspSession& session, int track);
 
-  // Ends the sessions nothing was heard of for longer than `timeout_ms`
-  // (their connections stay). Returns how many ended.
-  int Expire(long long now_ms, long long timeout_ms);
+  // Ends the sessions nothing was heard of for longer than `timeout_ms`,
+  // and the UDP ones whose client's ports stayed silent for longer than
+  // `udp_silence_ms` (their connections stay). Returns how many ended.
+  int Expire(long long now_ms, long long timeout_ms, long long udp_silence_ms);
 
   // A datagram a UDP client sent to either of the server's ports: it
   // renews the sender's session, its receiver reports feed the session's

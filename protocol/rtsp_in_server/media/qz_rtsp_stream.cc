@@ -269,7 +269,17 @@ void RtspStream::Append(std::vector<std::shared_ptr<RtpPacket>>& packets) {
   if (rate_window_start_ms_ < 0) {
     rate_window_start_ms_ = now_ms;
   } else if (now_ms - rate_window_start_ms_ >= 1000) {
-    byte_rate_ = rate_window_bytes_ * 1000 / static_cast<size_t>(now_ms - rate_window_start_ms_);
+    rate_windows_.emplace_back(rate_window_bytes_, now_ms - rate_window_start_ms_);
+    if (rate_windows_.size() > kRateWindows) {
+      rate_windows_.pop_front();
+    }
+    size_t bytes = 0;
+    long long ms = 0;
+    for (const auto& window : rate_windows_) {
+      bytes += window.first;
+      ms += window.second;
+    }
+    byte_rate_ = bytes * 1000 / static_cast<size_t>(ms);
     rate_window_start_ms_ = now_ms;
     rate_window_bytes_ = 0;
   }

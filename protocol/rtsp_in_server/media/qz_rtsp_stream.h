@@ -135,7 +135,8 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
 
   unsigned long long packets_built() const { return packets_built_.load(); }
   // Network thread: bytes a second the stream sent into its ring over the
-  // last full second (0 before one has passed).
+  // last four full seconds, so that a key frame does not swing it (0 before
+  // one has passed).
   size_t byte_rate() const { return byte_rate_; }
   RtspCounters& counters() { return counters_; }
   // Network thread: how many of its sessions play (refreshed by the server).
@@ -239,8 +240,11 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
     long long pushed_us;  // 0: unknown
   };
   std::deque<Unwritten> unwritten_;
+  static constexpr size_t kRateWindows = 4;
   long long rate_window_start_ms_ = -1;
   size_t rate_window_bytes_ = 0;
+  // The last full windows: bytes and milliseconds each, oldest first.
+  std::deque<std::pair<size_t, long long>> rate_windows_;
   size_t byte_rate_ = 0;
   long long posted_us_ = 0;  // of the record being handled
   long long pushed_us_ = 0;

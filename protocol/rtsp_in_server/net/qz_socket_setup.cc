@@ -53,6 +53,7 @@ bool OpenRtspListener(asio::ip::tcp::acceptor& acceptor,
 }
 
 bool OpenUdpPortPair(asio::io_context& io,
+                     const asio::ip::address& at,
                      const std::function<uint32_t()>& random,
                      UdpPortPair& pair) {
   for (int attempt = 0; attempt < 64; ++attempt) {
@@ -60,9 +61,10 @@ bool OpenUdpPortPair(asio::io_context& io,
     asio::error_code ec;
     auto rtp = std::make_unique<asio::ip::udp::socket>(io);
     auto rtcp = std::make_unique<asio::ip::udp::socket>(io);
-    asio::ip::udp protocol = asio::ip::udp::v6();
+    const bool any = at.is_unspecified();
+    asio::ip::udp protocol = any || at.is_v6() ? asio::ip::udp::v6() : asio::ip::udp::v4();
     rtp->open(protocol, ec);
-    if (ec) {
+    if (ec && any) {
       protocol = asio::ip::udp::v4();
       rtp->open(protocol, ec);
     }
@@ -70,15 +72,19 @@ bool OpenUdpPortPair(asio::io_context& io,
       return false;
     }
     rtcp->open(protocol, ec);
-    if (protocol == asio::ip::udp::v6()) {
+    if (any && protocol == asio::ip::udp::v6()) {
       rtp->set_option(asio::ip::v6_only(false), ec);
       rtcp->set_option(asio::ip::v6_only(false), ec);
     }
-    rtp->bind(asio::ip::udp::endpoint(protocol, port), ec);
+    const auto endpoint = [&](int p) {
+      return any ? asio::ip::udp::endpoint(protocol, static_cast<uint16_t>(p))
+                 : asio::ip::udp::endpoint(at, static_cast<uint16_t>(p));
+    };
+    rtp->bind(endpoint(port), ec);
     if (ec) {
       continue;
     }
-    rtcp->bind(asio::ip::udp::endpoint(protocol, static_cast<uint16_t>(port + 1)), ec);
+    rtcp->bind(endpoint(port + 1), ec);
     if (ec) {
       continue;
     }

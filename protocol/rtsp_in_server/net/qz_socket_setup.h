@@ -29,7 +29,11 @@ struct UdpPortPair {
   std::unique_ptr<asio::ip::udp::socket> rtcp;
   uint16_t rtp_port = 0;
 };
+// The sockets are bound to `at`, the address the RTSP listener is bound to:
+// a server that listens on one interface only does not take datagrams on
+// the others. Unspecified: every IPv4 and IPv6 interface.
 bool OpenUdpPortPair(asio::io_context& io,
+                     const asio::ip::address& at,
                      const std::function<uint32_t()>& random,
                      UdpPortPair& pair);
 

@@ -2,7 +2,9 @@
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/rand.h>
+#include <strings.h>
 
 #include <cstdlib>
 
@@ -13,14 +15,87 @@
 namespace qz_rtsp_internal_server {
 namespace {
 
-bool ConstantTimeEqual(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+constexpr size_t kNonceBytes = 16;  // of the HMAC, as 32 hex digits
+
+std::string HexDigest(const EVP_MD* md, const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(text.data(), text.size(), digest, &size, md, nullptr);
+  return qz_utility::HexEncode(digest, size);
+}
+
+// Equality in time that depends on neither content nor length: both sides
+// are hashed first, and the hashes compared without an early exit.
+bool SecretEqual(const std::string& a, const std::string& b) {
+  unsigned char ha[32];
+  unsigned char hb[32];
+  EVP_Digest(a.data(), a.size(), ha, nullptr, EVP_sha256(), nullptr);
+  EVP_Digest(b.data(), b.size(), hb, nullptr, EVP_sha256(), nullptr);
+  return CRYPTO_memcmp(ha, hb, sizeof(ha)) == 0;
 }
 
 // A parameter's value, empty when absent.
 std::string ParamOf(const RtspAuthHeader& auth, const char* name) {
   const std::string* value = auth.Param(name);
   return value == nullptr ? std::string() : *value;
+}
+
+// The algorithm an answer names (none: MD5); false for one not known.
+bool ParseAlgorithm(const RtspAuthHeader& auth, RtspAuthenticator::Algorithm& algorithm) {
+  const std::string* name = auth.Param("algorithm");
+  using A = RtspAuthenticator::Algorithm;
+  static const struct {
+    const char* name;
+    A algorithm;
+  } kKnown[] = {{"MD5", A::kMd5},
+                {"MD5-sess", A::kMd5Sess},
+                {"SHA-256", A::kSha256},
+                {"SHA-256-sess", A::kSha256Sess}};
+  algorithm = A::kMd5;
+  if (name == nullptr) {
+    return true;
+  }
+  for (const auto& known : kKnown) {
+    if (strcasecmp(name->c_str(), known.name) == 0) {
+      algorithm = known.algorithm;
+      return true;
+    }
+  }
+  return false;
+}
+
+// nc is 8 hex digits (RFC 2617 3.2.2).
+bool ParseNonceCount(const std::string& nc, uint32_t& value) {
+  if (nc.size() != 8 || nc.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    return false;
+  }
+  value = static_cast<uint32_t>(std::strtoul(nc.c_str(), nullptr, 16));
+  return true;
+}
+
+// The digest's uri names the request's resource: the Request-URI itself,
+// as FFmpeg, GStreamer and live555 send it, or its absolute path (with
+// query), as HTTP clients do.
+bool UriMatches(const std::string& digest_uri, const std::string& request_uri) {
+  if (digest_uri == request_uri) {
+    return true;
+  }
+  const size_t scheme = request_uri.find("://");
+  if (scheme == std::string::npos || digest_uri.empty() || digest_uri[0] != '/') {
+    return false;
+  }
+  const size_t path = request_uri.find('/', scheme + 3);
+  return path == std::string::npos ? digest_uri == "/"
+                                   : request_uri.compare(path, std::string::npos, digest_uri) == 0;
+}
+
+std::string Lower(std::string s) {
+  for (char& c : s) {
+    if (c >= 'A' && c <= 'F') {
+      c = static_cast<char>(c - 'A' + 'a');
+    }
+  }
+  return s;
 }
 
 }  // namespace
@@ -35,19 +110,19 @@ RtspAuthenticator::RtspAuthenticator(std::string user,
       realm_(std::move(realm)),
       allow_basic_(allow_basic),
       nonce_lifetime_ms_(nonce_lifetime_ms) {
-  unsigned char key[16] = {0};
-  RAND_bytes(key, sizeof(key));
+  unsigned char key[32] = {0};
+  if (RAND_bytes(key, sizeof(key)) != 1) {
+    std::abort();  // nonces from a known key could be forged
+  }
   key_.assign(reinterpret_cast<const char*>(key), sizeof(key));
 }
 
 std::string RtspAuthenticator::Md5Hex(const std::string& text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int size = 0;
-  EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr);
-  return qz_utility::HexEncode(digest, size);
+  return HexDigest(EVP_md5(), text);
 }
 
-std::string RtspAuthenticator::DigestResponse(const std::string& user,
+std::string RtspAuthenticator::DigestResponse(Algorithm algorithm,
+                                              const std::string& user,
                                               const std::string& realm,
                                               const std::string& password,
                                               const std::string& method,
@@ -56,80 +131,127 @@ std::string RtspAuthenticator::DigestResponse(const std::string& user,
                                               const std::string& nc,
                                               const std::string& cnonce,
                                               const std::string& qop) {
-  const std::string ha1 = Md5Hex(user + ":" + realm + ":" + password);
-  const std::string ha2 = Md5Hex(method + ":" + uri);
+  const bool sha256 = algorithm == Algorithm::kSha256 || algorithm == Algorithm::kSha256Sess;
+  const EVP_MD* md = sha256 ? EVP_sha256() : EVP_md5();
+  std::string ha1 = HexDigest(md, user + ":" + realm + ":" + password);
+  if (algorithm == Algorithm::kMd5Sess || algorithm == Algorithm::kSha256Sess) {
+    ha1 = HexDigest(md, ha1 + ":" + nonce + ":" + cnonce);
+  }
+  const std::string ha2 = HexDigest(md, method + ":" + uri);
   if (qop.empty()) {
-    return Md5Hex(ha1 + ":" + nonce + ":" + ha2);
+    return HexDigest(md, ha1 + ":" + nonce + ":" + ha2);
   }
-  return Md5Hex(ha1 + ":" + nonce + ":" + nc + ":" + cnonce + ":" + qop + ":" + ha2);
+  return HexDigest(md, ha1 + ":" + nonce + ":" + nc + ":" + cnonce + ":" + qop + ":" + ha2);
 }
 
-std::string RtspAuthenticator::MakeNonce(long long now_ms) const {
-  const std::string stamp = std::to_string(now_ms);
-  return stamp + "." + Md5Hex(key_ + stamp).substr(0, 16);
-}
-
-bool RtspAuthenticator::NonceValid(const std::string& nonce, long long now_ms) const {
-  const size_t dot = nonce.find('.');
-  if (dot == std::string::npos || dot == 0 || dot > 19 ||
-      nonce.find_first_not_of("0123456789") != dot) {
-    return false;
+std::string RtspAuthenticator::NonceOf(const RtspAuthState& state) const {
+  unsigned char data[20];
+  for (int i = 0; i < 8; ++i) {
+    data[i] = static_cast<unsigned char>(state.connection >> (56 - 8 * i));
+    data[12 + i] =
+        static_cast<unsigned char>(static_cast<uint64_t>(state.issued_ms) >> (56 - 8 * i));
   }
-  const std::string stamp = nonce.substr(0, dot);
-  const long long made = std::atoll(stamp.c_str());
-  if (now_ms < made || now_ms - made > nonce_lifetime_ms_) {
-    return false;  // expired (or from the future)
+  for (int i = 0; i < 4; ++i) {
+    data[8 + i] = static_cast<unsigned char>(state.generation >> (24 - 8 * i));
   }
-  return ConstantTimeEqual(nonce, MakeNonce(made));
+  unsigned char mac[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  HMAC(EVP_sha256(), key_.data(), static_cast<int>(key_.size()), data, sizeof(data), mac, &size);
+  return qz_utility::HexEncode(mac, kNonceBytes);
 }
 
-std::string RtspAuthenticator::DigestChallenge(long long now_ms) const {
-  RtspAuthHeader challenge;
-  challenge.scheme = RtspAuthHeader::Scheme::kDigest;
-  challenge.params = {{"realm", realm_, true}, {"nonce", MakeNonce(now_ms), true}};
-  return WriteRtspAuth(challenge);
+std::vector<std::string> RtspAuthenticator::Challenges(RtspAuthState& state,
+                                                       long long now_ms,
+                                                       bool stale) {
+  // A nonce with half its life or more ahead is offered again: a client
+  // whose answers lag one challenge behind (GStreamer's, while it shuts
+  // down) then still answers with the current nonce, and one that retries
+  // has time to.
+  const long long age = now_ms - state.issued_ms;
+  if (state.connection == 0 || age < 0 || age > nonce_lifetime_ms_ / 2) {
+    if (state.connection == 0) {
+      state.connection = ++connections_;
+    }
+    ++state.generation;
+    state.issued_ms = now_ms;
+    state.last_nc = 0;
+  }
+  const std::string nonce = NonceOf(state);
+  std::vector<std::string> out;
+  for (const char* algorithm : {"SHA-256", "MD5"}) {
+    RtspAuthHeader challenge;
+    challenge.scheme = RtspAuthHeader::Scheme::kDigest;
+    challenge.params = {{"realm", realm_, true},
+                        {"qop", "auth", true},
+                        {"algorithm", algorithm, false},
+                        {"nonce", nonce, true}};
+    if (stale) {
+      challenge.params.push_back({"stale", "true", false});
+    }
+    out.push_back(WriteRtspAuth(challenge));
+  }
+  if (allow_basic_) {
+    RtspAuthHeader challenge;
+    challenge.scheme = RtspAuthHeader::Scheme::kBasic;
+    challenge.params = {{"realm", realm_, true}};
+    out.push_back(WriteRtspAuth(challenge));
+  }
+  return out;
 }
 
-std::string RtspAuthenticator::BasicChallenge() const {
-  RtspAuthHeader challenge;
-  challenge.scheme = RtspAuthHeader::Scheme::kBasic;
-  challenge.params = {{"realm", realm_, true}};
-  return WriteRtspAuth(challenge);
-}
-
-bool RtspAuthenticator::Check(const RtspRequest& request, long long now_ms) const {
+RtspAuthenticator::Verdict RtspAuthenticator::Check(const RtspRequest& request,
+                                                    RtspAuthState& state,
+                                                    long long now_ms) const {
   if (!enabled()) {
-    return true;
+    return Verdict::kOk;
   }
   const std::string* header = request.Header("Authorization");
   RtspAuthHeader auth;
   if (header == nullptr || !ParseRtspAuth(*header, auth)) {
-    return false;
+    return Verdict::kDenied;
   }
-  if (auth.scheme == RtspAuthHeader::Scheme::kDigest) {
-    const std::string nonce = ParamOf(auth, "nonce");
-    const std::string uri = ParamOf(auth, "uri");
-    if (!ConstantTimeEqual(ParamOf(auth, "username"), user_) || ParamOf(auth, "realm") != realm_ ||
-        !NonceValid(nonce, now_ms) || uri.empty()) {
-      return false;
-    }
-    const std::string qop = ParamOf(auth, "qop");
-    if (!qop.empty() && qop != "auth") {
-      return false;
-    }
-    const std::string expected =
-        DigestResponse(user_, realm_, password_, request.method, uri, nonce, ParamOf(auth, "nc"),
-                       ParamOf(auth, "cnonce"), qop);
-    return ConstantTimeEqual(ParamOf(auth, "response"), expected);
-  }
-  if (allow_basic_ && auth.scheme == RtspAuthHeader::Scheme::kBasic) {
+  if (auth.scheme == RtspAuthHeader::Scheme::kBasic) {
     std::string decoded;
-    if (auth.token.empty() || !qz_utility::Base64Decode(auth.token, decoded)) {
-      return false;
-    }
-    return ConstantTimeEqual(decoded, user_ + ":" + password_);
+    const bool ok = allow_basic_ && !auth.token.empty() &&
+                    qz_utility::Base64Decode(auth.token, decoded) &&
+                    SecretEqual(decoded, user_ + ":" + password_);
+    return ok ? Verdict::kOk : Verdict::kDenied;
   }
-  return false;
+  // Nothing below returns early: every verdict is folded into the flags
+  // and the expected response is computed whatever they say.
+  const std::string nonce = ParamOf(auth, "nonce");
+  const std::string qop = ParamOf(auth, "qop");
+  const std::string nc = ParamOf(auth, "nc");
+  const std::string cnonce = ParamOf(auth, "cnonce");
+  const std::string uri = ParamOf(auth, "uri");
+  Algorithm algorithm = Algorithm::kMd5;
+  bool form_ok = ParseAlgorithm(auth, algorithm);
+  uint32_t count = 0;
+  if (qop == "auth") {
+    form_ok &= ParseNonceCount(nc, count) && !cnonce.empty();
+  } else {
+    form_ok &= qop.empty();  // auth-int is not offered
+  }
+  if (algorithm == Algorithm::kMd5Sess || algorithm == Algorithm::kSha256Sess) {
+    form_ok &= !cnonce.empty();
+  }
+  const std::string expected = DigestResponse(algorithm, user_, realm_, password_, request.method,
+                                              uri, nonce, nc, cnonce, qop);
+  bool credentials_ok = form_ok;
+  credentials_ok &= SecretEqual(ParamOf(auth, "username"), user_);
+  credentials_ok &= SecretEqual(Lower(ParamOf(auth, "response")), expected);
+  credentials_ok &= ParamOf(auth, "realm") == realm_;
+  credentials_ok &= UriMatches(uri, request.uri);
+  const bool own_nonce = state.connection != 0 && SecretEqual(nonce, NonceOf(state));
+  const bool fresh = now_ms >= state.issued_ms && now_ms - state.issued_ms <= nonce_lifetime_ms_;
+  const bool counted = qop.empty() || count > state.last_nc;
+  if (credentials_ok && own_nonce && fresh && counted) {
+    if (!qop.empty()) {
+      state.last_nc = count;
+    }
+    return Verdict::kOk;
+  }
+  return credentials_ok && own_nonce && !fresh ? Verdict::kStale : Verdict::kDenied;
 }
 
 }  // namespace qz_rtsp_internal_server

@@ -1,21 +1,49 @@
-// RTSP authentication: Digest (RFC 2617 with MD5, with or without
-// qop=auth, as RTSP clients implement it) and, only when allowed, Basic.
+// RTSP authentication: Digest (RFC 2617 with MD5 and MD5-sess, RFC 7616
+// with SHA-256 and SHA-256-sess; with or without qop=auth, as RTSP clients
+// implement it) and, only when allowed, Basic.
 //
-// Nonces carry their creation time and a keyed hash of it, so they need no
-// server state: a nonce is good for `nonce_lifetime_ms` and cannot be forged
-// without the server's random key. Every comparison of secrets is
-// constant-time.
+// A nonce belongs to one connection: it is an HMAC-SHA256, under a random
+// key of the server's, of the connection's number, a count and the time it
+// was made, and the connection keeps those (RtspAuthState) to check it. A
+// nonce captured on one connection is refused on every other, and it says
+// nothing about the device (no clock in clear). With qop=auth each answer
+// must carry a higher nc than the last one accepted for its nonce. The
+// digest's uri must be the request's.
+//
+// Every check does the same work whatever fails: the expected response is
+// always computed in full and the verdicts of the single checks are
+// combined without an early exit, so a wrong user name answers no sooner
+// than a wrong password.
 #ifndef PROTOCOL_RTSP_IN_SERVER_WIRE_QZ_RTSP_AUTH_H_
 #define PROTOCOL_RTSP_IN_SERVER_WIRE_QZ_RTSP_AUTH_H_
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace qz_rtsp_internal_server {
 
 struct RtspRequest;
 
+// What a connection holds of its Digest nonce; it lives with the connection.
+struct RtspAuthState {
+  uint64_t connection = 0;  // the server's number for the connection; 0: none yet
+  uint32_t generation = 0;  // nonces made for the connection so far
+  uint32_t last_nc = 0;     // highest nc accepted with the current nonce
+  long long issued_ms = 0;  // when the current nonce was made (steady clock)
+};
+
 class RtspAuthenticator {
  public:
+  enum class Verdict {
+    kOk,
+    kDenied,
+    // The credentials were right but the nonce has expired: the challenge
+    // says stale=true, so that clients answer it without asking the user.
+    kStale,
+  };
+  enum class Algorithm { kMd5, kMd5Sess, kSha256, kSha256Sess };
+
   // An empty user turns authentication off.
   RtspAuthenticator(std::string user,
                     std::string password,
@@ -25,18 +53,22 @@ class RtspAuthenticator {
 
   bool enabled() const { return !user_.empty(); }
 
-  // True when the request carries valid credentials (or authentication is
-  // off). `now_ms` is the steady clock.
-  bool Check(const RtspRequest& request, long long now_ms) const;
+  // Whether the request carries valid credentials for the connection whose
+  // state is `state` (kOk when authentication is off). A Digest answer
+  // accepted with qop=auth moves the state's nc on. `now_ms`: steady clock.
+  Verdict Check(const RtspRequest& request, RtspAuthState& state, long long now_ms) const;
 
-  // The WWW-Authenticate value(s) for a 401: a fresh Digest challenge, and a
-  // Basic one when allowed (joined for one header each, in that order).
-  std::string DigestChallenge(long long now_ms) const;
-  std::string BasicChallenge() const;
-  bool allow_basic() const { return allow_basic_; }
+  // The WWW-Authenticate values of a 401, in order: Digest with SHA-256,
+  // Digest with MD5, and Basic when allowed. Both Digest challenges carry
+  // the connection's nonce: the current one while it has half its lifetime
+  // or more ahead, else a new one. Clients that read only one Digest
+  // challenge (FFmpeg, GStreamer) take the last one, MD5.
+  std::vector<std::string> Challenges(RtspAuthState& state, long long now_ms, bool stale);
 
-  // Digest response per RFC 2617 3.2.2.1 (qop empty: the RFC 2069 form).
-  static std::string DigestResponse(const std::string& user,
+  // The Digest response of RFC 2617 3.2.2.1 / RFC 7616 3.4.1 (qop empty:
+  // the RFC 2069 form).
+  static std::string DigestResponse(Algorithm algorithm,
+                                    const std::string& user,
                                     const std::string& realm,
                                     const std::string& password,
                                     const std::string& method,
@@ -45,11 +77,23 @@ class RtspAuthenticator {
                                     const std::string& nc,
                                     const std::string& cnonce,
                                     const std::string& qop);
+  // MD5.
+  static std::string DigestResponse(const std::string& user,
+                                    const std::string& realm,
+                                    const std::string& password,
+                                    const std::string& method,
+                                    const std::string& uri,
+                                    const std::string& nonce,
+                                    const std::string& nc,
+                                    const std::string& cnonce,
+                                    const std::string& qop) {
+    return DigestResponse(Algorithm::kMd5, user, realm, password, method, uri, nonce, nc, cnonce,
+                          qop);
+  }
   static std::string Md5Hex(const std::string& text);
 
  private:
-  std::string MakeNonce(long long now_ms) const;
-  bool NonceValid(const std::string& nonce, long long now_ms) const;
+  std::string NonceOf(const RtspAuthState& state) const;
 
   std::string user_;
   std::string password_;
@@ -57,6 +101,7 @@ class RtspAuthenticator {
   bool allow_basic_;
   long long nonce_lifetime_ms_;
   std::string key_;  // random, per server
+  uint64_t connections_ = 0;
 };
 
 }  // namespace qz_rtsp_internal_server

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "protocol/rtsp_in_server/wire/qz_rtsp_lex.h"
@@ -144,6 +145,13 @@ RtspParseResult RtspRequestParser::Next() {
     }
     const std::string line = buffer_.substr(line_start, line_end - line_start);
     line_start = lf + 1;
+    // Control characters (a CR that ends no line above all) would be echoed
+    // into answers as line breaks of their own.
+    if (std::any_of(line.begin(), line.end(), [](char c) {
+          return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f;
+        })) {
+      return Fail("control character in a header");
+    }
     if (first) {
       first = false;
       const size_t s1 = line.find(' ');
@@ -178,6 +186,11 @@ RtspParseResult RtspRequestParser::Next() {
   }
 
   size_t body_len = 0;
+  if (req.Header("Transfer-Encoding") != nullptr) {
+    // RTSP has no chunked bodies; a proxy and this server could otherwise
+    // disagree on where the request ends.
+    return Fail("Transfer-Encoding");
+  }
   if (req.HeaderCount("Content-Length") > 1) {
     return Fail("repeated Content-Length");
   }

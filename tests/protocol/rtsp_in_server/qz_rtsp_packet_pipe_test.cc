@@ -18,18 +18,14 @@ class CountingVideoSinker : public QZRtspVideoSinker {
   std::vector<std::shared_ptr<QZRtspVideoPacket>> received;
 };
 
-TEST(QZRtspPacketPipleTest, NewPipeIsBlank) {
+// A new pipe has its name and nothing else; setters copy their input and
+// replace what was there.
+TEST(QZRtspPacketPipleTest, NewPipeIsBlankAndSettersCopyAndReplace) {
   QZRtspPacketPiple piple("live");
   EXPECT_EQ(piple.StreamName(), "live");
-  EXPECT_FALSE(piple.IsHasAudio());
-  EXPECT_FALSE(piple.IsHasVideo());
   EXPECT_FALSE(piple.IsNotifiedRtspURL());
   EXPECT_EQ(piple.GetRtspURL(), "");
   EXPECT_FALSE(piple.IsHasAVConfig());
-}
-
-TEST(QZRtspPacketPipleTest, SettersCopyAndReplace) {
-  QZRtspPacketPiple piple("live");
   std::vector<QZ_BYTE> sps = {0x67, 1}, pps = {0x68, 2};
   piple.SetSpsPps(sps.data(), 2, pps.data(), 2);
   sps[1] = 9;  // the pipe holds its own copy
@@ -41,6 +37,9 @@ TEST(QZRtspPacketPipleTest, SettersCopyAndReplace) {
   EXPECT_EQ(out_pps, pps2);
 }
 
+// Whether a pipe is described well enough for an SDP, and the codec
+// predicates of the pipe (a medium declared with that codec) and of records
+// (their codec alone).
 struct ConfigCase {
   const char* name;
   bool audio, video;
@@ -50,6 +49,8 @@ struct ConfigCase {
 };
 
 const ConfigCase kConfigCases[] = {
+    {"nothing_declared", false, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_H264, true, true,
+     false},
     {"h264_with_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H264, true, false,
      true},
     {"h264_without_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H264, false, false,
@@ -62,6 +63,7 @@ const ConfigCase kConfigCases[] = {
     {"aac_with_config", true, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_NONE, false, true,
      true},
     {"pcma", true, false, QZ_MEDIA_CODEC_ID_PCMA, QZ_MEDIA_CODEC_ID_NONE, false, false, true},
+    {"pcmu", true, false, QZ_MEDIA_CODEC_ID_PCMU, QZ_MEDIA_CODEC_ID_NONE, false, false, true},
     {"h264_and_aac_missing_config", true, true, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_H264, true,
      false, false},
 };
@@ -87,6 +89,12 @@ TEST_P(PipeConfigTest, IsHasAVConfig) {
   EXPECT_EQ(piple.IsHasH264(), c.video && c.vcodec == QZ_MEDIA_CODEC_ID_H264);
   EXPECT_EQ(piple.IsHasAAC(), c.audio && c.acodec == QZ_MEDIA_CODEC_ID_AAC);
   EXPECT_EQ(piple.IsHasPCMA(), c.audio && c.acodec == QZ_MEDIA_CODEC_ID_PCMA);
+  QZRtspVideoPacket video;
+  video.codec_id_ = c.vcodec;
+  EXPECT_EQ(video.IsH265(), c.vcodec == QZ_MEDIA_CODEC_ID_H265);
+  QZRtspAudioPacket audio;
+  audio.codec_id_ = c.acodec;
+  EXPECT_EQ(audio.IsPCMU(), c.acodec == QZ_MEDIA_CODEC_ID_PCMU);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
@@ -95,18 +103,6 @@ INSTANTIATE_TEST_SUITE_P(Table,
                          [](const ::testing::TestParamInfo<ConfigCase>& info) {
                            return std::string(info.param.name);
                          });
-
-TEST(QZRtspPacketPipleTest, RecordPredicatesFollowCodecId) {
-  QZRtspVideoPacket video;
-  video.codec_id_ = QZ_MEDIA_CODEC_ID_H265;
-  EXPECT_FALSE(video.IsH264());
-  EXPECT_TRUE(video.IsH265());
-  QZRtspAudioPacket audio;
-  audio.codec_id_ = QZ_MEDIA_CODEC_ID_PCMU;
-  EXPECT_TRUE(audio.IsPCMU());
-  EXPECT_FALSE(audio.IsPCMA());
-  EXPECT_FALSE(audio.IsAAC());
-}
 
 TEST(QZRtspPacketPipleTest, PostReachesLiveConsumersOnlyAndSharesTheRecord) {
   QZRtspPacketPiple piple("s");

@@ -4,6 +4,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -67,78 +68,64 @@ struct SplitCase {
   bool ok;
   const char* units;
   bool key;
+  size_t vps, sps, pps;  // parameter sets, the leading units in this order
 };
 
 const SplitCase kSplitCases[] = {
     {"h264_idr_with_sets", true, "00 00 00 01 67 AA 00 00 01 68 BB 00 00 00 01 65 CC DD", true,
-     "67 AA | 68 BB | 65 CC DD", true},
-    {"h264_non_idr", true, "00 00 01 41 9A", true, "41 9A", false},
-    {"back_to_back_start_codes", true, "00 00 00 01 00 00 01 41 01", true, "41 01", false},
-    {"trailing_zeros_dropped", true, "00 00 01 65 11 00 00 00", true, "65 11", true},
-    {"leading_garbage_ignored", true, "33 44 00 00 01 41 22", true, "41 22", false},
-    {"one_byte_h264_unit", true, "00 00 01 09", true, "09", false},
-    {"h265_irap_cra", false, "00 00 01 2A 01 10", true, "2A 01 10", true},
+     "67 AA | 68 BB | 65 CC DD", true, 0, 1, 1},
+    {"h264_non_idr", true, "00 00 01 41 9A", true, "41 9A", false, 0, 0, 0},
+    {"back_to_back_start_codes", true, "00 00 00 01 00 00 01 41 01", true, "41 01", false, 0, 0, 0},
+    {"trailing_zeros_dropped", true, "00 00 01 65 11 00 00 00", true, "65 11", true, 0, 0, 0},
+    {"leading_garbage_ignored", true, "33 44 00 00 01 41 22", true, "41 22", false, 0, 0, 0},
+    {"one_byte_h264_unit", true, "00 00 01 09", true, "09", false, 0, 0, 0},
+    {"h265_irap_cra", false, "00 00 01 2A 01 10", true, "2A 01 10", true, 0, 0, 0},
     {"h265_idr_with_sets", false,
      "00 00 00 01 40 01 0C 00 00 00 01 42 01 01 00 00 01 44 01 00 00 01 26 01 AF", true,
-     "40 01 0C | 42 01 01 | 44 01 | 26 01 AF", true},
-    {"h265_trail", false, "00 00 01 02 01 D0", true, "02 01 D0", false},
-    {"h265_header_cut", false, "00 00 01 26", false, "", false},
-    {"forbidden_bit", true, "00 00 01 E5 11", false, "", false},
-    {"no_start_code", true, "65 11 22 33", false, "", false},
-    {"lone_start_code", true, "00 00 00 01", false, "", false},
-    {"start_code_at_end", true, "11 22 00 00 01", false, "", false},
-    {"empty", true, "", false, "", false},
+     "40 01 0C | 42 01 01 | 44 01 | 26 01 AF", true, 1, 1, 1},
+    {"h265_two_sps", false, "00 00 01 40 01 0C 00 00 01 42 01 77 00 00 01 42 01 78 00 00 01 26 01",
+     true, "40 01 0C | 42 01 77 | 42 01 78 | 26 01", true, 1, 2, 0},
+    {"h265_trail", false, "00 00 01 02 01 D0", true, "02 01 D0", false, 0, 0, 0},
+    {"h265_header_cut", false, "00 00 01 26", false, "", false, 0, 0, 0},
+    {"forbidden_bit", true, "00 00 01 E5 11", false, "", false, 0, 0, 0},
+    {"no_start_code", true, "65 11 22 33", false, "", false, 0, 0, 0},
+    {"lone_start_code", true, "00 00 00 01", false, "", false, 0, 0, 0},
+    {"start_code_at_end", true, "11 22 00 00 01", false, "", false, 0, 0, 0},
+    {"empty", true, "", false, "", false, 0, 0, 0},
 };
 
-class NalUnitListTest : public ::testing::TestWithParam<SplitCase> {};
-
-TEST_P(NalUnitListTest, Splits) {
-  const SplitCase& c = GetParam();
-  const std::vector<Bytes> input = HexUnits(c.bytes), units = HexUnits(c.units);
-  const Bytes bytes = input.empty() ? Bytes() : input[0];
-  NalUnitList list;
-  const bool ok = list.PaserNalUnits(bytes.empty() ? nullptr : bytes.data(),
-                                     static_cast<QZ_UINT32>(bytes.size()), c.is_h264);
-  ASSERT_EQ(ok, c.ok);
-  ASSERT_EQ(list.GetList().size(), units.size());
-  for (size_t i = 0; i < units.size(); ++i) {
-    const auto& item = list.GetList()[i];
-    EXPECT_FALSE(item.IsEmpty());
-    EXPECT_EQ(Bytes(item.Data(), item.Data() + item.Size()), units[i]) << "unit " << i;
-    EXPECT_EQ(item.IsH264(), c.is_h264);
-  }
-  EXPECT_EQ(list.IsKeyFrame(), c.key);
-}
-
-INSTANTIATE_TEST_SUITE_P(Table,
-                         NalUnitListTest,
-                         ::testing::ValuesIn(kSplitCases),
-                         [](const ::testing::TestParamInfo<SplitCase>& info) {
-                           return std::string(info.param.name);
-                         });
-
-TEST(NalUnitListTest, ParameterSetListsAgreeWithPredicates) {
-  const auto check = [](bool is_h264, const Bytes& au, size_t vps_count, size_t sps_count,
-                        size_t pps_count, const Bytes& last_sps) {
-    SCOPED_TRACE(is_h264 ? "H.264" : "H.265");
+// Splits into units, tells a key frame, and lists the parameter sets.
+TEST(NalUnitListTest, Splits) {
+  for (const SplitCase& c : kSplitCases) {
+    SCOPED_TRACE(c.name);
+    const std::vector<Bytes> input = HexUnits(c.bytes), units = HexUnits(c.units);
+    const Bytes bytes = input.empty() ? Bytes() : input[0];
     NalUnitList list;
-    ASSERT_TRUE(list.PaserNalUnits(au.data(), static_cast<QZ_UINT32>(au.size()), is_h264));
+    const bool ok = list.PaserNalUnits(bytes.empty() ? nullptr : bytes.data(),
+                                       static_cast<QZ_UINT32>(bytes.size()), c.is_h264);
+    ASSERT_EQ(ok, c.ok);
+    ASSERT_EQ(list.GetList().size(), units.size());
+    for (size_t i = 0; i < units.size(); ++i) {
+      const auto& item = list.GetList()[i];
+      EXPECT_FALSE(item.IsEmpty());
+      EXPECT_EQ(Bytes(item.Data(), item.Data() + item.Size()), units[i]) << "unit " << i;
+      EXPECT_EQ(item.IsH264(), c.is_h264);
+    }
+    EXPECT_EQ(list.IsKeyFrame(), c.key);
     std::vector<std::shared_ptr<std::vector<QZ_BYTE>>> vps, sps, pps;
     list.GetVpsList(vps);
     list.GetSpsList(sps);
     list.GetPpsList(pps);
-    EXPECT_EQ(vps.size(), vps_count);
-    EXPECT_EQ(pps.size(), pps_count);
-    ASSERT_EQ(sps.size(), sps_count);
-    EXPECT_EQ(*sps.back(), last_sps);
-    EXPECT_EQ(list.IsHasVps(), vps_count > 0);
-    EXPECT_EQ(list.IsHasSps(), sps_count > 0);
-    EXPECT_EQ(list.IsHasPPs(), pps_count > 0);
-  };
-  const Bytes sps1 = {0x42, 0x01, 0x77}, sps2 = {0x42, 0x01, 0x78};
-  check(false, qz_test::AnnexB({{0x40, 0x01, 0x0C}, sps1, sps2, {0x26, 0x01, 0xAF}}), 1, 2, 0,
-        sps2);
-  check(true, qz_test::AnnexB({{0x67, 0x42}, {0x68, 0xCE}, {0x65, 0x88}}), 0, 1, 1, {0x67, 0x42});
+    EXPECT_EQ(std::make_tuple(vps.size(), sps.size(), pps.size()),
+              std::make_tuple(c.vps, c.sps, c.pps));
+    EXPECT_EQ(std::make_tuple(list.IsHasVps(), list.IsHasSps(), list.IsHasPPs()),
+              std::make_tuple(c.vps > 0, c.sps > 0, c.pps > 0));
+    vps.insert(vps.end(), sps.begin(), sps.end());
+    vps.insert(vps.end(), pps.begin(), pps.end());
+    for (size_t i = 0; i < vps.size() && i < units.size(); ++i) {
+      EXPECT_EQ(*vps[i], units[i]) << "set " << i;
+    }
+  }
 }
 
 // On long random buffers with planted start codes the scanner finds what the

@@ -464,6 +464,33 @@ TEST(CoreTest, TracksComeAndGoWithinAPlayingSession) {
   }
 }
 
+// Each record is packetized once whatever the number of viewers, and its
+// delays are counted once every viewer wrote it: from its posting (every
+// record), and from its frame's push (records that carry the push time).
+TEST(CoreTest, RecordsArePacketizedOnceAndTheirDelaysCounted) {
+  FakeRtspCore server;
+  server.Feed(0, 1);
+  auto a = server.Connect(50000), b = server.Connect(50002);
+  for (auto* c : {a.get(), b.get()}) {
+    const std::string s = server.Setup(*c, 0, "0-1");
+    server.Setup(*c, 1, "2-3", s);
+    server.Send(*c, "PLAY", "", "Session: " + s + "\r\n");
+  }
+  const QZRtspStreamStats before = server.stream().Stats();
+  const size_t a_before = Frames(*a).size(), b_before = Frames(*b).size();
+  server.PostVideo(1, false, server.clock().SteadyUs() - 5000);
+  server.PostAudio(1);
+  server.Drain();
+  const QZRtspStreamStats after = server.stream().Stats();
+  const size_t built = after.rtp_packets_built - before.rtp_packets_built;
+  EXPECT_EQ(built, 2u);
+  EXPECT_EQ(Frames(*a).size() - a_before, built);
+  EXPECT_EQ(Frames(*b).size() - b_before, built);
+  EXPECT_EQ(after.write_delay.samples - before.write_delay.samples, 2u);
+  EXPECT_EQ(after.push_delay.samples - before.push_delay.samples, 1u);
+  EXPECT_GE(after.push_delay.p50_us, 5000);
+}
+
 // A session nothing is heard of expires alone: the connection and its other
 // session stay. Receiver reports and keep-alives renew a session.
 TEST(CoreTest, SilentSessionExpiresAloneNotItsConnection) {
@@ -571,6 +598,220 @@ TEST(CoreTest, ClientThatStopsReadingHarmsNobody) {
   EXPECT_EQ(static_cast<uint8_t>(resumed[0].bytes[12]) & 0x1F, 24) << "resumes at a key frame";
   EXPECT_GT(server.totals().delivery.Drops().slow_reader, 0u);
   EXPECT_EQ(server.core().table().count(), 2);
+}
+
+// ---- what a hostile neighbour on the same network can no longer do --------------
+
+std::string Play(FakeRtspCore& server, FakeClient& c, const std::string& transport) {
+  const std::string session = server.Setup(c, 0, transport);
+  server.Send(c, "PLAY", "", "Session: " + session + "\r\n");
+  return session;
+}
+
+// A full table makes room by closing the oldest connection that plays
+// nothing; one address cannot hold more than its share, so 64 hostile
+// connections from a few hosts cannot lock an honest viewer out.
+TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
+  QZRtspServerOptions options;
+  options.max_clients = 4;
+  options.max_clients_per_address = 2;
+  FakeRtspCore server(options);
+  server.Feed(0, 1);
+  using A = RtspServerCore::Admission;
+  const struct {
+    const char* name;
+    std::vector<const char*> open;  // address, "+" in front: it plays
+    const char* from;
+    A want;
+    int evicted;  // index into `open`, -1: none
+  } cases[] = {
+      {"room", {"10.0.0.1", "10.0.0.2", "+10.0.0.3"}, "10.0.0.4", A::kAdmit, -1},
+      {"full_oldest_idle_goes",
+       {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"},
+       "10.0.0.5",
+       A::kEvict,
+       0},
+      {"players_stay",
+       {"+10.0.0.1", "10.0.0.2", "+10.0.0.3", "10.0.0.4"},
+       "10.0.0.5",
+       A::kEvict,
+       1},
+      {"full_of_players",
+       {"+10.0.0.1", "+10.0.0.2", "+10.0.0.3", "+10.0.0.4"},
+       "10.0.0.5",
+       A::kRefuse,
+       -1},
+      {"address_share", {"10.0.0.1", "10.0.0.1"}, "10.0.0.1", A::kRefuse, -1},
+      {"address_share_v4_mapped", {"10.0.0.1", "10.0.0.1"}, "::ffff:10.0.0.1", A::kRefuse, -1},
+      {"other_address", {"10.0.0.1", "10.0.0.1"}, "10.0.0.2", A::kAdmit, -1},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::shared_ptr<FakeClient>> clients;
+    std::vector<RtspClient*> open;
+    for (const char* address : c.open) {
+      const bool plays = address[0] == '+';
+      clients.push_back(server.Connect(50000, address + (plays ? 1 : 0)));
+      clients.back()->accepted_ms = static_cast<long long>(clients.size()) * 1000;
+      if (plays) {
+        Play(server, *clients.back(), "0-1");
+      }
+      open.push_back(clients.back().get());
+    }
+    RtspClient* evict = nullptr;
+    EXPECT_EQ(server.core().Admit(open, asio::ip::make_address(c.from), &evict), c.want) << c.name;
+    EXPECT_EQ(evict, c.evicted < 0 ? nullptr : open[static_cast<size_t>(c.evicted)]) << c.name;
+  }
+}
+
+// The idle limit runs from accept: keep-alives, refused requests and blank
+// lines do not stop it, a successful SETUP does, and it starts again when
+// the last session ends. A connection whose writes stay blocked is closed
+// even while it keeps sending RTCP.
+TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
+  QZRtspServerOptions options;
+  options.idle_timeout_s = 30;
+  options.session_timeout_s = 60;
+  FakeRtspCore server(options);
+  server.Feed(0, 1);
+  auto chatty = server.Connect(50000), viewer = server.Connect(50002),
+       refused = server.Connect(50004), stuck = server.Connect(50006);
+  refused->over_limit = true;
+  const auto overdue = [&server](FakeClient& c) {
+    const char* why = server.core().Overdue(c, server.core().NowMs());
+    return std::string(why == nullptr ? "" : why);
+  };
+  std::string session;
+  for (int s = 1; s <= 31; ++s) {
+    server.AdvanceMs(1000);
+    server.Send(*chatty, "OPTIONS");
+    server.Send(*chatty, "PLAY", "", "Session: 0123456789ABCDEF\r\n");  // 454
+    if (s == 5) {
+      session = Play(server, *viewer, "0-1");
+      Play(server, *stuck, "0-1");
+      stuck->stalled = true;
+      stuck->write_blocked_since_ms = server.core().NowMs();
+    }
+    if (s == 3) {
+      EXPECT_EQ(overdue(*refused), "refused");
+    }
+    EXPECT_EQ(overdue(*chatty), s <= 30 ? "" : "no session") << s;
+    EXPECT_EQ(overdue(*viewer), "") << s;
+  }
+  server.Send(*viewer, "TEARDOWN", "", "Session: " + session + "\r\n");
+  EXPECT_EQ(overdue(*viewer), "");
+  const std::vector<uint8_t> rr = qz_test::ReceiverReport(server.stream().TrackSsrc(0), 0, 0, 0);
+  for (int s = 32; s <= 66; ++s) {
+    server.AdvanceMs(1000);
+    server.core().table().OnInterleaved(*stuck, 1, std::string(rr.begin(), rr.end()),
+                                        server.core().NowMs(), 0);
+  }
+  EXPECT_EQ(overdue(*viewer), "no session");
+  EXPECT_EQ(overdue(*stuck), "not reading");
+  stuck->request_started_ms = 0;
+  viewer->request_started_ms = server.core().NowMs() - options.request_timeout_ms - 1;
+  viewer->idle_since_ms = server.core().NowMs();
+  EXPECT_EQ(overdue(*viewer), "request too slow");
+}
+
+// Media goes over UDP only to ports that answer: a session whose client's
+// ports stay silent ends after 20 s, and PLAY does not move that deadline
+// until the client was heard from once. Real clients' receiver reports keep
+// theirs, across a long PAUSE too.
+TEST(CoreTest, UdpMediaStopsWhenTheClientsPortsStaySilent) {
+  FakeRtspCore server;
+  server.Feed(0, 1);
+  auto silent = server.Connect(50000), looping = server.Connect(50002),
+       reporting = server.Connect(50004), pausing = server.Connect(50006);
+  const std::string s_silent = Play(server, *silent, "udp:7000");
+  const std::string s_looping = Play(server, *looping, "udp:7002");
+  const std::string s_reporting = Play(server, *reporting, "udp:7004");
+  const std::string s_pausing = Play(server, *pausing, "udp:7006");
+  const std::vector<uint8_t> rr = qz_test::ReceiverReport(server.stream().TrackSsrc(0), 0, 0, 0);
+  const auto report = [&](int port) {
+    server.core().table().OnUdpPacket(
+        asio::ip::udp::endpoint(asio::ip::make_address("127.0.0.1"), port), rr.data(), rr.size(),
+        server.core().NowMs(), 0);
+  };
+  report(7007);
+  server.Send(*pausing, "PAUSE", "", "Session: " + s_pausing + "\r\n");
+  for (int s = 1; s <= 45; ++s) {
+    server.Feed(s * 100, 100);
+    if (s % 5 == 0) {
+      server.Send(*looping, "PAUSE", "", "Session: " + s_looping + "\r\n");
+      server.Send(*looping, "PLAY", "", "Session: " + s_looping + "\r\n");
+      report(7005);
+      if (s >= 35) {
+        report(7007);
+      }
+    }
+    if (s == 34) {
+      server.Send(*pausing, "PLAY", "", "Session: " + s_pausing + "\r\n");
+    }
+    server.core().Tick(server.core().NowMs());
+    const RtspSessionTable& table = server.core().table();
+    EXPECT_EQ(table.Find(s_silent) != nullptr, s <= 20) << s;
+    EXPECT_EQ(table.Find(s_looping) != nullptr, s <= 20) << s;
+    EXPECT_NE(table.Find(s_reporting), nullptr) << s;
+    EXPECT_NE(table.Find(s_pausing), nullptr) << s;
+  }
+}
+
+// PAUSE lets the picture being sent finish: a client left with part of one
+// decodes it broken after the next PLAY.
+TEST(CoreTest, PauseFinishesThePictureBeingSent) {
+  FakeRtspCore server;
+  server.Feed(0, 1);  // a key frame: parameter sets, then the picture in three packets
+  auto c = server.Connect();
+  c->stalled = true;
+  const std::string session = Play(server, *c, "0-1");
+  RtspSession& s = *server.core().table().Find(session);
+  s.read_index = server.stream().last_key_index() + 1;  // its first packet went out
+  server.Send(*c, "PAUSE", "", "Session: " + session + "\r\n");
+  const size_t mark = c->written.size();
+  c->stalled = false;
+  c->KickWrite();
+  server.Feed(1, 5);
+  std::vector<Written> video;
+  for (const Written& f : FramesSince(*c, mark)) {
+    if (f.channel == 0) {
+      video.push_back(f);
+    }
+  }
+  ASSERT_EQ(video.size(), 3u) << "the picture's packets, nothing after";
+  EXPECT_EQ(static_cast<uint8_t>(video[2].bytes[1]) & 0x80, 0x80) << "ends the picture";
+}
+
+// A client that joins, or loops PAUSE/PLAY to be sent the cached pictures
+// again and again, is paced: it catches up within a couple of seconds, and
+// over ten seconds gets less than three times what the stream carries.
+TEST(CoreTest, CatchUpIsPacedAndPausePlayLoopsGetLessThanThreeTimesTheRate) {
+  FakeRtspCore server;
+  server.Feed(0, 1);
+  auto steady = server.Connect(50004);  // live from the start: what the stream carries
+  const std::string s_steady = server.Setup(*steady, 0, "udp:7010");
+  server.Setup(*steady, 1, "udp:7012", s_steady);
+  server.Send(*steady, "PLAY", "", "Session: " + s_steady + "\r\n");
+  const RtspSession& live = *server.core().table().Find(s_steady);
+  server.Feed(1, 299, /*gop=*/200);  // 3 s: a measured rate and 1 s of cached pictures
+  auto joiner = server.Connect(50000), looper = server.Connect(50002);
+  const std::string s_joiner = Play(server, *joiner, "0-1");
+  const std::string s_looper = Play(server, *looper, "udp:7000");
+  const RtspSession& joining = *server.core().table().Find(s_joiner);
+  const RtspSession& looping = *server.core().table().Find(s_looper);
+  const uint64_t behind = server.stream().end_index() - joining.read_index;
+  EXPECT_GT(behind, 20u) << "a second of cached pictures is more than one burst";
+  const unsigned long long stream_before = live.bytes_sent;
+  for (int i = 0; i < 100; ++i) {  // ten seconds
+    server.Feed(300 + i * 10, 10, /*gop=*/200);
+    server.Send(*looper, "PAUSE", "", "Session: " + s_looper + "\r\n");
+    server.Send(*looper, "PLAY", "", "Session: " + s_looper + "\r\n");
+    if (i == 20) {
+      EXPECT_EQ(joining.read_index, server.stream().end_index()) << "caught up within 2 s";
+    }
+  }
+  const double stream_bytes = static_cast<double>(live.bytes_sent - stream_before);
+  EXPECT_LT(static_cast<double>(looping.bytes_sent), 3 * stream_bytes);
+  EXPECT_GT(static_cast<double>(looping.bytes_sent), 1.5 * stream_bytes) << "it was sent the GOP";
 }
 
 }  // namespace

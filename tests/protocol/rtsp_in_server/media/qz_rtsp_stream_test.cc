@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -105,45 +106,41 @@ TEST(GopCacheTest, CacheStartsAtAKeyFrameWithinItsBounds) {
   }
 }
 
+// "size@time" items; "|" moves on to the next record.
+std::vector<std::tuple<size_t, long long, size_t>> Items(const std::string& text) {
+  std::vector<std::tuple<size_t, long long, size_t>> out;  // record, time, size
+  std::istringstream in(text);
+  size_t record = 0;
+  for (std::string t; in >> t;) {
+    if (t == "|") {
+      ++record;
+    } else {
+      const size_t at = t.find('@');
+      out.emplace_back(record, std::stoll(t.substr(at + 1)), std::stoull(t.substr(0, at)));
+    }
+  }
+  return out;
+}
+
 // At 1399 bytes a payload. G.711 is split on samples of all channels, each
 // packet stamped with its first sample's time, and the next record continues
 // from the samples sent; a Speex record goes whole or not at all. Only the
 // track's first packet is marked. A sender report anchored at any packet of
 // a record maps the record's time.
 TEST(RtspStreamAudioTest, RecordsToPackets) {
-  struct Packet {
-    int record;
-    size_t size;
-    uint32_t time;  // past the first packet's
-  };
   struct Case {
     const char* name;
     QZ_MEDIA_CODEC_ID codec;
     int rate, channels;
-    std::vector<std::pair<long long, size_t>> records;  // ms, bytes
-    std::vector<Packet> packets;
+    const char* records;  // bytes@ms
+    const char* packets;  // payload bytes@RTP time past the first packet's
     unsigned long long refused;
   };
   const Case cases[] = {
       // 3000 bytes of stereo: 1500 samples, 187.5 ms.
-      {"g711_stereo",
-       QZ_MEDIA_CODEC_ID_PCMA,
-       8000,
-       2,
-       {{0, 3000}, {188, 3000}},
-       {{0, 1398, 0},
-        {0, 1398, 699},
-        {0, 204, 1398},
-        {1, 1398, 1500},
-        {1, 1398, 2199},
-        {1, 204, 2898}},
-       0},
-      {"speex",
-       QZ_MEDIA_CODEC_ID_SPEEX_WB,
-       16000,
-       1,
-       {{0, 1399}, {20, 1400}, {40, 70}},
-       {{0, 1399, 0}, {2, 70, 640}},
+      {"g711_stereo", QZ_MEDIA_CODEC_ID_PCMA, 8000, 2, "3000@0 3000@188",
+       "1398@0 1398@699 204@1398 | 1398@1500 1398@2199 204@2898", 0},
+      {"speex", QZ_MEDIA_CODEC_ID_SPEEX_WB, 16000, 1, "1399@0 1400@20 70@40", "1399@0 | | 70@640",
        1},
   };
   for (const Case& c : cases) {
@@ -154,20 +151,20 @@ TEST(RtspStreamAudioTest, RecordsToPackets) {
     RtspRingReader reader;  // holds every packet from index 0 on
     reader.reading = true;
     stream->AddReader(&reader);
-    for (const auto& r : c.records) {
-      FeedAudio(*stream, c.codec, c.channels, r.first, r.second);
+    for (const auto& r : Items(c.records)) {
+      FeedAudio(*stream, c.codec, c.channels, std::get<1>(r), std::get<2>(r));
     }
-    ASSERT_EQ(stream->end_index() - stream->begin_index(), c.packets.size());
+    const auto packets = Items(c.packets);
+    ASSERT_EQ(stream->end_index() - stream->begin_index(), packets.size());
     const uint32_t first_time = stream->At(stream->begin_index())->rtp_time;
     uint64_t record_start = stream->begin_index();
-    for (size_t i = 0; i < c.packets.size(); ++i) {
-      const Packet& want = c.packets[i];
+    for (size_t i = 0; i < packets.size(); ++i) {
       const uint64_t index = stream->begin_index() + i;
       const RtpPacket& p = *stream->At(index);
       EXPECT_EQ(std::make_tuple(p.UdpSize() - kRtpHeaderSize, p.rtp_time - first_time, p.marker),
-                std::make_tuple(want.size, want.time, i == 0))
+                std::make_tuple(std::get<2>(packets[i]), std::get<1>(packets[i]), i == 0))
           << i;
-      if (i > 0 && want.record != c.packets[i - 1].record) {
+      if (i > 0 && std::get<0>(packets[i]) != std::get<0>(packets[i - 1])) {
         record_start = index;
       }
       EXPECT_EQ(stream->SenderReport(0, &index), stream->SenderReport(0, &record_start)) << i;

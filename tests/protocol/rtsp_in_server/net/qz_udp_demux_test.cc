@@ -1,6 +1,8 @@
 // Datagrams are routed by their sender's address and port together.
 #include "protocol/rtsp_in_server/net/qz_udp_demux.h"
 
+#include "protocol/rtsp_in_server/net/qz_socket_setup.h"
+
 #include "gtest/gtest.h"
 
 namespace qz_rtsp_internal_server {
@@ -44,6 +46,24 @@ TEST(UdpDemuxTest, RoutesByAddressAndPort) {
   demux.Remove(At("192.0.2.1", 5000), "d");
   EXPECT_EQ(demux.Find(At("192.0.2.1", 5000)), nullptr);
   EXPECT_EQ(demux.size(), 2u);
+}
+
+// The RTP/RTCP pair listens where the RTSP socket does: a server bound to one
+// interface takes no datagrams on the others.
+TEST(SocketSetupTest, UdpPairIsBoundWhereTheListenerIs) {
+  asio::io_context io;
+  for (const char* at : {"127.0.0.1", "::"}) {
+    UdpPortPair pair;
+    uint32_t draw = 0;
+    ASSERT_TRUE(OpenUdpPortPair(
+        io, asio::ip::make_address(at), [&draw] { return draw++; }, pair))
+        << at;
+    const asio::ip::address bound = pair.rtp->local_endpoint().address();
+    EXPECT_TRUE(bound == asio::ip::make_address(at) || (at[0] == ':' && bound.is_unspecified()))
+        << at << " bound " << bound;
+    EXPECT_EQ(pair.rtcp->local_endpoint().address(), bound);
+    EXPECT_EQ(pair.rtcp->local_endpoint().port(), pair.rtp_port + 1);
+  }
 }
 
 }  // namespace

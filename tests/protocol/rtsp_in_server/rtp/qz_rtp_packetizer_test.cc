@@ -51,21 +51,14 @@ struct Source {
   std::function<RtpPayloadPacketizer*()> make;
   bool video;
 };
-Source H264(Units units) {
-  return {[units] { return new H264Packetizer(units, kMax); }, true};
+template <typename P, typename... A>
+Source Of(bool video, A... args) {
+  return {[=] { return new P(args...); }, video};
 }
-Source H265(Units units) {
-  return {[units] { return new H265Packetizer(units, kMax); }, true};
-}
-Source Aac(Bytes frame) {
-  return {[frame] { return new AacPacketizer(PacketData(frame), kMax); }, false};
-}
-Source G711(Bytes frame, size_t max, size_t channels) {
-  return {[=] { return new G711Packetizer(PacketData(frame), max, channels); }, false};
-}
-Source Speex(Bytes frame) {
-  return {[frame] { return new SpeexPacketizer(PacketData(frame), kMax); }, false};
-}
+const auto H264 = [](Units u) { return Of<H264Packetizer>(true, u, kMax); };
+const auto H265 = [](Units u) { return Of<H265Packetizer>(true, u, kMax); };
+const auto Aac = [](Bytes f) { return Of<AacPacketizer>(false, PacketData(f), kMax); };
+const auto Speex = [](Bytes f) { return Of<SpeexPacketizer>(false, PacketData(f), kMax); };
 
 // One packet: payload size, RTP time past the unit's, and the marker bit
 // ('M') in the track's first unit and in the next one.
@@ -132,7 +125,7 @@ const PacketizeCase kCases[] = {
     // both channels and is stamped with its first sample's time; only the
     // track's first packet is marked.
     {"g711_split_on_samples",
-     G711(kG711, 1399, 2),
+     Of<G711Packetizer>(false, PacketData(kG711), size_t{1399}, size_t{2}),
      {{1398, 0, "M."}, {1398, 699, ".."}, {204, 1398, ".."}},
      {kG711}},
     // Speex: a record goes whole into one packet or not at all.
@@ -188,7 +181,9 @@ TEST(RtpPacketizeTest, PayloadsHeadersMarkersAndTimes) {
   }
 }
 
-TEST(SdpTest, H264AndAac) {
+// H.264 and AAC in full; H.265 always carries its VPS, and G.711 takes the
+// static type only at 8000 Hz mono.
+TEST(SdpTest, DescribesEachCodec) {
   StreamDescription d;
   d.name = "live";
   d.has_video = d.has_audio = true;
@@ -198,7 +193,7 @@ TEST(SdpTest, H264AndAac) {
   d.pps = {0x68, 0xCE, 0x3C, 0x80};
   d.audio_config = {0x12, 0x10};
   d.video_kbitrate = 2000;
-  const std::string sdp = BuildSdp(d, "192.0.2.1", 7);
+  std::string sdp = BuildSdp(d, "192.0.2.1", 7);
   EXPECT_EQ(sdp,
             "v=0\r\no=- 7 1 IN IP4 192.0.2.1\r\ns=live\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\n"
             "a=tool:qz-rtsp\r\na=range:npt=now-\r\na=control:*\r\n"
@@ -208,17 +203,12 @@ TEST(SdpTest, H264AndAac) {
             "m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/44100/2\r\n"
             "a=fmtp:97 streamtype=5;profile-level-id=1;mode=AAC-hbr;sizelength=13;indexlength=3;"
             "indexdeltalength=3;config=1210\r\na=control:trackID=1\r\n");
-}
-
-TEST(SdpTest, H265AlwaysCarriesVpsAndG711Types) {
-  StreamDescription d;
-  d.has_video = d.has_audio = true;
   d.video_codec = QZ_MEDIA_CODEC_ID_H265;
   d.vps = {0x40, 0x01};
   d.sps = {0x42, 0x01};
   d.pps = {0x44, 0x01};
   d.audio_codec = QZ_MEDIA_CODEC_ID_PCMU;  // no audio info: 8000 Hz mono, static type 0
-  std::string sdp = BuildSdp(d, "::1", 1);
+  sdp = BuildSdp(d, "::1", 1);
   EXPECT_NE(sdp.find("o=- 1 1 IN IP6 ::1\r\n"), std::string::npos);
   EXPECT_NE(
       sdp.find(

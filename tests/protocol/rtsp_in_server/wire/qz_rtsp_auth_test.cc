@@ -1,80 +1,249 @@
 #include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
 
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth_header.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
 
-// RFC 2617 section 3.5, the worked example.
-TEST(RtspAuthTest, DigestResponseMatchesTheRfcExample) {
-  EXPECT_EQ(RtspAuthenticator::DigestResponse(
-                "Mufasa", "testrealm@host.com", "Circle Of Life", "GET", "/dir/index.html",
-                "dcd98b7102dd2f0e8b11d0f600bfb0c093", "00000001", "0a4f113b", "auth"),
-            "6629fae49393a05397450978507c4ef1");
+using Algorithm = RtspAuthenticator::Algorithm;
+using Verdict = RtspAuthenticator::Verdict;
+
+// RFC 2617 3.5 (MD5) and RFC 7616 3.9.1 (MD5 and SHA-256); MD5-sess built
+// by hand from its definition, HA1 = MD5(MD5(user:realm:pass):nonce:cnonce).
+TEST(RtspAuthTest, DigestResponseMatchesKnownVectors) {
+  const std::string nonce7616 = "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v";
+  const std::string cnonce7616 = "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ";
+  const std::string sess_ha1 =
+      RtspAuthenticator::Md5Hex(RtspAuthenticator::Md5Hex("u:r:p") + ":n:c");
+  const std::string sess = RtspAuthenticator::Md5Hex(
+      sess_ha1 + ":n:00000001:c:auth:" + RtspAuthenticator::Md5Hex("SETUP:rtsp://h/x"));
+  const struct {
+    Algorithm algorithm;
+    const char *user, *realm, *password, *method, *uri, *nonce, *cnonce;
+    std::string want;
+  } cases[] = {
+      {Algorithm::kMd5, "Mufasa", "testrealm@host.com", "Circle Of Life", "GET", "/dir/index.html",
+       "dcd98b7102dd2f0e8b11d0f600bfb0c093", "0a4f113b", "6629fae49393a05397450978507c4ef1"},
+      {Algorithm::kMd5, "Mufasa", "http-auth@example.org", "Circle of Life", "GET",
+       "/dir/index.html", nonce7616.c_str(), cnonce7616.c_str(),
+       "8ca523f5e9506fed4657c9700eebdbec"},
+      {Algorithm::kSha256, "Mufasa", "http-auth@example.org", "Circle of Life", "GET",
+       "/dir/index.html", nonce7616.c_str(), cnonce7616.c_str(),
+       "753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1"},
+      {Algorithm::kMd5Sess, "u", "r", "p", "SETUP", "rtsp://h/x", "n", "c", sess},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(RtspAuthenticator::DigestResponse(c.algorithm, c.user, c.realm, c.password, c.method,
+                                                c.uri, c.nonce, "00000001", c.cnonce, "auth"),
+              c.want)
+        << c.user << " " << c.realm;
+  }
 }
 
-RtspRequest WithAuthorization(const std::string& value) {
-  RtspRequest r{"DESCRIBE", "rtsp://h/live", "RTSP/1.0", {}, ""};
-  if (!value.empty()) {
-    r.headers.emplace_back("Authorization", value);
+constexpr const char* kTrack0 = "rtsp://h:8554/live/trackID=0";
+
+// One Digest answer; `computed` is the algorithm the response is computed
+// with, `label` the one the answer names (empty: none).
+struct Answer {
+  std::string nonce;
+  std::string password = "secret";
+  std::string user = "user";
+  std::string uri = kTrack0;
+  std::string qop;
+  std::string nc;
+  Algorithm computed = Algorithm::kMd5;
+  std::string label;
+  std::string realm = "qz";
+};
+
+std::string Header(const Answer& a) {
+  const std::string cnonce = "0a4f113b";
+  std::string h =
+      "Digest username=\"" + a.user + "\", realm=\"" + a.realm + "\", nonce=\"" + a.nonce +
+      "\", uri=\"" + a.uri + "\", response=\"" +
+      RtspAuthenticator::DigestResponse(a.computed, a.user, a.realm, a.password, "SETUP", a.uri,
+                                        a.nonce, a.nc, a.qop.empty() ? "" : cnonce, a.qop) +
+      "\"";
+  if (!a.qop.empty()) {
+    h += ", qop=" + a.qop + ", nc=" + a.nc + ", cnonce=\"" + cnonce + "\"";
+  }
+  if (!a.label.empty()) {
+    h += ", algorithm=\"" + a.label + "\"";
+  }
+  return h;
+}
+
+RtspRequest Request(const std::string& authorization, const std::string& uri = kTrack0) {
+  RtspRequest r{"SETUP", uri, "RTSP/1.0", {}, ""};
+  if (!authorization.empty()) {
+    r.headers.emplace_back("Authorization", authorization);
   }
   return r;
 }
 
 std::string NonceOf(const std::string& challenge) {
-  const size_t at = challenge.find("nonce=\"") + 7;
-  return challenge.substr(at, challenge.find('"', at) - at);
-}
-
-std::string Digest(const std::string& user,
-                   const std::string& password,
-                   const std::string& nonce,
-                   const std::string& realm = "qz") {
-  const std::string response = RtspAuthenticator::DigestResponse(
-      user, realm, password, "DESCRIBE", "rtsp://h/live", nonce, "", "", "");
-  return "Digest username=\"" + user + "\", realm=\"" + realm + "\", nonce=\"" + nonce +
-         "\", uri=\"rtsp://h/live\", response=\"" + response + "\"";
+  RtspAuthHeader www;
+  EXPECT_TRUE(ParseRtspAuth(challenge, www)) << challenge;
+  return www.Param("nonce") == nullptr ? "" : *www.Param("nonce");
 }
 
 TEST(RtspAuthTest, Check) {
-  const RtspAuthenticator digest("user", "secret", "qz", /*allow_basic=*/false, /*lifetime=*/60000);
-  const RtspAuthenticator basic("user", "secret", "qz", /*allow_basic=*/true);
-  const RtspAuthenticator off("", "", "qz", false);
-  EXPECT_TRUE(digest.enabled());
-  EXPECT_FALSE(off.enabled());
-  const std::string nonce = NonceOf(digest.DigestChallenge(1000));
-  const std::string forged = "5000" + nonce.substr(nonce.find('.'));  // a later time, same hash
+  RtspAuthenticator digest("user", "secret", "qz", /*allow_basic=*/false, /*lifetime=*/60000);
+  RtspAuthenticator basic("user", "secret", "qz", /*allow_basic=*/true);
+  RtspAuthenticator off("", "", "qz", false);
+  RtspAuthState a;
+  RtspAuthState b;
+  const std::string nonce = NonceOf(digest.Challenges(a, 1000, false)[0]);
+  const std::string b_nonce = NonceOf(digest.Challenges(b, 1000, false)[0]);
+  RtspAuthState unchallenged;
+  RtspAuthState rechallenged = a;
+  EXPECT_EQ(NonceOf(digest.Challenges(rechallenged, 1000 + 30000, false)[0]), nonce);
+  EXPECT_NE(NonceOf(digest.Challenges(rechallenged, 1000 + 30001, false)[0]), nonce);
+  const auto with = [&](void (*edit)(Answer&)) {
+    Answer answer;
+    answer.nonce = nonce;
+    edit(answer);
+    return Header(answer);
+  };
   const struct {
     const char* name;
-    const RtspAuthenticator& auth;
+    RtspAuthenticator& auth;
+    const RtspAuthState& state;
     std::string header;
     long long now;
-    bool ok;
+    Verdict want;
+    std::string request_uri = kTrack0;
   } cases[] = {
-      {"valid", digest, Digest("user", "secret", nonce), 2000, true},
-      {"expired_nonce", digest, Digest("user", "secret", nonce), 1000 + 60001, false},
-      {"nonce_from_the_future", digest, Digest("user", "secret", nonce), 500, false},
-      {"wrong_password", digest, Digest("user", "guess", nonce), 2000, false},
-      {"wrong_user", digest, Digest("other", "secret", nonce), 2000, false},
-      {"other_realm", digest, Digest("user", "secret", nonce, "elsewhere"), 2000, false},
-      {"forged_nonce_time", digest, Digest("user", "secret", forged), 6000, false},
-      {"own_nonce", basic, Digest("user", "secret", NonceOf(basic.DigestChallenge(1000))), 2000,
-       true},
-      {"other_servers_nonce", basic, Digest("user", "secret", nonce), 2000, false},
-      {"no_header", digest, "", 2000, false},
-      {"basic_not_allowed", digest, "Basic dXNlcjpzZWNyZXQ=", 2000, false},
-      {"basic", basic, "Basic dXNlcjpzZWNyZXQ=", 0, true},                  // user:secret
-      {"basic_wrong_password", basic, "Basic dXNlcjpzZWNyZXU=", 0, false},  // user:secreu
-      {"basic_not_base64", basic, "Basic !!!", 0, false},
+      {"rfc2069_form", digest, a, with([](Answer&) {}), 2000, Verdict::kOk},
+      {"qop_auth", digest, a, with([](Answer& x) {
+         x.qop = "auth";
+         x.nc = "00000001";
+       }),
+       2000, Verdict::kOk},
+      {"md5_sess", digest, a, with([](Answer& x) {
+         x.qop = "auth";
+         x.nc = "00000001";
+         x.computed = Algorithm::kMd5Sess;
+         x.label = "MD5-sess";
+       }),
+       2000, Verdict::kOk},
+      {"sha256", digest, a, with([](Answer& x) {
+         x.qop = "auth";
+         x.nc = "00000001";
+         x.computed = Algorithm::kSha256;
+         x.label = "SHA-256";
+       }),
+       2000, Verdict::kOk},
+      {"md5_labelled_sha256", digest, a, with([](Answer& x) { x.label = "SHA-256"; }), 2000,
+       Verdict::kDenied},
+      {"sha256_unlabelled", digest, a, with([](Answer& x) { x.computed = Algorithm::kSha256; }),
+       2000, Verdict::kDenied},
+      {"unknown_algorithm", digest, a, with([](Answer& x) { x.label = "SHA-512-256"; }), 2000,
+       Verdict::kDenied},
+      {"md5_sess_without_cnonce", digest, a, with([](Answer& x) {
+         x.computed = Algorithm::kMd5Sess;
+         x.label = "MD5-sess";
+       }),
+       2000, Verdict::kDenied},
+      {"bad_nc", digest, a, with([](Answer& x) {
+         x.qop = "auth";
+         x.nc = "1";
+       }),
+       2000, Verdict::kDenied},
+      // A captured header replayed on a connection of its own.
+      {"replay_on_other_connection", digest, b, with([](Answer&) {}), 2000, Verdict::kDenied},
+      {"replay_on_new_connection", digest, unchallenged, with([](Answer&) {}), 2000,
+       Verdict::kDenied},
+      {"superseded_nonce", digest, rechallenged, with([](Answer&) {}), 31002, Verdict::kDenied},
+      // ... or for another resource.
+      {"other_track", digest, a, with([](Answer&) {}), 2000, Verdict::kDenied,
+       "rtsp://h:8554/live/trackID=1"},
+      {"path_only_uri", digest, a, with([](Answer& x) { x.uri = "/live/trackID=0"; }), 2000,
+       Verdict::kOk},
+      {"other_path", digest, a, with([](Answer& x) { x.uri = "/live/trackID=1"; }), 2000,
+       Verdict::kDenied},
+      {"expired", digest, a, with([](Answer&) {}), 1000 + 60001, Verdict::kStale},
+      {"expired_wrong_password", digest, a, with([](Answer& x) { x.password = "guess"; }),
+       1000 + 60001, Verdict::kDenied},
+      {"wrong_password", digest, a, with([](Answer& x) { x.password = "guess"; }), 2000,
+       Verdict::kDenied},
+      {"wrong_user", digest, a, with([](Answer& x) { x.user = "other"; }), 2000, Verdict::kDenied},
+      {"other_realm", digest, a, with([](Answer& x) { x.realm = "elsewhere"; }), 2000,
+       Verdict::kDenied},
+      {"no_header", digest, a, "", 2000, Verdict::kDenied},
+      {"basic_not_allowed", digest, a, "Basic dXNlcjpzZWNyZXQ=", 2000, Verdict::kDenied},
+      {"basic", basic, a, "Basic dXNlcjpzZWNyZXQ=", 0, Verdict::kOk},  // user:secret
+      {"basic_wrong_password", basic, a, "Basic dXNlcjpzZWNyZXU=", 0, Verdict::kDenied},
+      {"basic_not_base64", basic, a, "Basic !!!", 0, Verdict::kDenied},
       // A long credential once overflowed the decoder's accumulator.
-      {"basic_long", basic, "Basic " + std::string(400, 'w'), 0, false},
-      {"off", off, "", 0, true},
+      {"basic_long", basic, a, "Basic " + std::string(400, 'w'), 0, Verdict::kDenied},
+      {"off", off, a, "", 0, Verdict::kOk},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(c.auth.Check(WithAuthorization(c.header), c.now), c.ok) << c.name;
+    RtspAuthState state = c.state;
+    EXPECT_EQ(c.auth.Check(Request(c.header, c.request_uri), state, c.now), c.want) << c.name;
+  }
+  EXPECT_NE(nonce, b_nonce);
+  EXPECT_EQ(nonce.size(), 32u);
+}
+
+// With qop=auth each answer for a nonce needs a higher nc than the last
+// one accepted; a new nonce (past half the old one's lifetime) starts
+// counting again.
+TEST(RtspAuthTest, NonceCountMustIncrease) {
+  RtspAuthenticator auth("user", "secret", "qz", false, /*lifetime=*/60000);
+  RtspAuthState state;
+  const struct {
+    const char* nc;
+    long long now;  // a challenge first at this time, then the answer
+    Verdict want;
+  } steps[] = {
+      {"00000001", 0, Verdict::kOk},         {"00000001", 0, Verdict::kDenied},
+      {"00000003", 0, Verdict::kOk},         {"00000002", 0, Verdict::kDenied},
+      {"0000000A", 0, Verdict::kOk},         {"00000001", 30000, Verdict::kDenied},
+      {"00000001", 30001, Verdict::kOk},     {"ffffffff", 30001, Verdict::kOk},
+      {"ffffffff", 30001, Verdict::kDenied},
+  };
+  for (const auto& s : steps) {
+    Answer answer;
+    answer.nonce = NonceOf(auth.Challenges(state, s.now, false)[1]);
+    answer.qop = "auth";
+    answer.nc = s.nc;
+    EXPECT_EQ(auth.Check(Request(Header(answer)), state, s.now), s.want) << s.nc << " " << s.now;
+  }
+}
+
+// Digest with SHA-256, then MD5 (the one clients that read a single
+// challenge take: they keep the last), sharing one nonce; stale only when
+// asked; Basic last and only when allowed.
+TEST(RtspAuthTest, Challenges) {
+  for (const bool allow_basic : {false, true}) {
+    for (const bool stale : {false, true}) {
+      RtspAuthenticator auth("user", "secret", "qz", allow_basic);
+      RtspAuthState state;
+      const std::vector<std::string> values = auth.Challenges(state, 0, stale);
+      ASSERT_EQ(values.size(), allow_basic ? 3u : 2u);
+      RtspAuthHeader sha;
+      RtspAuthHeader md5;
+      ASSERT_TRUE(ParseRtspAuth(values[0], sha));
+      ASSERT_TRUE(ParseRtspAuth(values[1], md5));
+      EXPECT_EQ(*sha.Param("algorithm"), "SHA-256");
+      EXPECT_EQ(*md5.Param("algorithm"), "MD5");
+      EXPECT_EQ(*sha.Param("nonce"), *md5.Param("nonce"));
+      for (const RtspAuthHeader* h : {&sha, &md5}) {
+        EXPECT_EQ(*h->Param("qop"), "auth");
+        EXPECT_EQ(*h->Param("realm"), "qz");
+        EXPECT_EQ(h->Param("stale") != nullptr && *h->Param("stale") == "true", stale);
+      }
+      if (allow_basic) {
+        EXPECT_EQ(values[2], "Basic realm=\"qz\"");
+      }
+    }
   }
 }
 

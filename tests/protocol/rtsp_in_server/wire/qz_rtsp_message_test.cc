@@ -60,6 +60,10 @@ TEST(RequestParserTest, Inputs) {
       {Options(many_headers), "bad"},
       {Options("CSeq 1\r\n"), "bad"},  // no colon
       {"OPTIONS *\r\nCSeq: 1\r\n\r\n", "bad"},
+      // A lone CR would come back as a header line of its own in the answer.
+      {Options("X: a\rInjected: b\r\n"), "bad"},
+      {Options(std::string("X: a\0b\r\n", 8)), "bad"},
+      {Options("Transfer-Encoding: chunked\r\n", "5\r\nhello\r\n0\r\n\r\n"), "bad"},
       {"GET / HTTP/1.1\r\nHost: x\r\n\r\n", "bad"},
       {std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\r\n\r\n", 14), "bad"},  // TLS hello
       {std::string(70 * 1024, 'A'), "bad"},  // a line that never ends
