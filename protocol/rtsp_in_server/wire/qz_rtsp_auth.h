@@ -77,19 +77,6 @@ class RtspAuthenticator {
                                     const std::string& nc,
                                     const std::string& cnonce,
                                     const std::string& qop);
-  // MD5.
-  static std::string DigestResponse(const std::string& user,
-                                    const std::string& realm,
-                                    const std::string& password,
-                                    const std::string& method,
-                                    const std::string& uri,
-                                    const std::string& nonce,
-                                    const std::string& nc,
-                                    const std::string& cnonce,
-                                    const std::string& qop) {
-    return DigestResponse(Algorithm::kMd5, user, realm, password, method, uri, nonce, nc, cnonce,
-                          qop);
-  }
   static std::string Md5Hex(const std::string& text);
 
  private:

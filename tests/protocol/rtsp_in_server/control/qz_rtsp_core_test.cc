@@ -243,8 +243,9 @@ TEST(CoreTest, AuthenticationChallengesEverythingButOptions) {
   ASSERT_TRUE(ParseRtspAuth(challenge.Header("WWW-Authenticate"), www));
   ASSERT_NE(www.Param("nonce"), nullptr);
   const std::string url = FakeRtspCore::kUrl;
-  const std::string response = RtspAuthenticator::DigestResponse(
-      "user", "qz-rtsp", "secret", "DESCRIBE", url, *www.Param("nonce"), "", "", "");
+  const std::string response =
+      RtspAuthenticator::DigestResponse(RtspAuthenticator::Algorithm::kMd5, "user", "qz-rtsp",
+                                        "secret", "DESCRIBE", url, *www.Param("nonce"), "", "", "");
   const std::string credentials =
       "Authorization: Digest username=\"user\", realm=\"qz-rtsp\", nonce=\"" + *www.Param("nonce") +
       "\", uri=\"" + url + "\", response=\"";
