@@ -23,6 +23,7 @@ namespace {
 
 int g_errors = 0;
 int g_stale = 0;
+int g_round = 1;
 
 void OnLog(void* avcl, int level, const char* format, va_list args) {
   char line[1024];
@@ -30,7 +31,7 @@ void OnLog(void* avcl, int level, const char* format, va_list args) {
   av_log_format_line(avcl, level, format, args, line, sizeof(line), &prefix);
   if (level <= AV_LOG_ERROR) {
     ++g_errors;
-    std::fprintf(stderr, "ffmpeg: %s", line);
+    std::fprintf(stderr, "ffmpeg (round %d): %s", g_round, line);
   } else if (std::strstr(line, "WWW-Authenticate: Digest") != nullptr &&
              std::strstr(line, "algorithm=MD5") != nullptr &&
              std::strstr(line, "stale=true") != nullptr) {
@@ -79,6 +80,7 @@ int main(int argc, char** argv) {
   AVFrame* frame = av_frame_alloc();
   bool ok = true;
   for (int round = 0; round < rounds && ok; ++round) {
+    g_round = round + 1;
     if (round > 0 && av_read_play(input) < 0) {
       std::fprintf(stderr, "PLAY refused in round %d\n", round + 1);
       ok = false;
@@ -110,6 +112,12 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "PAUSE refused in round %d\n", round + 1);
         ok = false;
       }
+      // While it waits for the PAUSE's answer, FFmpeg skips the interleaved
+      // media that arrives: the picture it was reading stays incomplete in
+      // its parser and would be decoded broken after PLAY. A player that
+      // pauses drops that state, as this one does here.
+      avformat_flush(input);
+      avcodec_flush_buffers(decoder);
       std::this_thread::sleep_for(std::chrono::duration<double>(pause_s));
     }
   }

@@ -28,6 +28,10 @@ def main():
     src.set_property("location", url)
     src.set_property("user-id", user)
     src.set_property("user-pw", password)
+    # Video only: an audio pad left unlinked would stop the TCP stream with
+    # "not-linked" whenever rtspsrc offers it before the video pad.
+    src.connect("select-stream",
+                lambda _src, _num, caps: caps.get_structure(0).get_string("media") == "video")
     pictures = [0]
 
     def count(_pad, _info):

@@ -177,7 +177,7 @@ void RtspFanout::PumpUdp(RtspSession& session) {
   session.pacer.Refill(clock_.SteadyUs(), stream.byte_rate());
   const uint64_t end = session.SendEnd(stream.end_index());
   uint64_t i = session.read_index;
-  for (; i < end && session.pacer.Allows(); ++i) {
+  for (; i < end && (session.pacer.Allows() || !session.playing()); ++i) {
     const RtpPacket& packet = *stream.At(i);
     RtspSessionTrack& track = session.tracks()[packet.track];
     if (track.Delivers(packet.key_frame_start)) {
@@ -207,7 +207,7 @@ bool RtspFanout::GatherTcp(RtspClient& client, RtspTcpWrite& write) {
     uint64_t index = session.read_index;
     size_t bytes = 0;
     while (index < end && write.buffers.size() + 2 <= RtspTcpWrite::kMaxBuffers &&
-           bytes < RtspTcpWrite::kMaxBytes && session.pacer.Allows()) {
+           bytes < RtspTcpWrite::kMaxBytes && (session.pacer.Allows() || !session.playing())) {
       const std::shared_ptr<RtpPacket>& packet = stream.At(index);
       RtspSessionTrack& track = session.tracks()[packet->track];
       if (track.Delivers(packet->key_frame_start)) {

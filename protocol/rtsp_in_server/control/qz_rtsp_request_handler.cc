@@ -228,9 +228,12 @@ void RtspRequestHandler::Handle(RtspClient& client, const RtspRequest& request) 
     } else if (session->state() == RtspSession::State::kInit) {
       Reply(client, 455, cseq, {{"Session", SessionHeader(*session)}});
     } else if (method == "PAUSE") {
+      // The rest of the record being sent goes before the answer: FFmpeg
+      // drops the media that reaches it between a PAUSE's answer and the
+      // next PLAY's, and would decode the picture broken.
       session->Pause();
+      fanout_.Pump(*session);
       Reply(client, 200, cseq, {{"Session", SessionHeader(*session)}});
-      fanout_.Pump(*session);  // the rest of the record being sent
     } else {
       Play(client, *session, request, cseq);
     }

@@ -104,7 +104,8 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   // after the next PLAY.
   void Pause();
   // Whether the fan-out sends to this session: it plays, or it finishes its
-  // record after a PAUSE; and up to which ring index (of `stream_end`).
+  // record after a PAUSE (at once, unpaced); and up to which ring index (of
+  // `stream_end`).
   bool Sends() const { return playing() || read_index < drain_end_; }
   uint64_t SendEnd(uint64_t stream_end) const {
     return playing() ? stream_end : std::min(stream_end, drain_end_);
