@@ -25,9 +25,10 @@ struct QZRtspServerOptions {
   std::string bind_address;
   // TCP port for RTSP; 0 picks a free one (see Port()).
   uint16_t port = 8554;
-  // Host put into the URLs handed to the application; empty means the bound
-  // address, or with none the first non-loopback address of the device, else
-  // 127.0.0.1.
+  // Host put into the URLs handed to the application (a name or an
+  // address; IPv6 without brackets), and then the only one. Empty: the bound
+  // address, or, bound to every interface, the device's address a viewer is
+  // likeliest to reach (see CandidateUrls).
   std::string url_host;
   size_t rtp_payload_size = 1400;
   // A session nothing was heard of for this long ends. A TCP session is
@@ -200,8 +201,24 @@ class QZRtspServer {
   void* Handle() { return this; }
   // The TCP port listened on (useful with port 0), or 0 when stopped.
   uint16_t Port() const;
-  // "rtsp://<url_host>:<port>/<stream_name>".
+  // "rtsp://<host>:<port>/<stream_name>", the first of CandidateUrls(); the
+  // URL a pipe is given when it is accepted. Empty while stopped.
   std::string UrlFor(const std::string& stream_name) const;
+  // Every URL a viewer may reach `stream_name` at, best first, for an app
+  // that shows them all or lets its user pick. With `url_host` set, or bound
+  // to one address, that one. Bound to every interface, one per address of
+  // the device, worked out anew at each call (call it again when the
+  // network changes):
+  //   - Wi-Fi and Ethernet before other interfaces, virtual bridges after
+  //     them, cellular links and VPN tunnels last (behind the carrier's NAT,
+  //     or not on the viewer's LAN);
+  //   - on each, private IPv4 (10/8, 172.16/12, 192.168/16) first, then
+  //     other IPv4, then carrier-grade NAT (100.64/10), then IPv6 global and
+  //     unique-local addresses, in brackets ("rtsp://[2001:db8::1]:8554/x");
+  //   - loopback last ("rtsp://127.0.0.1:8554/x" when nothing else is up).
+  // Link-local addresses are left out: a URL cannot carry their zone.
+  // Empty while stopped.
+  std::vector<std::string> CandidateUrls(const std::string& stream_name) const;
 
   // A consistent-enough snapshot: counters are read one by one. Any thread.
   QZRtspServerStats GetStats() const;

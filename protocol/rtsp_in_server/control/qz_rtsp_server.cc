@@ -68,6 +68,10 @@ std::string QZRtspServer::UrlFor(const std::string& stream_name) const {
   return impl_->UrlFor(stream_name);
 }
 
+std::vector<std::string> QZRtspServer::CandidateUrls(const std::string& stream_name) const {
+  return impl_->CandidateUrls(stream_name);
+}
+
 QZRtspServerStats QZRtspServer::GetStats() const {
   return impl_->Stats();
 }
@@ -157,12 +161,44 @@ bool QZRtspServer::Impl::Listen(std::string& why) {
   asio::error_code ec;
   const asio::ip::tcp::endpoint endpoint = acceptor_->local_endpoint(ec);
   port_.store(endpoint.port());
-  // URLs name an address the server listens on: the bound one, or, bound to
-  // every interface, the device's LAN address.
-  url_host_ = !options_.url_host.empty()            ? options_.url_host
-              : endpoint.address().is_unspecified() ? FirstNonLoopbackAddress()
-                                                    : endpoint.address().to_string();
+  {
+    std::lock_guard<std::mutex> lock(url_mutex_);
+    listen_address_ = endpoint.address();
+  }
+  RefreshUrlHosts();
   return true;
+}
+
+std::vector<std::string> QZRtspServer::Impl::RefreshUrlHosts() {
+  asio::ip::address at;
+  {
+    std::lock_guard<std::mutex> lock(url_mutex_);
+    at = listen_address_;
+  }
+  std::vector<std::string> hosts;
+  if (!options_.url_host.empty()) {
+    hosts.push_back(options_.url_host);
+  } else if (!at.is_unspecified()) {
+    hosts.push_back(at.to_string());
+  } else {
+    // Listed at each call (a pipe accepted, the application asking): a
+    // phone moves between Wi-Fi, cellular and VPNs while the server runs.
+    std::vector<InterfaceAddress> interfaces = ListInterfaceAddresses();
+    if (at.is_v4()) {  // the listener fell back to IPv4: no IPv6 reaches it
+      interfaces.erase(
+          std::remove_if(interfaces.begin(), interfaces.end(),
+                         [](const InterfaceAddress& entry) { return entry.address.is_v6(); }),
+          interfaces.end());
+    }
+    hosts = RankUrlHosts(interfaces);
+  }
+  std::lock_guard<std::mutex> lock(url_mutex_);
+  if (url_hosts_.empty() || url_hosts_.front() != hosts.front()) {
+    LogFormat("VartoLogIOS [I] QZRtspServer URLs name %s (%zu candidate hosts)\n",
+              hosts.front().c_str(), hosts.size());
+  }
+  url_hosts_ = hosts;
+  return hosts;
 }
 
 // One RTP/RTCP port pair for all clients: clients are told apart by their
@@ -259,12 +295,24 @@ void QZRtspServer::Impl::Shutdown() {
 
 // ---- pipes --------------------------------------------------------------------------
 
-std::string QZRtspServer::Impl::UrlFor(const std::string& stream_name) const {
-  std::string host = url_host_;
-  if (host.find(':') != std::string::npos && host.front() != '[') {
-    host = "[" + host + "]";
+std::string QZRtspServer::Impl::UrlFor(const std::string& stream_name) {
+  const std::vector<std::string> urls = CandidateUrls(stream_name);
+  return urls.empty() ? std::string() : urls.front();
+}
+
+std::vector<std::string> QZRtspServer::Impl::CandidateUrls(const std::string& stream_name) {
+  std::vector<std::string> urls;
+  if (!running_.load()) {
+    return urls;
   }
-  return "rtsp://" + host + ":" + std::to_string(port_.load()) + "/" + stream_name;
+  const std::string port = std::to_string(port_.load());
+  for (std::string host : RefreshUrlHosts()) {
+    if (host.find(':') != std::string::npos && host.front() != '[') {
+      host = "[" + host + "]";  // an IPv6 address
+    }
+    urls.push_back("rtsp://" + host + ":" + port + "/" + stream_name);
+  }
+  return urls;
 }
 
 bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple,
@@ -296,6 +344,8 @@ bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& p
     streams_[name] = stream;
   }
   stream->Attach();
+  // The addresses of the moment: the device may have changed networks
+  // since the server started.
   piple->SetRtspURL(UrlFor(stream->name()));
   return true;
 }

@@ -37,11 +37,16 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   void WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
   bool running() const { return running_.load(); }
   uint16_t port() const { return port_.load(); }
-  std::string UrlFor(const std::string& stream_name) const;
+  std::string UrlFor(const std::string& stream_name);
+  std::vector<std::string> CandidateUrls(const std::string& stream_name);
   QZRtspServerStats Stats();
 
  private:
   bool Listen(std::string& why);
+  // The hosts the URLs name, best first, worked out anew: the one the
+  // application set, else the address listened on, else (listening on every
+  // interface) the device's addresses as they are now.
+  std::vector<std::string> RefreshUrlHosts();
   bool OpenUdp();
   void DoAccept();
   // A new connection: admitted, admitted in place of an idle one, or
@@ -72,7 +77,9 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
 
   std::atomic<bool> running_{false};
   std::atomic<uint16_t> port_{0};
-  std::string url_host_;
+  std::mutex url_mutex_;  // guards what follows: URLs are asked for on any thread
+  asio::ip::address listen_address_;
+  std::vector<std::string> url_hosts_;  // the latest, to log when the best one changes
 
   mutable std::mutex streams_mutex_;  // guards streams_ (pipes arrive on publisher threads)
   std::map<std::string, std::shared_ptr<RtspStream>> streams_;

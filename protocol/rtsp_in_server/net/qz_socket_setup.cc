@@ -1,5 +1,7 @@
 #include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 
+#include <cstring>
+
 #if defined(__unix__) || defined(__APPLE__)
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -99,24 +101,43 @@ bool OpenUdpPortPair(asio::io_context& io,
   return false;
 }
 
-std::string FirstNonLoopbackAddress() {
-  std::string result = "127.0.0.1";
+std::vector<InterfaceAddress> ListInterfaceAddresses() {
+  std::vector<InterfaceAddress> result;
 #ifdef QZ_HAVE_GETIFADDRS
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) {
     return result;
   }
   for (ifaddrs* it = list; it != nullptr; it = it->ifa_next) {
-    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET ||
-        (it->ifa_flags & IFF_UP) == 0 || (it->ifa_flags & IFF_LOOPBACK) != 0) {
+    if (it->ifa_addr == nullptr) {
       continue;
     }
-    char text[INET_ADDRSTRLEN] = {0};
-    const auto* addr = reinterpret_cast<const sockaddr_in*>(it->ifa_addr);
-    if (inet_ntop(AF_INET, &addr->sin_addr, text, sizeof(text)) != nullptr) {
-      result = text;
-      break;
+    InterfaceAddress entry;
+    if (it->ifa_addr->sa_family == AF_INET) {
+      const auto* in = reinterpret_cast<const sockaddr_in*>(it->ifa_addr);
+      entry.address = asio::ip::address_v4(ntohl(in->sin_addr.s_addr));
+    } else if (it->ifa_addr->sa_family == AF_INET6) {
+      // Without the zone: link-local addresses, the only ones that need it,
+      // are never put into a URL.
+      const auto* in6 = reinterpret_cast<const sockaddr_in6*>(it->ifa_addr);
+      asio::ip::address_v6::bytes_type bytes;
+      std::memcpy(bytes.data(), in6->sin6_addr.s6_addr, bytes.size());
+      entry.address = asio::ip::address_v6(bytes);
+    } else {
+      continue;  // link-layer and other families
     }
+    entry.name = it->ifa_name != nullptr ? it->ifa_name : "";
+    const unsigned flags = it->ifa_flags;
+    if ((flags & IFF_UP) != 0 && (flags & IFF_RUNNING) != 0) {
+      entry.flags |= InterfaceAddress::kUp;
+    }
+    if ((flags & IFF_LOOPBACK) != 0) {
+      entry.flags |= InterfaceAddress::kLoopback;
+    }
+    if ((flags & IFF_POINTOPOINT) != 0) {
+      entry.flags |= InterfaceAddress::kPointToPoint;
+    }
+    result.push_back(std::move(entry));
   }
   freeifaddrs(list);
 #endif

@@ -1,4 +1,5 @@
-// Opening the server's sockets, and the address the server's URLs name.
+// Opening the server's sockets, and listing the device's addresses for the
+// server's URLs.
 // This is where the system's socket calls differ between platforms; the
 // rest of the server sees Asio sockets.
 #ifndef PROTOCOL_RTSP_IN_SERVER_NET_QZ_SOCKET_SETUP_H_
@@ -9,6 +10,9 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "protocol/rtsp_in_server/net/qz_url_hosts.h"
 
 namespace qz_rtsp_internal_server {
 
@@ -37,10 +41,11 @@ bool OpenUdpPortPair(asio::io_context& io,
                      const std::function<uint32_t()>& random,
                      UdpPortPair& pair);
 
-// The first IPv4 address of an interface that is up and not loopback, for
-// URLs when the server listens on every interface; 127.0.0.1 when there is
-// none (or the platform cannot list its interfaces).
-std::string FirstNonLoopbackAddress();
+// Every IPv4 and IPv6 address of the device's interfaces, in the system's
+// order, for RankUrlHosts; empty where the platform cannot list them. An
+// interface is up when the system says it is up and running (an Ethernet
+// port without a cable is not).
+std::vector<InterfaceAddress> ListInterfaceAddresses();
 
 }  // namespace qz_rtsp_internal_server
 

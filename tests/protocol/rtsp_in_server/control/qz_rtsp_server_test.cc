@@ -2,9 +2,9 @@
 // the network thread show. A player over TCP and one over UDP with RTCP,
 // bytes as a connection delivers them, the limits on requests, connections
 // and time, the send buffer's size, pipes offered and withdrawn through the
-// manager, statistics, and Stop and Start (from a callback, on the same
-// port). What the server answers and sends is tested on fakes in
-// qz_rtsp_core_test.cc.
+// manager, the URLs handed out, statistics, and Stop and Start (from a
+// callback, on the same port). What the server answers and sends is tested
+// on fakes in qz_rtsp_core_test.cc.
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
 #include <netinet/in.h>
@@ -375,6 +375,48 @@ TEST_F(ServerTest, PipesOfferedAndWithdrawnThroughTheManager) {
   void* handle = server_->Handle();
   server_.reset();
   EXPECT_NE(refusal(handle, "late").find("no server"), std::string::npos);
+}
+
+// Every URL handed out names an address the server listens on: on every
+// interface, each candidate host (IPv6 ones bracketed) takes a connection on
+// the server's port, and the pipe was given the first. A host the
+// application set, or the one address listened on, is the only candidate;
+// a stopped server has none.
+TEST_F(ServerTest, CandidateUrlsReachTheServer) {
+  EXPECT_EQ(server_->CandidateUrls("live"), std::vector<std::string>{url_});
+  QZRtspServerOptions options = Options();
+  options.url_host.clear();
+  Restart(options);
+  const std::string tail = ":" + std::to_string(server_->Port()) + "/live";
+  const std::vector<std::string> urls = server_->CandidateUrls("live");
+  ASSERT_FALSE(urls.empty());
+  EXPECT_EQ(piple_->GetRtspURL(), urls.front());
+  EXPECT_EQ(server_->UrlFor("live"), urls.front());
+  asio::io_context io;
+  for (const std::string& url : urls) {
+    ASSERT_GT(url.size(), 7 + tail.size()) << url;
+    ASSERT_EQ(url.compare(0, 7, "rtsp://"), 0) << url;
+    ASSERT_EQ(url.compare(url.size() - tail.size(), tail.size(), tail), 0) << url;
+    std::string host = url.substr(7, url.size() - 7 - tail.size());
+    const bool bracketed = host.front() == '[' && host.back() == ']';
+    if (bracketed) {
+      host = host.substr(1, host.size() - 2);
+    }
+    asio::error_code ec;
+    const asio::ip::address address = asio::ip::make_address(host, ec);
+    ASSERT_FALSE(ec) << url;
+    EXPECT_EQ(bracketed, address.is_v6()) << url;
+    asio::ip::tcp::socket socket(io);
+    socket.connect(asio::ip::tcp::endpoint(address, server_->Port()), ec);
+    EXPECT_FALSE(ec) << url << ": " << ec.message();
+  }
+
+  options.bind_address = "127.0.0.1";
+  Restart(options);
+  EXPECT_EQ(server_->CandidateUrls("live"), std::vector<std::string>{url_});
+  server_->Stop();
+  EXPECT_TRUE(server_->CandidateUrls("live").empty());
+  EXPECT_EQ(server_->UrlFor("live"), "");
 }
 
 // The application may stop the server from its key-frame callback, on the
