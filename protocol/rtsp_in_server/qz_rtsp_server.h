@@ -87,6 +87,23 @@ struct QZRtspServerOptions {
   // A Digest nonce is good this long on its connection; then the client is
   // challenged again with stale=true and answers without asking its user.
   int auth_nonce_lifetime_s = 60;
+  // RTSP tunnelled through HTTP on the RTSP port, for viewers behind
+  // proxies and firewalls that pass only HTTP (ffmpeg -rtsp_transport http,
+  // GStreamer's rtsph:// URLs, VLC when plain RTSP fails, ONVIF clients). A
+  // connection whose first bytes are "GET " or "POST " is one half of a
+  // tunnel: the GET is answered "HTTP/1.0 200 OK" and carries every answer
+  // and the interleaved media; the POST, never answered, carries the
+  // requests in base64. The halves pair by their x-sessioncookie, only from
+  // one address, and close together. Each half counts as a connection
+  // toward the limits above; a POST that finds no GET closes at the idle
+  // limit. Off: such connections are answered 400 like any malformed
+  // request.
+  bool http_tunnel = false;
+  // A second TCP port that serves the same (tunnels, and plain RTSP too),
+  // for networks that let only web ports through (80, 8080): -1 for none,
+  // 0 for a free one (see HttpTunnelPort()). Tunnels are served on it
+  // whatever `http_tunnel` says.
+  int http_tunnel_port = -1;
   // Called when a viewer waits for a key frame: it joined and none is held,
   // or it fell behind and was cut back to one. An app asks its video encoder
   // for an IDR picture here. At most once a second per stream; runs on the
@@ -201,6 +218,8 @@ class QZRtspServer {
   void* Handle() { return this; }
   // The TCP port listened on (useful with port 0), or 0 when stopped.
   uint16_t Port() const;
+  // The separate HTTP tunnel port listened on, or 0 (none, or stopped).
+  uint16_t HttpTunnelPort() const;
   // "rtsp://<host>:<port>/<stream_name>", the first of CandidateUrls(); the
   // URL a pipe is given when it is accepted. Empty while stopped.
   std::string UrlFor(const std::string& stream_name) const;

@@ -418,6 +418,26 @@ case "$CASE" in
     fi
     stop_publisher
     ;;
+  http_tunnel)
+    # RTSP tunnelled through HTTP: FFmpeg's http transport and GStreamer's
+    # rtsph:// URLs open a GET for what the server sends and a POST for
+    # their base64 requests; audio and video, 10 s each. FFmpeg on the RTSP
+    # port (plain RTSP stays served there), GStreamer on the separate HTTP
+    # port.
+    start_publisher --size 320x240 --http-tunnel --http-port 0
+    HTTP_PORT=$(sed -n 's/^HTTP tunnel port \([0-9]*\)$/\1/p' "$PUB_OUT")
+    if [ -z "$HTTP_PORT" ]; then
+      fail "the publisher did not name its HTTP tunnel port"; cat "$PUB_OUT"
+    fi
+    sleep 1
+    decode_with_ffmpeg http 10
+    RTSP_URL=$URL
+    URL=$(echo "$RTSP_URL" | sed -E "s#^rtsp://([^/:]+):[0-9]+/#rtsph://\1:$HTTP_PORT/#")
+    play_with_gstreamer tcp 300 audio
+    URL=$RTSP_URL
+    decode_with_ffmpeg tcp 3
+    stop_publisher
+    ;;
   record_roundtrip)
     # $PUBLISH is the record_roundtrip program here. Real encoder output goes
     # through the sinker; the records, written back as Annex-B, must decode

@@ -56,7 +56,7 @@ void Client::Send(const std::string& bytes) {
 }
 
 Response Client::Read(int wait_ms) {
-  static const std::regex status_re("^RTSP/1.0 (\\d{3})");
+  static const std::regex status_re("^(?:RTSP/1\\.0|HTTP/1\\.[01]) (\\d{3})");
   static const std::regex header_re("\r\n([^:\r\n]+): ([^\r\n]*)");
   Response r;
   for (;;) {

@@ -8,6 +8,7 @@ says whether the server held (0) or gave in (1).
 Hostile connections come from 127.0.0.2 and up (every 127/8 address is this
 host), the honest viewer (ffprobe, a real client) from 127.0.0.1.
 """
+import base64
 import os
 import re
 import select
@@ -314,8 +315,86 @@ def udpsilence(seconds):
     return last is not None and last < 22
 
 
+def tunnel_half(source, method, cookie, body=b""):
+    s = connect(source)
+    s.sendall(f"{method} {PATH} HTTP/1.0\r\nx-sessioncookie: {cookie}\r\n"
+              "Content-Length: 32767\r\n\r\n".encode() + base64.b64encode(body))
+    return s
+
+
+def http_status(s, wait=3):
+    """The status of an HTTP answer on `s` (-1 closed, -2 nothing in time)."""
+    s.settimeout(wait)
+    try:
+        data = s.recv(4096)
+    except socket.timeout:
+        return -2
+    except OSError:
+        return -1
+    if not data:
+        return -1
+    UNREAD[s] = data[data.find(b"\r\n\r\n") + 4:]
+    return int(data.split()[1])
+
+
+def flowing(s, seconds=1.0):
+    """Bytes that arrive on `s` within `seconds`."""
+    n, end = len(UNREAD.pop(s, b"")), time.time() + seconds
+    while time.time() < end:
+        if select.select([s], [], [], 0.1)[0]:
+            chunk = s.recv(1 << 20)
+            if not chunk:
+                break
+            n += len(chunk)
+    return n
+
+
+def tunnel(seconds):
+    """An HTTP tunnel (the publisher runs with --http-tunnel) that plays
+    from 127.0.0.2, and what others do with its cookie: a POST and a second
+    GET naming it from another host, a second POST from the same host, then
+    half-open and broken tunnels from other hosts. The tunnel must keep
+    playing through all of it, the others be refused, and the honest viewer
+    get in."""
+    get = tunnel_half("127.0.0.2", "GET", "victim")
+    results = {"GET": http_status(get)}
+    post = tunnel_half("127.0.0.2", "POST", "victim", request(
+        "SETUP", 1, f"{URL}/trackID=0", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"))
+    status, head = answer(get)
+    post.sendall(base64.b64encode(request("PLAY", 2, URL, f"Session: {session_of(head)}\r\n")))
+    results["SETUP, PLAY"] = (status, answer(get)[0])
+    teardown = request("TEARDOWN", 3, URL, f"Session: {session_of(head)}\r\n")
+    hijack = tunnel_half("127.0.0.3", "POST", "victim", teardown)
+    results["POST from another host"] = http_status(hijack)
+    results["GET from another host"] = http_status(tunnel_half("127.0.0.3", "GET", "victim"))
+    results["second POST"] = http_status(tunnel_half("127.0.0.2", "POST", "victim", teardown))
+    half_open = [tunnel_half(f"127.0.3.{1 + i // 8}", "GET" if i % 2 else "POST", f"half{i}")
+                 for i in range(48)]
+    broken = tunnel_half("127.0.0.4", "GET", "broken")
+    bad_post = tunnel_half("127.0.0.4", "POST", "broken")
+    bad_post.sendall(b"!!!!")
+    results["broken GET, POST"] = (http_status(broken), answer(broken)[0], http_status(bad_post))
+    huge = connect("127.0.0.5")
+    huge.sendall(b"GET / HTTP/1.0\r\n" + b"X-Pad: " + b"a" * 100000 + b"\r\n")
+    # 400, or a reset when the unread rest of the head arrives after the
+    # answer; never left waiting.
+    results["huge head"] = http_status(huge)
+    time.sleep(seconds)
+    honest = honest_viewer()
+    flowing(get, 0.5)  # what waited while the others were tried
+    still = flowing(get)
+    for s in half_open:
+        s.close()
+    say("tunnel: " + "; ".join(f"{k} {v}" for k, v in results.items()) +
+        f"; the tunnel then got {still} bytes in a second; honest viewer: {honest}")
+    return (results["GET"] == 200 and results["SETUP, PLAY"] == (200, 200) and
+            results["POST from another host"] == -1 and results["GET from another host"] == 403 and
+            results["second POST"] == -1 and results["broken GET, POST"] == (200, 400, -1) and
+            results["huge head"] in (400, -1) and still > 0 and honest)
+
+
 ATTACKS = {"lockout": (lockout, 8), "overlimit": (overlimit, 4), "pinned": (pinned, 6),
-           "pauseplay": (pauseplay, 10), "udpsilence": (udpsilence, 30)}
+           "pauseplay": (pauseplay, 10), "udpsilence": (udpsilence, 30), "tunnel": (tunnel, 2)}
 
 if __name__ == "__main__":
     attack, default_seconds = ATTACKS[sys.argv[2]]

@@ -4,7 +4,7 @@
 # one. On failure, the attack's output and the publisher's are shown.
 #
 #   run_attacks.sh PUBLISH ATTACK[:SECONDS]...
-#     (lockout overlimit pinned pauseplay udpsilence; by hand: pinned:70 shows
+#     (lockout overlimit pinned pauseplay udpsilence tunnel; by hand: pinned:70 shows
 #     the blocked connections closed after the 60 s session timeout)
 set -uo pipefail
 PUBLISH=$1
@@ -13,7 +13,7 @@ shift
 source "$(dirname "$0")/../e2e/common.sh"
 
 # QZ_ATTACK_PUBLISHER_ARGS adds options (by hand: e.g. "--bitrate 6000 --size 1280x720").
-start_publisher --size 320x240 --fps 25 ${QZ_ATTACK_PUBLISHER_ARGS:-}
+start_publisher --size 320x240 --fps 25 --http-tunnel ${QZ_ATTACK_PUBLISHER_ARGS:-}
 for spec in "$@"; do
   attack=${spec%%:*}  # ATTACK or ATTACK:SECONDS
   seconds=${spec#"$attack"}

@@ -180,6 +180,9 @@ int main(int argc, char** argv) {
     server_options.max_clients_per_address = options.max_clients_per_address;
     server_options.gop_cache = options.gop_cache;
     server_options.udp_gso = options.udp_gso;
+    server_options.http_tunnel = options.http_tunnel;
+    server_options.http_tunnel_port =
+        options.http_port <= 0 ? options.http_port : options.http_port + i;
     server_options.auth_user = options.user;
     server_options.auth_password = options.password;
     server_options.auth_nonce_lifetime_s = options.nonce_lifetime;
@@ -194,6 +197,9 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "qz_rtsp_publish: cannot listen on port %d (the log says why)\n",
                    server_options.port);
       return 2;
+    }
+    if (server->HttpTunnelPort() != 0) {
+      std::printf("HTTP tunnel port %u\n", static_cast<unsigned>(server->HttpTunnelPort()));
     }
     handles.push_back(server->Handle());
     servers.push_back(std::move(server));

@@ -31,6 +31,10 @@ const char kUsage[] =
     "                          starting at once with the latest one\n"
     "      --no-udp-gso        send UDP media one datagram per packet instead of\n"
     "                          one segmented message per frame and client\n"
+    "      --http-tunnel       also serve RTSP tunnelled through HTTP on the RTSP port\n"
+    "                          (ffmpeg -rtsp_transport http, GStreamer rtsph://)\n"
+    "      --http-port N       serve tunnels (and RTSP) on this port too, e.g. 8080\n"
+    "                          (0: a free one; with --servers, N, N+1, ...)\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
@@ -83,6 +87,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.gop_cache = false;
     } else if (arg == "--no-udp-gso") {
       o.udp_gso = false;
+    } else if (arg == "--http-tunnel") {
+      o.http_tunnel = true;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
     } else if (arg == "-v" || arg == "--verbose") {
@@ -126,6 +132,9 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
     } else if (arg == "-p" || arg == "--port") {
       if (!ParseInt(v, 0, 65535, o.port))
         return fail("--port must be 0 to 65535");
+    } else if (arg == "--http-port") {
+      if (!ParseInt(v, 0, 65535, o.http_port))
+        return fail("--http-port must be 0 to 65535");
     } else if (arg == "--servers") {
       if (!ParseInt(v, 1, 16, o.servers))
         return fail("--servers must be 1 to 16");

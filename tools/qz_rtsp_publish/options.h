@@ -22,6 +22,8 @@ struct PublishOptions {
   int max_clients_per_address = 8;  // of them from one address (0: no cap)
   bool gop_cache = true;            // new viewers start at the latest key frame
   bool udp_gso = true;              // UDP media as segmented messages
+  bool http_tunnel = false;         // RTSP over HTTP (GET/POST) on the RTSP port
+  int http_port = -1;               // and on this port of its own (-1: none)
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;

@@ -49,6 +49,11 @@ class RtspClient : public std::enable_shared_from_this<RtspClient> {
   bool over_limit = false;
   // The connection's Digest nonce: it is good on this connection only.
   RtspAuthState auth;
+  // The POST half of an HTTP tunnel, once paired: the GET half it sends
+  // requests for, which holds the sessions and writes everything. The POST
+  // keeps no idle clock of its own and counts as playing when its GET
+  // plays; the two close together.
+  const RtspClient* tunnel_output = nullptr;
 
   // The connection's clocks (the server's steady milliseconds), which the
   // core's Overdue() judges on every tick:

@@ -34,12 +34,14 @@ asio::ip::tcp::endpoint Remote(const asio::ip::tcp::socket& socket) {
 RtspConnection::RtspConnection(RtspServerCore& core,
                                asio::ip::tcp::socket socket,
                                bool over_limit,
+                               bool sniff,
                                std::function<void(RtspConnection*)> on_closed)
     : RtspClient(Local(socket), Remote(socket)),
       core_(core),
       socket_(std::move(socket)),
       on_closed_(std::move(on_closed)),
-      parser_(ParserLimits(core.options())) {
+      parser_(ParserLimits(core.options())),
+      mode_(sniff ? Mode::kSniff : Mode::kRtsp) {
   this->over_limit = over_limit;
   asio::error_code ec;
   socket_.set_option(asio::ip::tcp::no_delay(true), ec);
@@ -61,7 +63,16 @@ void RtspConnection::Close() {
   asio::error_code ec;
   socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ec);
   socket_.close(ec);
+  if (!cookie_.empty()) {
+    core_.tunnels().Forget(cookie_, this);
+  }
   core_.ClientClosed(*this);
+  // The halves of a tunnel close together: a GET without its POST could
+  // not be told anything more, a POST without its GET not answered.
+  tunnel_output = nullptr;
+  if (std::shared_ptr<RtspConnection> peer = std::move(tunnel_peer_)) {
+    peer->Close();
+  }
   if (on_closed_) {
     on_closed_(this);
   }
@@ -84,7 +95,7 @@ void RtspConnection::DoRead() {
                               return;  // no more requests from a connection being closed
                             }
                             OnRead(n);
-                            if (!closed_) {
+                            if (!closed_ && mode_ != Mode::kTunnelWait) {
                               DoRead();
                             }
                           });
@@ -92,32 +103,74 @@ void RtspConnection::DoRead() {
 
 void RtspConnection::OnRead(size_t n) {
   const long long now = core_.NowMs();
-  parser_.Feed(read_buffer_.data(), n);
+  const char* data = read_buffer_.data();
+  switch (mode_) {
+    case Mode::kSniff: {
+      pending_.append(data, n);
+      const TunnelSniff kind = SniffTunnel(pending_.data(), pending_.size());
+      if (kind == TunnelSniff::kNeedMore) {
+        request_started_ms = request_started_ms == 0 ? now : request_started_ms;
+        return;
+      }
+      std::string first;
+      first.swap(pending_);
+      if (kind == TunnelSniff::kRtsp) {
+        mode_ = Mode::kRtsp;
+        parser_.Feed(first.data(), first.size());
+        ParseRequests(*this, now);
+      } else {
+        mode_ = Mode::kHttpHead;
+        head_.reset(new HttpTunnelHeadParser(core_.options().max_request_bytes));
+        ReadHttpHead(first.data(), first.size(), now);
+      }
+      return;
+    }
+    case Mode::kRtsp:
+      parser_.Feed(data, n);
+      ParseRequests(*this, now);
+      return;
+    case Mode::kHttpHead:
+      ReadHttpHead(data, n, now);
+      return;
+    case Mode::kTunnelPost:
+      ReadTunnelled(data, n, now);
+      return;
+    case Mode::kTunnelGet:
+    case Mode::kTunnelWait:
+      return;  // a GET's client has nothing more to say; a waiting POST is not read
+  }
+}
+
+void RtspConnection::ParseRequests(RtspConnection& target, long long now) {
   for (;;) {
+    if (target.closed_ || target.close_after_write_) {
+      return;  // no more requests for a connection being closed
+    }
     const RtspParseResult result = parser_.Next();
     if (result == RtspParseResult::kNeedMore) {
       break;
     }
     if (result == RtspParseResult::kBadRequest) {
       core_.CountRefused();
-      SendResponse(WriteRtspResponse(400, "", {{"Server", "qz-rtsp"}, {"Connection", "close"}}));
-      CloseAfterWrite();
+      target.SendResponse(
+          WriteRtspResponse(400, "", {{"Server", "qz-rtsp"}, {"Connection", "close"}}));
+      target.CloseAfterWrite();
       return;
     }
     request_started_ms = 0;
     if (result == RtspParseResult::kInterleaved) {
       // RTCP from a TCP client: receiver reports keep its session alive.
-      core_.table().OnInterleaved(*this, parser_.channel(), parser_.payload(), now,
+      core_.table().OnInterleaved(target, parser_.channel(), parser_.payload(), now,
                                   RtcpCompactNtp(core_.fanout().clock().WallUs()));
     } else {
       // The answer is written once the request is handled: a PLAY's
       // sender reports go behind its answer and before its first media.
-      handling_ = true;
-      core_.handler().Handle(*this, parser_.request());
-      handling_ = false;
-      KickWrite();
+      target.handling_ = true;
+      core_.handler().Handle(target, parser_.request());
+      target.handling_ = false;
+      target.KickWrite();
     }
-    if (closed_ || close_after_write_) {
+    if (closed_) {
       return;
     }
   }
@@ -125,6 +178,106 @@ void RtspConnection::OnRead(size_t n) {
     request_started_ms = 0;
   } else if (request_started_ms == 0) {
     request_started_ms = now;
+  }
+}
+
+void RtspConnection::ReadHttpHead(const char* data, size_t n, long long now) {
+  const HttpTunnelHeadParser::Result result = head_->Feed(data, n);
+  if (result == HttpTunnelHeadParser::Result::kNeedMore) {
+    request_started_ms = request_started_ms == 0 ? now : request_started_ms;
+    return;
+  }
+  request_started_ms = 0;
+  const bool post = head_->head().post;
+  const std::string cookie = head_->head().cookie;
+  pending_ = head_->rest();
+  head_.reset();
+  if (result == HttpTunnelHeadParser::Result::kBad || over_limit) {
+    core_.CountRefused();
+    if (post && result == HttpTunnelHeadParser::Result::kDone) {
+      Close();  // a POST is never answered
+    } else {
+      SendResponse(WriteHttpTunnelAnswer(over_limit ? 503 : 400));
+      CloseAfterWrite();
+    }
+    return;
+  }
+  if (post) {
+    JoinTunnel(cookie, now);
+  } else {
+    OpenTunnel(cookie, now);
+  }
+}
+
+void RtspConnection::OpenTunnel(const std::string& cookie, long long now) {
+  std::shared_ptr<RtspClient> post;
+  const RtspTunnelTable::Result result = core_.tunnels().OpenGet(cookie, shared_from_this(), &post);
+  if (result == RtspTunnelTable::Result::kTaken) {
+    // A second GET for a live tunnel: the first one keeps it.
+    core_.CountRefused();
+    SendResponse(WriteHttpTunnelAnswer(403));
+    CloseAfterWrite();
+    return;
+  }
+  cookie_ = cookie;
+  mode_ = Mode::kTunnelGet;
+  pending_.clear();
+  SendResponse(WriteHttpTunnelAnswer(200));
+  if (result == RtspTunnelTable::Result::kJoined) {
+    Pair(std::static_pointer_cast<RtspConnection>(shared_from_this()),
+         std::static_pointer_cast<RtspConnection>(post), now);
+  }
+}
+
+void RtspConnection::JoinTunnel(const std::string& cookie, long long now) {
+  std::shared_ptr<RtspClient> get;
+  const RtspTunnelTable::Result result = core_.tunnels().JoinPost(cookie, shared_from_this(), &get);
+  if (result == RtspTunnelTable::Result::kJoined) {
+    cookie_ = cookie;
+    Pair(std::static_pointer_cast<RtspConnection>(get),
+         std::static_pointer_cast<RtspConnection>(shared_from_this()), now);
+  } else if (result == RtspTunnelTable::Result::kWaiting) {
+    // Its GET may still come; until then nothing more is read, and the
+    // idle clock closes it if it never does.
+    cookie_ = cookie;
+    mode_ = Mode::kTunnelWait;
+  } else {
+    // The cookie's tunnel has its POST, or its GET came from another
+    // address: this POST sends nothing into it.
+    core_.CountRefused();
+    Close();
+  }
+}
+
+void RtspConnection::Pair(const std::shared_ptr<RtspConnection>& get,
+                          const std::shared_ptr<RtspConnection>& post,
+                          long long now) {
+  get->tunnel_peer_ = post;
+  post->tunnel_peer_ = get;
+  post->tunnel_output = get.get();
+  const bool was_waiting = post->mode_ == Mode::kTunnelWait;
+  post->mode_ = Mode::kTunnelPost;
+  std::string body;
+  body.swap(post->pending_);
+  post->ReadTunnelled(body.data(), body.size(), now);
+  if (was_waiting && !post->closed_) {
+    post->DoRead();  // a parked POST is read again
+  }
+}
+
+void RtspConnection::ReadTunnelled(const char* data, size_t n, long long now) {
+  const std::shared_ptr<RtspConnection> get = tunnel_peer_;  // alive while it handles
+  if (!get) {
+    return;
+  }
+  std::string decoded;
+  const bool good = base64_.Decode(data, n, decoded);
+  parser_.Feed(decoded.data(), decoded.size());
+  ParseRequests(*get, now);
+  if (!good && !closed_ && !get->closed_ && !get->close_after_write_) {
+    core_.CountRefused();
+    get->SendResponse(WriteRtspResponse(400, "", {{"Server", "qz-rtsp"}, {"Connection", "close"}}));
+    get->CloseAfterWrite();
   }
 }
 

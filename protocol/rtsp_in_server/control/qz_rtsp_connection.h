@@ -1,7 +1,10 @@
 // One RTSP client connection over TCP: reads and parses requests and hands
 // them to the request handler, and writes the answers, interleaved RTCP and
 // the media of its TCP sessions (scatter-gather, straight from the stream's
-// shared packets) in order. Network thread only.
+// shared packets) in order. With the server's `http_tunnel` on, it may be a
+// half of an HTTP tunnel instead (wire/qz_rtsp_tunnel.h): the GET half is
+// the client the server's logic sees; the POST half decodes requests and
+// hands them to the handler for its GET half. Network thread only.
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_CONNECTION_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_CONNECTION_H_
 
@@ -16,15 +19,18 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_client.h"
 #include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_tunnel.h"
 
 namespace qz_rtsp_internal_server {
 
 class RtspConnection : public RtspClient {
  public:
-  // `on_closed` runs once when the connection closes.
+  // `on_closed` runs once when the connection closes. `sniff`: its first
+  // bytes may make it a half of an HTTP tunnel.
   RtspConnection(RtspServerCore& core,
                  asio::ip::tcp::socket socket,
                  bool over_limit,
+                 bool sniff,
                  std::function<void(RtspConnection*)> on_closed);
 
   void Start();
@@ -44,8 +50,29 @@ class RtspConnection : public RtspClient {
   void SizeSendBuffer();
 
  private:
+  enum class Mode {
+    kSniff,       // the first bytes tell RTSP from an HTTP tunnel's half
+    kRtsp,        // plain RTSP
+    kHttpHead,    // a tunnel half's HTTP request head
+    kTunnelGet,   // the GET half: writes everything, reads nothing more
+    kTunnelWait,  // a POST whose GET has not come: not read until it does
+    kTunnelPost,  // the POST half: base64 requests for its GET half
+  };
+
   void DoRead();
   void OnRead(size_t n);
+  // Parses what `parser_` holds and hands it to `target`: this connection,
+  // or the GET half of this POST half's tunnel.
+  void ParseRequests(RtspConnection& target, long long now);
+  void ReadHttpHead(const char* data, size_t n, long long now);
+  void OpenTunnel(const std::string& cookie, long long now);
+  void JoinTunnel(const std::string& cookie, long long now);
+  void ReadTunnelled(const char* data, size_t n, long long now);
+  // From now on `post` sends requests for `get`; what `post` has read
+  // since its head is handled at once.
+  static void Pair(const std::shared_ptr<RtspConnection>& get,
+                   const std::shared_ptr<RtspConnection>& post,
+                   long long now);
   // A media or control write ended (`bytes` of it written unless `ec`).
   void FinishWrite(const asio::error_code& ec, size_t bytes);
 
@@ -63,6 +90,14 @@ class RtspConnection : public RtspClient {
   RtspTcpWrite media_;
   bool close_after_write_ = false;  // answer sent, then close
   bool handling_ = false;           // inside the request handler
+
+  Mode mode_;
+  std::string pending_;  // read but not parsed: the first bytes, a waiting POST's body
+  std::unique_ptr<HttpTunnelHeadParser> head_;
+  Base64StreamDecoder base64_;
+  std::string cookie_;  // the tunnel this half registered under
+  // The other half of the tunnel; each holds the other until both close.
+  std::shared_ptr<RtspConnection> tunnel_peer_;
 };
 
 }  // namespace qz_rtsp_internal_server

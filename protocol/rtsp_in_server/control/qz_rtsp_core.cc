@@ -33,7 +33,8 @@ asio::ip::address Plain(const asio::ip::address& address) {
 }
 
 bool Playing(const RtspClient& client) {
-  for (const auto& entry : client.sessions()) {
+  const RtspClient& sessions = client.tunnel_output ? *client.tunnel_output : client;
+  for (const auto& entry : sessions.sessions()) {
     if (entry.second->playing()) {
       return true;
     }
@@ -73,7 +74,7 @@ const char* RtspServerCore::Overdue(RtspClient& client, long long now_ms) const 
   if (client.over_limit) {
     return now_ms - client.accepted_ms > kRefusedGraceMs ? "refused" : nullptr;
   }
-  if (!client.sessions().empty()) {
+  if (!client.sessions().empty() || client.tunnel_output != nullptr) {
     client.idle_since_ms = 0;
   } else if (client.idle_since_ms == 0) {
     client.idle_since_ms = now_ms;

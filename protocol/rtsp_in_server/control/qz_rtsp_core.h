@@ -16,6 +16,7 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_fanout.h"
 #include "protocol/rtsp_in_server/control/qz_rtsp_request_handler.h"
 #include "protocol/rtsp_in_server/control/qz_rtsp_session_table.h"
+#include "protocol/rtsp_in_server/control/qz_rtsp_tunnel_table.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
 namespace qz_rtsp_internal_server {
@@ -43,6 +44,7 @@ class RtspServerCore {
   RtspSessionTable& table() { return table_; }
   RtspFanout& fanout() { return fanout_; }
   RtspRequestHandler& handler() { return handler_; }
+  RtspTunnelTable& tunnels() { return tunnels_; }
   const QZRtspServerOptions& options() const { return options_; }
   long long NowMs() const { return env_.clock->SteadyUs() / 1000; }
   void CountRefused() { ++totals_.refused; }
@@ -57,7 +59,8 @@ class RtspServerCore {
                   RtspClient** evict) const;
   // Every tick, for each connection: why it must close now (no session for
   // the idle limit, a request begun too long ago, writes blocked for the
-  // session timeout, a refused connection that sent nothing), or null.
+  // session timeout, a refused connection that sent nothing), or null. The
+  // POST half of a paired HTTP tunnel has no idle clock: its GET's counts.
   const char* Overdue(RtspClient& client, long long now_ms) const;
 
   // Every half second: silent sessions expire (alone: their connections
@@ -76,6 +79,7 @@ class RtspServerCore {
   RtspSessionTable table_;
   RtspFanout fanout_;
   RtspRequestHandler handler_;
+  RtspTunnelTable tunnels_;
 };
 
 }  // namespace qz_rtsp_internal_server

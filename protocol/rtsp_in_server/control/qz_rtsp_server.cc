@@ -64,6 +64,10 @@ uint16_t QZRtspServer::Port() const {
   return impl_->port();
 }
 
+uint16_t QZRtspServer::HttpTunnelPort() const {
+  return impl_->http_tunnel_port();
+}
+
 std::string QZRtspServer::UrlFor(const std::string& stream_name) const {
   return impl_->UrlFor(stream_name);
 }
@@ -112,6 +116,7 @@ bool QZRtspServer::Impl::Start() {
               static_cast<unsigned>(options_.port), options_.bind_address.empty() ? "" : " at ",
               options_.bind_address.c_str(), why.c_str());
     acceptor_.reset();
+    http_acceptor_.reset();
     udp_rtp_.reset();
     udp_rtcp_.reset();
     return false;
@@ -145,7 +150,10 @@ bool QZRtspServer::Impl::Start() {
     std::lock_guard<std::mutex> lock(streams_mutex_);
     running_.store(true);
   }
-  DoAccept();
+  DoAccept(*acceptor_, options_.http_tunnel);
+  if (http_acceptor_) {
+    DoAccept(*http_acceptor_, true);
+  }
   ReceiveUdp(*udp_rtp_, 0);
   ReceiveUdp(*udp_rtcp_, 1);
   OnTick();
@@ -161,6 +169,17 @@ bool QZRtspServer::Impl::Listen(std::string& why) {
   asio::error_code ec;
   const asio::ip::tcp::endpoint endpoint = acceptor_->local_endpoint(ec);
   port_.store(endpoint.port());
+  if (options_.http_tunnel_port >= 0) {
+    http_acceptor_.reset(new asio::ip::tcp::acceptor(io_));
+    if (options_.http_tunnel_port > 65535 ||
+        !OpenRtspListener(*http_acceptor_, options_.bind_address,
+                          static_cast<uint16_t>(options_.http_tunnel_port), why)) {
+      why = "HTTP tunnel port " + std::to_string(options_.http_tunnel_port) + ": " +
+            (why.empty() ? "out of range" : why);
+      return false;
+    }
+    http_port_.store(http_acceptor_->local_endpoint(ec).port());
+  }
   {
     std::lock_guard<std::mutex> lock(url_mutex_);
     listen_address_ = endpoint.address();
@@ -227,6 +246,7 @@ void QZRtspServer::Impl::Stop() {
   if (was_running) {
     gate_->Close();
     port_.store(0);
+    http_port_.store(0);
     if (std::this_thread::get_id() == thread_.get_id()) {
       // Called from a callback on the network thread (a key-frame request):
       // the shutdown happens here, the thread ends when the callback
@@ -259,6 +279,7 @@ void QZRtspServer::Impl::Reap() {
   udp_sink_.reset();  // it reports what it still sends to the core
   core_.reset();
   acceptor_.reset();
+  http_acceptor_.reset();
   udp_rtp_.reset();
   udp_rtcp_.reset();
   tick_.reset();
@@ -267,6 +288,9 @@ void QZRtspServer::Impl::Reap() {
 void QZRtspServer::Impl::Shutdown() {
   asio::error_code ec;
   acceptor_->close(ec);
+  if (http_acceptor_) {
+    http_acceptor_->close(ec);
+  }
   tick_->cancel();
   for (const auto& timer : timers_) {
     timer->cancel();
@@ -388,28 +412,30 @@ std::shared_ptr<RtspStream> QZRtspServer::Impl::FindStream(const std::string& na
 
 // ---- network thread -----------------------------------------------------------------
 
-void QZRtspServer::Impl::DoAccept() {
-  acceptor_->async_accept([this](const asio::error_code& ec, asio::ip::tcp::socket socket) {
-    if (ec == asio::error::operation_aborted || !acceptor_->is_open()) {
-      return;
-    }
-    if (ec) {
-      // Out of file descriptors or a passing fault: try again shortly
-      // rather than letting the accept loop die.
-      auto retry = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(100));
-      retry->async_wait([this, retry](const asio::error_code& wait_ec) {
-        if (!wait_ec && acceptor_ && acceptor_->is_open()) {
-          DoAccept();
+void QZRtspServer::Impl::DoAccept(asio::ip::tcp::acceptor& acceptor, bool sniff) {
+  acceptor.async_accept(
+      [this, &acceptor, sniff](const asio::error_code& ec, asio::ip::tcp::socket socket) {
+        if (ec == asio::error::operation_aborted || !acceptor.is_open()) {
+          return;
         }
+        if (ec) {
+          // Out of file descriptors or a passing fault: try again shortly
+          // rather than letting the accept loop die. The acceptor lives until
+          // the thread is joined, after every timer has been cancelled.
+          auto retry = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(100));
+          retry->async_wait([this, retry, &acceptor, sniff](const asio::error_code& wait_ec) {
+            if (!wait_ec && acceptor.is_open()) {
+              DoAccept(acceptor, sniff);
+            }
+          });
+          return;
+        }
+        Admit(std::move(socket), sniff);
+        DoAccept(acceptor, sniff);
       });
-      return;
-    }
-    Admit(std::move(socket));
-    DoAccept();
-  });
 }
 
-void QZRtspServer::Impl::Admit(asio::ip::tcp::socket socket) {
+void QZRtspServer::Impl::Admit(asio::ip::tcp::socket socket, bool sniff) {
   asio::error_code ec;
   const asio::ip::tcp::endpoint remote = socket.remote_endpoint(ec);
   if (ec) {
@@ -440,7 +466,7 @@ void QZRtspServer::Impl::Admit(asio::ip::tcp::socket socket) {
     }
   }
   auto connection = std::make_shared<RtspConnection>(
-      *core_, std::move(socket), refused, [this](RtspConnection* closed) {
+      *core_, std::move(socket), refused, sniff, [this](RtspConnection* closed) {
         for (auto it = connections_.begin(); it != connections_.end(); ++it) {
           if (it->get() == closed) {
             connections_.erase(it);

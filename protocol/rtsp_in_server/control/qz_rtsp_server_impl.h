@@ -37,6 +37,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   void WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
   bool running() const { return running_.load(); }
   uint16_t port() const { return port_.load(); }
+  uint16_t http_tunnel_port() const { return http_port_.load(); }
   std::string UrlFor(const std::string& stream_name);
   std::vector<std::string> CandidateUrls(const std::string& stream_name);
   QZRtspServerStats Stats();
@@ -48,10 +49,12 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   // interface) the device's addresses as they are now.
   std::vector<std::string> RefreshUrlHosts();
   bool OpenUdp();
-  void DoAccept();
+  // Accepts on `acceptor` for as long as it is open; `sniff`: its
+  // connections may be HTTP tunnel halves.
+  void DoAccept(asio::ip::tcp::acceptor& acceptor, bool sniff);
   // A new connection: admitted, admitted in place of an idle one, or
   // refused (answered 503 and closed).
-  void Admit(asio::ip::tcp::socket socket);
+  void Admit(asio::ip::tcp::socket socket, bool sniff);
   void ReceiveUdp(asio::ip::udp::socket& socket, int which);
   void OnTick();
   std::shared_ptr<RtspStream> FindStream(const std::string& name);
@@ -64,6 +67,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   std::unique_ptr<asio::executor_work_guard<asio::io_context::executor_type>> work_;
   std::thread thread_;
   std::unique_ptr<asio::ip::tcp::acceptor> acceptor_;
+  std::unique_ptr<asio::ip::tcp::acceptor> http_acceptor_;  // the separate tunnel port
   std::unique_ptr<asio::ip::udp::socket> udp_rtp_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtcp_;
   uint16_t udp_rtp_port_ = 0;
@@ -77,6 +81,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
 
   std::atomic<bool> running_{false};
   std::atomic<uint16_t> port_{0};
+  std::atomic<uint16_t> http_port_{0};
   std::mutex url_mutex_;  // guards what follows: URLs are asked for on any thread
   asio::ip::address listen_address_;
   std::vector<std::string> url_hosts_;  // the latest, to log when the best one changes

@@ -2,12 +2,13 @@
 // the network thread show. A player over TCP and one over UDP with RTCP,
 // bytes as a connection delivers them, the limits on requests, connections
 // and time, the send buffer's size, pipes offered and withdrawn through the
-// manager, the URLs handed out, statistics, and Stop and Start (from a
-// callback, on the same port). What the server answers and sends is tested
-// on fakes in qz_rtsp_core_test.cc.
+// manager, the URLs handed out, statistics, Stop and Start (from a
+// callback, on the same port), and RTSP tunnelled through HTTP. What the
+// server answers and sends is tested on fakes in qz_rtsp_core_test.cc.
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
 #include <netinet/in.h>
+#include <openssl/evp.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -43,6 +44,15 @@ std::shared_ptr<QZRtspPacketPiple> DescribedPipe(const std::string& name) {
   piple->SetAudioCodecID(QZ_MEDIA_CODEC_ID_PCMA);
   piple->SetSpsPps(qz_test::kH264Sps.data(), 7, qz_test::kH264Pps.data(), 4);
   return piple;
+}
+
+std::string Base64(const std::string& bytes) {
+  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
+                                reinterpret_cast<const unsigned char*>(bytes.data()),
+                                static_cast<int>(bytes.size()));
+  out.resize(static_cast<size_t>(n));
+  return out;
 }
 
 // Posts a video and an audio record every 10 ms, a key frame every 10th,
@@ -446,6 +456,71 @@ TEST_F(ServerTest, StopFromACallbackAndRestartOnTheSamePort) {
   Restart(options);  // closes d's connection from the server's end first
   Client e(options.port);
   EXPECT_EQ(AskOptions(e), 200);
+}
+
+// RTSP tunnelled through HTTP: the GET half is answered HTTP/1.0 and gets
+// every answer and the media; the POST half's base64 requests, each encoded
+// on its own and split anywhere, are handled for it. A second GET of the
+// live cookie, and a POST naming it from another address, are refused
+// without harm to the tunnel; when the POST goes, the GET goes too.
+TEST_F(ServerTest, HttpTunnel) {
+  QZRtspServerOptions options = Options();
+  options.http_tunnel = true;
+  Restart(options);
+  const auto head = [](const char* method, const std::string& cookie) {
+    return std::string(method) + " /live HTTP/1.0\r\nx-sessioncookie: " + cookie +
+           "\r\nContent-Length: 32767\r\n\r\n";
+  };
+  Client get(server_->Port());
+  get.Send(head("GET", "tunnel1"));
+  Response answer = get.Read();
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.headers["Content-Type"], "application/x-rtsp-tunnelled");
+  Client second(server_->Port()), stranger(server_->Port(), "127.0.0.2");
+  second.Send(head("GET", "tunnel1"));
+  EXPECT_EQ(second.Read().status, 403);
+  stranger.Send(head("POST", "tunnel1") + Base64(Client::Request("OPTIONS", url_, 1)));
+  EXPECT_EQ(stranger.Read().status, -1);
+  Client post(server_->Port());
+  const std::string setup = Base64(Client::Request(
+      "SETUP", url_ + "/trackID=0", 1, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+  post.Send(head("POST", "tunnel1") + setup.substr(0, 5));
+  post.Send(setup.substr(5));
+  answer = get.Read();
+  ASSERT_EQ(answer.status, 200);
+  post.Send(
+      Base64(Client::Request("PLAY", url_, 2, "Session: " + qz_test::SessionId(answer) + "\r\n")));
+  EXPECT_EQ(get.Read().status, 200);
+  EXPECT_FALSE(get.Frames(300).empty());
+  post.Reset();
+  EXPECT_TRUE(WaitFor([this] { return server_->GetStats().connections == 0; }));
+}
+
+// On a separate HTTP port (tunnels there whatever `http_tunnel` says, which
+// keeps them off the RTSP port): a POST that comes before its GET waits for
+// it; garbage in the base64 stream is answered 400 on the GET, and the pair
+// closes.
+TEST_F(ServerTest, HttpTunnelPortPostBeforeGetAndGarbage) {
+  QZRtspServerOptions options = Options();
+  options.http_tunnel_port = 0;
+  Restart(options);
+  ASSERT_NE(server_->HttpTunnelPort(), 0);
+  ASSERT_NE(server_->HttpTunnelPort(), server_->Port());
+  Client rtsp_port(server_->Port());
+  rtsp_port.Send("GET /live HTTP/1.0\r\nx-sessioncookie: early\r\n\r\n");
+  EXPECT_EQ(rtsp_port.Read().status, 400);
+  Client post(server_->HttpTunnelPort()), get(server_->HttpTunnelPort());
+  post.Send("POST /live HTTP/1.0\r\nx-sessioncookie: early\r\n\r\n" +
+            Base64(Client::Request("OPTIONS", url_, 7)));
+  get.Send("GET /live HTTP/1.0\r\nx-sessioncookie: early\r\n\r\n");
+  EXPECT_EQ(get.Read().status, 200);
+  Response options_answer = get.Read();
+  EXPECT_EQ(options_answer.status, 200);
+  EXPECT_EQ(options_answer.headers["CSeq"], "7");
+  post.Send("!!!!");
+  EXPECT_EQ(get.Read().status, 400);
+  EXPECT_EQ(get.Read().status, -1);
+  EXPECT_EQ(post.Read().status, -1);
 }
 
 }  // namespace
