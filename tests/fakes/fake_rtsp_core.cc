@@ -9,40 +9,12 @@ namespace qz_test {
 
 using namespace qz_rtsp_internal_server;
 
-void FakeUdpSink::Add(const asio::ip::udp::endpoint& to,
-                      const uint8_t* data,
-                      size_t size,
-                      void* tag) {
-  sent.push_back({to, std::string(reinterpret_cast<const char*>(data), size), false});
-  Report(tag, size, true);
-}
-
-void FakeUdpSink::SendRtcp(const asio::ip::udp::endpoint& to,
-                           const uint8_t* data,
-                           size_t size,
-                           void* tag) {
-  sent.push_back({to, std::string(reinterpret_cast<const char*>(data), size), true});
-  Report(tag, size, true);
-}
-
 FakeClient::FakeClient(RtspServerCore& core, uint16_t remote_port, const std::string& address)
     : RtspClient(asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), 8554),
                  asio::ip::tcp::endpoint(asio::ip::make_address(address), remote_port)),
       core_(core) {
   accepted_ms = core.NowMs();
   idle_since_ms = accepted_ms;
-}
-
-void FakeClient::SendResponse(std::string response) {
-  written.push_back({-1, std::move(response)});
-}
-
-bool FakeClient::SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp) {
-  if (control_full) {
-    return false;
-  }
-  written.push_back({channel, std::string(rtcp.begin(), rtcp.end())});
-  return true;
 }
 
 void FakeClient::KickWrite() {
@@ -118,26 +90,16 @@ Reply FakeRtspCore::SendRaw(FakeClient& client, const std::string& text) {
     client.KickWrite();
   }
   Drain();
-  Reply reply;
   for (size_t i = client.written.size(); i > before; --i) {
-    const Written& w = client.written[i - 1];
-    if (w.channel != -1) {
-      continue;
+    const std::string& answer = client.written[i - 1].bytes;
+    if (client.written[i - 1].channel == -1) {
+      const size_t head_end = answer.find("\r\n\r\n");
+      Reply reply = ParseHead(answer.substr(0, head_end));
+      reply.body = answer.substr(head_end + 4);
+      return reply;
     }
-    const std::string& text_out = w.bytes;
-    reply.status = std::atoi(text_out.c_str() + 9);
-    const size_t head_end = text_out.find("\r\n\r\n");
-    for (size_t at = text_out.find("\r\n") + 2; at < head_end;) {
-      const size_t end = text_out.find("\r\n", at);
-      const std::string line = text_out.substr(at, end - at);
-      const size_t colon = line.find(':');
-      reply.headers[line.substr(0, colon)] = line.substr(colon + 2);
-      at = end + 2;
-    }
-    reply.body = text_out.substr(head_end + 4);
-    break;
   }
-  return reply;
+  return Reply();
 }
 
 Reply FakeRtspCore::Send(FakeClient& client,
@@ -149,20 +111,62 @@ Reply FakeRtspCore::Send(FakeClient& client,
                              std::to_string(++cseq) + "\r\n" + extra + "\r\n");
 }
 
+Reply FakeRtspCore::In(FakeClient& client,
+                       const std::string& method,
+                       const std::string& session,
+                       const std::string& url_suffix) {
+  return Send(client, method, url_suffix, "Session: " + session + "\r\n");
+}
+
+Reply FakeRtspCore::SetupReply(FakeClient& client,
+                               int track,
+                               const std::string& transport,
+                               const std::string& session) {
+  std::string value = "RTP/AVP/TCP;unicast;interleaved=" + transport;
+  if (transport.compare(0, 4, "udp:") == 0) {
+    const int port = std::atoi(transport.c_str() + 4);
+    value = "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
+  }
+  return Send(
+      client, "SETUP", "/trackID=" + std::to_string(track),
+      "Transport: " + value + "\r\n" + (session.empty() ? "" : "Session: " + session + "\r\n"));
+}
+
 std::string FakeRtspCore::Setup(FakeClient& client,
                                 int track,
                                 const std::string& transport,
                                 const std::string& session) {
-  std::string spec = "RTP/AVP/TCP;unicast;interleaved=" + transport;
-  if (transport.compare(0, 4, "udp:") == 0) {
-    const int port = std::atoi(transport.c_str() + 4);
-    spec = "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
-  }
-  const Reply reply =
-      Send(client, "SETUP", "/trackID=" + std::to_string(track),
-           "Transport: " + spec + "\r\n" + (session.empty() ? "" : "Session: " + session + "\r\n"));
+  const Reply reply = SetupReply(client, track, transport, session);
   const std::string header = reply.Header("Session");
   return reply.status == 200 ? header.substr(0, header.find(';')) : std::string();
+}
+
+std::string FakeRtspCore::Play(FakeClient& client,
+                               const std::string& video,
+                               const std::string& audio) {
+  const std::string session = Setup(client, 0, video);
+  if (!audio.empty()) {
+    Setup(client, 1, audio, session);
+  }
+  In(client, "PLAY", session);
+  return session;
+}
+
+bool FakeRtspCore::FromUdp(int port,
+                           const std::vector<uint8_t>& bytes,
+                           uint32_t arrival_ntp,
+                           const std::string& address) {
+  const Endpoint from(asio::ip::make_address(address), static_cast<uint16_t>(port));
+  return core_->table().OnUdpPacket(from, bytes.data(), bytes.size(), core_->NowMs(), arrival_ntp);
+}
+
+void FakeRtspCore::FromTcp(FakeClient& client,
+                           int channel,
+                           const std::vector<uint8_t>& bytes,
+                           uint32_t arrival_ntp) {
+  core_->table().OnInterleaved(client, static_cast<uint8_t>(channel),
+                               std::string(bytes.begin(), bytes.end()), core_->NowMs(),
+                               arrival_ntp);
 }
 
 void FakeRtspCore::PostVideo(int i, bool key, long long pushed_us) {
@@ -235,11 +239,11 @@ void FakeRtspCore::AdvanceMs(long long ms) {
   }
 }
 
-std::vector<Written> Frames(const FakeClient& client) {
+std::vector<Written> Frames(const FakeClient& client, size_t from) {
   std::vector<Written> frames;
-  for (const Written& w : client.written) {
-    if (w.channel >= 0) {
-      frames.push_back(w);
+  for (size_t i = from; i < client.written.size(); ++i) {
+    if (client.written[i].channel >= 0) {
+      frames.push_back(client.written[i]);
     }
   }
   return frames;

@@ -8,7 +8,6 @@
 #define TESTS_FAKES_FAKE_RTSP_CORE_H_
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,6 +15,7 @@
 
 #include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
 #include "tests/fakes/fake_seams.h"
+#include "tests/fakes/rtsp_test_client.h"
 
 namespace qz_test {
 
@@ -23,22 +23,30 @@ using qz_rtsp_internal_server::QZRtspPacketPiple;
 using qz_rtsp_internal_server::RtspClient;
 using qz_rtsp_internal_server::RtspServerCore;
 using qz_rtsp_internal_server::RtspStream;
+using Endpoint = asio::ip::udp::endpoint;
 
 struct Datagram {
-  asio::ip::udp::endpoint to;
+  Endpoint to;
   std::string bytes;
   bool rtcp;
 };
 
 class FakeUdpSink : public qz_rtsp_internal_server::UdpSink {
  public:
-  void Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_t size, void* tag) override;
+  void Add(const Endpoint& to, const uint8_t* data, size_t size, void* tag) override {
+    Keep(to, data, size, tag, false);
+  }
   void Flush() override {}
-  void SendRtcp(const asio::ip::udp::endpoint& to,
-                const uint8_t* data,
-                size_t size,
-                void* tag) override;
+  void SendRtcp(const Endpoint& to, const uint8_t* data, size_t size, void* tag) override {
+    Keep(to, data, size, tag, true);
+  }
   std::vector<Datagram> sent;
+
+ private:
+  void Keep(const Endpoint& to, const uint8_t* data, size_t size, void* tag, bool rtcp) {
+    sent.push_back({to, std::string(reinterpret_cast<const char*>(data), size), rtcp});
+    Report(tag, size, true);
+  }
 };
 
 // What a client connection was given, in the order it would write it: a
@@ -49,22 +57,17 @@ struct Written {
   std::string bytes;
 };
 
-struct Reply {
-  int status = -1;  // -1: no answer
-  std::map<std::string, std::string> headers;
-  std::string body;
-  std::string Header(const std::string& name) const {
-    auto it = headers.find(name);
-    return it == headers.end() ? std::string() : it->second;
-  }
-};
+using Reply = Response;  // status -1: no answer
 
 class FakeClient : public RtspClient {
  public:
   FakeClient(RtspServerCore& core, uint16_t remote_port, const std::string& remote_address);
 
-  void SendResponse(std::string response) override;
-  bool SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp) override;
+  void SendResponse(std::string response) override { written.push_back({-1, std::move(response)}); }
+  bool SendInterleaved(uint8_t channel, const std::vector<uint8_t>& rtcp) override {
+    written.push_back({channel, std::string(rtcp.begin(), rtcp.end())});
+    return true;
+  }
   // Writes every media write the fan-out gathers, unless `stalled`.
   void KickWrite() override;
   void CloseAfterWrite() override { close_after_write = true; }
@@ -75,7 +78,6 @@ class FakeClient : public RtspClient {
   int media_writes = 0;
   bool stalled = false;  // a full socket: nothing is written
   bool close_after_write = false;
-  bool control_full = false;  // interleaved RTCP is refused
 
  private:
   RtspServerCore& core_;
@@ -89,24 +91,47 @@ class FakeRtspCore {
                             qz_rtsp_internal_server::QZRtspServerOptions());
   ~FakeRtspCore();
 
-  // A new client connection from 127.0.0.1:<port>.
+  // A new client connection from <address>:<port>.
   std::shared_ptr<FakeClient> Connect(uint16_t port = 50000,
                                       const std::string& address = "127.0.0.1");
   // Hands the request to the server as the connection would and returns
-  // the answer (the last response written). "{S}" in `extra` becomes
-  // `session`. The URL defaults to the stream's.
+  // the answer (the last response written). The URL is the stream's, with
+  // `url_suffix` appended.
   Reply Send(FakeClient& client,
              const std::string& method,
              const std::string& url_suffix = "",
              const std::string& extra = "");
+  // The same on `session`.
+  Reply In(FakeClient& client,
+           const std::string& method,
+           const std::string& session,
+           const std::string& url_suffix = "");
   // The raw text of a request, for requests that are not well formed.
   Reply SendRaw(FakeClient& client, const std::string& text);
   // SETUP of `track` (TCP on `channels`, "udp:<port>" for UDP) on the
-  // session, or a new one; returns the session id.
+  // session, or a new one; Setup() returns the session id.
+  Reply SetupReply(FakeClient& client,
+                   int track,
+                   const std::string& transport,
+                   const std::string& session = "");
   std::string Setup(FakeClient& client,
                     int track,
                     const std::string& transport,
                     const std::string& session = "");
+  // SETUP of video on `video` (and of audio on `audio` when given) in a new
+  // session, then PLAY; returns the session id.
+  std::string Play(FakeClient& client, const std::string& video, const std::string& audio = "");
+  // A datagram that reaches the server's UDP ports from <address>:<port>;
+  // false when no session sends from there.
+  bool FromUdp(int port,
+               const std::vector<uint8_t>& bytes,
+               uint32_t arrival_ntp = 0,
+               const std::string& address = "127.0.0.1");
+  // An interleaved frame the client sent.
+  void FromTcp(FakeClient& client,
+               int channel,
+               const std::vector<uint8_t>& bytes,
+               uint32_t arrival_ntp = 0);
 
   // Records of frame `i` (video: key frame every `gop`-th; G.711 audio),
   // posted into the pipe as the publisher would, then drained.
@@ -118,8 +143,10 @@ class FakeRtspCore {
   // and timers that are due on the clock.
   void Drain();
   void AdvanceMs(long long ms);
+  void Tick() { core_->Tick(core_->NowMs()); }
 
   RtspServerCore& core() { return *core_; }
+  qz_rtsp_internal_server::RtspSessionTable& table() { return core_->table(); }
   RtspStream& stream() { return *stream_; }
   std::shared_ptr<QZRtspPacketPiple>& piple() { return piple_; }
   FakeClock& clock() { return clock_; }
@@ -142,8 +169,9 @@ class FakeRtspCore {
   std::vector<std::string> key_frame_requests_;
 };
 
-// The interleaved frames a client was given, responses left out.
-std::vector<Written> Frames(const FakeClient& client);
+// The interleaved frames a client was given from its `from`-th write on,
+// responses left out.
+std::vector<Written> Frames(const FakeClient& client, size_t from = 0);
 // An RTCP receiver report (RFC 3550 6.4.2) from source 9 with one report
 // block about `ssrc`; `bye` appends a BYE of source 9.
 std::vector<uint8_t> ReceiverReport(uint32_t ssrc,

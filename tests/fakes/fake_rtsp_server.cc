@@ -1,56 +1,33 @@
 #include "tests/fakes/fake_rtsp_server.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace qz_test {
 
-using qz_rtsp_internal_server::QZRtspServerMgr;
+using namespace qz_rtsp_internal_server;
 
-class FakeRtspServer::VideoConsumer : public qz_rtsp_internal_server::QZRtspVideoSinker {
+namespace {
+
+// Hands every record posted into a pipe to `on_record`.
+template <typename Sinker, typename Record>
+class Consumer : public Sinker {
  public:
-  VideoConsumer(FakeRtspServer* server, QZRtspPacketPiple* piple)
-      : server_(server), piple_(piple) {}
-  void OnRtspPacket(const std::shared_ptr<QZRtspVideoPacket>& packet) override {
-    ReceivedVideo received;
-    received.record = packet;
-    piple_->GetVpsSpsPps(received.vps, received.sps, received.pps);
-    std::lock_guard<std::mutex> lock(server_->mutex_);
-    server_->video_.push_back(std::move(received));
-  }
+  using OnRecord = std::function<void(const std::shared_ptr<Record>&)>;
+  explicit Consumer(OnRecord on_record) : on_record_(std::move(on_record)) {}
+  void OnRtspPacket(const std::shared_ptr<Record>& record) override { on_record_(record); }
 
  private:
-  FakeRtspServer* server_;
-  QZRtspPacketPiple* piple_;
+  OnRecord on_record_;
 };
 
-class FakeRtspServer::AudioConsumer : public qz_rtsp_internal_server::QZRtspAudioSinker {
- public:
-  AudioConsumer(FakeRtspServer* server, QZRtspPacketPiple* piple)
-      : server_(server), piple_(piple) {}
-  void OnRtspPacket(const std::shared_ptr<QZRtspAudioPacket>& packet) override {
-    ReceivedAudio received;
-    received.record = packet;
-    piple_->GetAudioSpecificConfig(received.config);
-    received.sample_rate = piple_->AudioSampleRate();
-    received.channels = piple_->AudioChannels();
-    std::lock_guard<std::mutex> lock(server_->mutex_);
-    server_->audio_.push_back(std::move(received));
-  }
-
- private:
-  FakeRtspServer* server_;
-  QZRtspPacketPiple* piple_;
-};
-
-FakeRtspServer::FakeRtspServer(void* handle, bool accept) : handle_(handle), accept_(accept) {}
+}  // namespace
 
 std::shared_ptr<FakeRtspServer> FakeRtspServer::Create(void* handle, bool accept) {
   std::shared_ptr<FakeRtspServer> server(new FakeRtspServer(handle, accept));
-  server->registered_ = QZRtspServerMgr::Instance()->RegisterServer(handle, server);
+  QZRtspServerMgr::Instance()->RegisterServer(handle, server);
   return server;
 }
-
-FakeRtspServer::~FakeRtspServer() = default;
 
 void FakeRtspServer::Unregister() {
   QZRtspServerMgr::Instance()->UnregisterServer(handle_);
@@ -74,12 +51,23 @@ bool FakeRtspServer::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple
     why = "the fake server refuses pipes";
     return false;
   }
-  auto video = std::make_shared<VideoConsumer>(this, piple.get());
-  auto audio = std::make_shared<AudioConsumer>(this, piple.get());
-  std::shared_ptr<qz_rtsp_internal_server::QZRtspVideoSinker> video_base = video;
-  std::shared_ptr<qz_rtsp_internal_server::QZRtspAudioSinker> audio_base = audio;
-  piple->AddVideoSinker(video_base);
-  piple->AddAudioSinker(audio_base);
+  QZRtspPacketPiple* p = piple.get();
+  std::shared_ptr<QZRtspVideoSinker> video =
+      std::make_shared<Consumer<QZRtspVideoSinker, QZRtspVideoPacket>>([this, p](const auto& r) {
+        ReceivedVideo received{r, {}, {}, {}};
+        p->GetVpsSpsPps(received.vps, received.sps, received.pps);
+        std::lock_guard<std::mutex> lock(mutex_);
+        video_.push_back(std::move(received));
+      });
+  std::shared_ptr<QZRtspAudioSinker> audio =
+      std::make_shared<Consumer<QZRtspAudioSinker, QZRtspAudioPacket>>([this, p](const auto& r) {
+        ReceivedAudio received{r, {}, p->AudioSampleRate(), p->AudioChannels()};
+        p->GetAudioSpecificConfig(received.config);
+        std::lock_guard<std::mutex> lock(mutex_);
+        audio_.push_back(std::move(received));
+      });
+  piple->AddVideoSinker(video);
+  piple->AddAudioSinker(audio);
   consumers_.push_back(video);
   consumers_.push_back(audio);
   if (!url_on_accept_.empty()) {
@@ -96,31 +84,6 @@ void FakeRtspServer::WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& pip
     pipes_.erase(it);
     withdrawn_.push_back(piple);
   }
-}
-
-std::vector<std::shared_ptr<QZRtspPacketPiple>> FakeRtspServer::pipes() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return pipes_;
-}
-
-std::vector<std::shared_ptr<QZRtspPacketPiple>> FakeRtspServer::withdrawn() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return withdrawn_;
-}
-
-int FakeRtspServer::offered() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return offered_;
-}
-
-std::vector<ReceivedVideo> FakeRtspServer::video() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return video_;
-}
-
-std::vector<ReceivedAudio> FakeRtspServer::audio() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return audio_;
 }
 
 }  // namespace qz_test

@@ -19,6 +19,10 @@ using qz_rtsp_internal_server::QZRtspAudioPacket;
 using qz_rtsp_internal_server::QZRtspPacketPiple;
 using qz_rtsp_internal_server::QZRtspVideoPacket;
 
+inline void* Handle(uintptr_t v) {
+  return reinterpret_cast<void*>(v);
+}
+
 struct ReceivedVideo {
   std::shared_ptr<QZRtspVideoPacket> record;
   std::vector<unsigned char> vps, sps, pps;  // the pipe's sets when it arrived
@@ -34,9 +38,8 @@ struct ReceivedAudio {
 class FakeRtspServer : public qz_rtsp_internal_server::QZRtspPipeAcceptor,
                        public std::enable_shared_from_this<FakeRtspServer> {
  public:
-  // Registers under `handle`; unregisters on Unregister() or destruction.
+  // Registers under `handle`; Unregister() takes it off the registry.
   static std::shared_ptr<FakeRtspServer> Create(void* handle, bool accept = true);
-  ~FakeRtspServer() override;
 
   void Unregister();
   void* handle() const { return handle_; }
@@ -48,21 +51,23 @@ class FakeRtspServer : public qz_rtsp_internal_server::QZRtspPipeAcceptor,
   bool AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple, std::string& why) override;
   void WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>& piple) override;
 
-  std::vector<std::shared_ptr<QZRtspPacketPiple>> pipes();
-  std::vector<std::shared_ptr<QZRtspPacketPiple>> withdrawn();
-  int offered();
-  std::vector<ReceivedVideo> video();
-  std::vector<ReceivedAudio> audio();
+  std::vector<std::shared_ptr<QZRtspPacketPiple>> pipes() { return Locked(pipes_); }
+  std::vector<std::shared_ptr<QZRtspPacketPiple>> withdrawn() { return Locked(withdrawn_); }
+  int offered() { return Locked(offered_); }
+  std::vector<ReceivedVideo> video() { return Locked(video_); }
+  std::vector<ReceivedAudio> audio() { return Locked(audio_); }
 
  private:
-  class VideoConsumer;
-  class AudioConsumer;
-  explicit FakeRtspServer(void* handle, bool accept);
+  FakeRtspServer(void* handle, bool accept) : handle_(handle), accept_(accept) {}
+  template <typename T>
+  T Locked(const T& value) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return value;
+  }
 
   void* const handle_;
   std::mutex mutex_;  // guards everything below
   bool accept_;
-  bool registered_ = false;
   int offered_ = 0;
   std::string url_on_accept_;
   std::vector<std::shared_ptr<QZRtspPacketPiple>> pipes_;

@@ -22,15 +22,13 @@ class FakeClock : public qz_rtsp_internal_server::RtspClock {
   std::atomic<long long> steady_us_{1000000000};
 };
 
-// first, first + step, first + 2 * step, ...
+// 1, 2, 3, ...
 class CountingRandom : public qz_rtsp_internal_server::RtspRandom {
  public:
-  explicit CountingRandom(uint32_t first = 1, uint32_t step = 1) : next_(first), step_(step) {}
-  uint32_t Next32() override { return next_.fetch_add(step_); }
+  uint32_t Next32() override { return next_++; }
 
  private:
-  std::atomic<uint32_t> next_;
-  uint32_t step_;
+  std::atomic<uint32_t> next_{1};
 };
 
 }  // namespace qz_test

@@ -55,9 +55,21 @@ void Client::Send(const std::string& bytes) {
   }
 }
 
-Response Client::Read(int wait_ms) {
+Response ParseHead(const std::string& head) {
   static const std::regex status_re("^(?:RTSP/1\\.0|HTTP/1\\.[01]) (\\d{3})");
   static const std::regex header_re("\r\n([^:\r\n]+): ([^\r\n]*)");
+  Response r;
+  std::smatch m;
+  if (std::regex_search(head, m, status_re))
+    r.status = std::stoi(m[1]);
+  for (auto it = std::sregex_iterator(head.begin(), head.end(), header_re);
+       it != std::sregex_iterator(); ++it) {
+    r.headers[(*it)[1]] = (*it)[2];
+  }
+  return r;
+}
+
+Response Client::Read(int wait_ms) {
   Response r;
   for (;;) {
     // Interleaved frames first.
@@ -70,14 +82,7 @@ Response Client::Read(int wait_ms) {
     }
     const size_t end = buffer_.find("\r\n\r\n");
     if (!buffer_.empty() && buffer_[0] != '$' && end != std::string::npos) {
-      const std::string head = buffer_.substr(0, end);
-      std::smatch m;
-      if (std::regex_search(head, m, status_re))
-        r.status = std::stoi(m[1]);
-      for (auto it = std::sregex_iterator(head.begin(), head.end(), header_re);
-           it != std::sregex_iterator(); ++it) {
-        r.headers[(*it)[1]] = (*it)[2];
-      }
+      r = ParseHead(buffer_.substr(0, end));
       const size_t body_len =
           r.headers.count("Content-Length") ? std::stoul(r.headers["Content-Length"]) : 0;
       if (buffer_.size() >= end + 4 + body_len) {
@@ -133,8 +138,8 @@ int Client::Fill(int wait_ms) {
 }
 
 std::string SessionId(const Response& r) {
-  auto it = r.headers.find("Session");
-  return it == r.headers.end() ? "" : it->second.substr(0, it->second.find(';'));
+  const std::string session = r.Header("Session");
+  return session.substr(0, session.find(';'));
 }
 
 }  // namespace qz_test

@@ -13,10 +13,18 @@
 namespace qz_test {
 
 struct Response {
-  int status = -1;  // -1: connection closed, -2: nothing within the wait
+  int status = -1;  // -1: connection closed (or no answer), -2: nothing within the wait
   std::map<std::string, std::string> headers;
   std::string body;
+  // The value of header `name`, "" when it has none.
+  std::string Header(const std::string& name) const {
+    auto it = headers.find(name);
+    return it == headers.end() ? std::string() : it->second;
+  }
 };
+
+// The status and headers of a response's head (its text before the blank line).
+Response ParseHead(const std::string& head);
 
 class Client {
  public:

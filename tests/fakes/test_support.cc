@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <thread>
+#include <utility>
 
 #include "gtest/gtest.h"
 #include "utility/qz_log.h"
@@ -17,14 +18,9 @@ void FakeTimeSource::SleepMs(int ms) {
   std::this_thread::sleep_for(std::chrono::microseconds(200));
 }
 
-std::vector<int> FakeTimeSource::sleeps() {
+std::vector<int> FakeTimeSource::TakeSleeps() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return sleeps_;
-}
-
-void FakeTimeSource::clear_sleeps() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  sleeps_.clear();
+  return std::exchange(sleeps_, {});
 }
 
 LogCapture::LogCapture() {
@@ -51,15 +47,6 @@ std::vector<std::string> LogCapture::Matching(const std::string& prefix) {
     }
   }
   return out;
-}
-
-bool LogCapture::Contains(const std::string& line) {
-  for (const std::string& l : lines()) {
-    if (l == line) {
-      return true;
-    }
-  }
-  return false;
 }
 
 void LogCapture::Clear() {

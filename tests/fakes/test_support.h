@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/qz_rtsp_packet_pipe.h"
 #include "publisher/qz_media_define.h"
 #include "utility/qz_utility.h"
@@ -31,8 +32,8 @@ class FakeTimeSource : public qz_utility::TimeSource {
   void SleepMs(int ms) override;
   void Advance(QZ_UINT64 ms) { now_ms_ += ms; }
 
-  std::vector<int> sleeps();
-  void clear_sleeps();
+  // The sleeps asked for since the last call.
+  std::vector<int> TakeSleeps();
 
  private:
   std::atomic<QZ_UINT64> now_ms_{100000};
@@ -48,12 +49,19 @@ class LogCapture {
   std::vector<std::string> lines();
   // Lines that begin with `prefix`.
   std::vector<std::string> Matching(const std::string& prefix);
-  bool Contains(const std::string& line);
   void Clear();
 
  private:
   std::mutex mutex_;  // guards lines_
   std::vector<std::string> lines_;
+};
+
+// Names each instance of a table-driven test after its row's `name`.
+struct RowName {
+  template <typename Row>
+  std::string operator()(const ::testing::TestParamInfo<Row>& info) const {
+    return info.param.name;
+  }
 };
 
 // Calls `check` with every buffer of 0 to `max_size` bytes drawn from 00,

@@ -130,8 +130,7 @@ TEST_F(ConcurrencyTest, PushWhileStartStopAndDestroy) {
     });
     for (int cycle = 0; cycle < 4; ++cycle) {
       EXPECT_TRUE(sinker->Start());
-      auto item = std::make_shared<qz_common::PublisherUserData>();
-      item->SetUTF8String("cycle");
+      auto item = TextItem("cycle");
       sinker->PostUserData(item);
       std::this_thread::sleep_for(std::chrono::milliseconds(15));
       if (cycle < 3) {

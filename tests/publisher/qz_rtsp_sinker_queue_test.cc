@@ -23,11 +23,8 @@ std::string Describe(RtspSinkerTestPeer& peer) {
   std::string out;
   for (const auto& p : peer.Queued()) {
     const bool audio = p->GetMediaType() == QZMediaPacket::MediaTypeAudio;
-    out += (out.empty() ? "" : " ") +
-           std::string(audio             ? "A"
-                       : p->IsKeyFrame() ? "K"
-                                         : "P") +
-           std::to_string(p->TimeStamp());
+    const char kind = audio ? 'A' : (p->IsKeyFrame() ? 'K' : 'P');
+    out += (out.empty() ? "" : " ") + std::string(1, kind) + std::to_string(p->TimeStamp());
   }
   return out;
 }
@@ -63,7 +60,7 @@ TEST_P(QueueOrderTest, PopsInTimestampOrder) {
   std::vector<long long> popped;
   int last_size = 0;
   while (QZ_MediaPacketRefPtr p = peer_->PopPacket()) {
-    EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
+    EXPECT_EQ(peer_->StampedEntries(), peer_->Queued().size());
     if (!popped.empty() && p->TimeStamp() == popped.back()) {
       EXPECT_GT(p->Size(), last_size) << "equal timestamps out of push order";
     }
@@ -150,16 +147,15 @@ TEST_F(QueueTest, BackOffSleepsAndDrains) {
     EXPECT_EQ(peer_->GetSleepCount(c.first), c.second) << "seed " << c.first;
   }
   Fill(sinker, "A0 A1 A2 A3 A4");
-  clock_.clear_sleeps();
+  clock_.TakeSleeps();
   peer_->SleepDropPacket(3);
-  EXPECT_EQ(peer_->QueueSize(), 0u);
-  EXPECT_EQ(clock_.sleeps(), std::vector<int>({10, 10, 10}));
+  EXPECT_EQ(peer_->Queued().size(), 0u);
+  EXPECT_EQ(clock_.TakeSleeps(), std::vector<int>({10, 10, 10}));
   Fill(sinker, "A5");
-  clock_.clear_sleeps();
   peer_->set_send_thread_exit(true);
   peer_->SleepDropPacket(1200);
-  EXPECT_EQ(peer_->QueueSize(), 0u);
-  EXPECT_TRUE(clock_.sleeps().empty());
+  EXPECT_EQ(peer_->Queued().size(), 0u);
+  EXPECT_TRUE(clock_.TakeSleeps().empty());
 }
 
 // ---- drop policy -------------------------------------------------------------
@@ -203,7 +199,7 @@ TEST_P(DropTest, DropPacket) {
   peer_->DropPacket(c.delay);
   EXPECT_EQ(Describe(*peer_), c.remaining);
   EXPECT_EQ(peer_->is_no_complete_video_packet_drop(), c.flag_after);
-  EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
+  EXPECT_EQ(peer_->StampedEntries(), peer_->Queued().size());
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, DropTest, ::testing::ValuesIn(kDropCases), RowName());
@@ -241,8 +237,8 @@ TEST_F(QueueTest, StoppedSinkerBoundsItsBacklog) {
   for (int i = 0; i < 5000; ++i) {
     other.PushPacket(MakeAudio(7));
   }
-  EXPECT_LE(peer_->QueueSize(), 2048u);
-  EXPECT_EQ(peer_->StampedEntries(), peer_->QueueSize());
+  EXPECT_LE(peer_->Queued().size(), 2048u);
+  EXPECT_EQ(peer_->StampedEntries(), peer_->Queued().size());
 }
 
 // ---- the send loop -------------------------------------------------------------

@@ -185,7 +185,7 @@ TEST_F(VideoTest, H264ParameterSetTracking) {
   peer_->SendVideoPacket(WithSets(MakeVideo(40, true), {}, kH264Sps, kH264Pps));
   EXPECT_EQ(low_->video()[1].sps, kH264Sps);
   peer_->SendVideoPacket(WithSets(MakeVideo(80, true), {}, kH264Sps, kH264Pps));  // same
-  EXPECT_FALSE(log_.Contains(changed));
+  EXPECT_TRUE(log_.Matching(changed).empty());
   peer_->SendVideoPacket(WithSets(MakeVideo(120, true), {}, kH264Sps, kOtherPps));
   EXPECT_EQ(log_.Matching(changed).size(), 1u);
   EXPECT_EQ(low_->video()[3].pps, kOtherPps);
@@ -232,11 +232,10 @@ TEST_F(VideoTest, H265ParameterSetTracking) {
 TEST_F(VideoTest, UserDataTravelsOneItemPerRecordAsSei) {
   RtspSinker& sinker = MakeSinker(false, true);
   OpenSession(nullptr, MakeVideo(0, true));
-  auto text = std::make_shared<qz_common::PublisherUserData>();
-  text->SetUTF8String(std::string("ab\0cd", 5));  // only the text before the zero
   auto binary = std::make_shared<qz_common::PublisherUserData>();
   const QZ_BYTE bin[] = {0, 0, 1};
   binary->SetData(bin, 3);
+  auto text = TextItem(std::string("ab\0cd", 5));  // only the text before the zero
   sinker.PostUserData(text);
   sinker.PostUserData(binary);
   peer_->SendVideoPacket(MakeVideo(0, true));
@@ -263,16 +262,20 @@ TEST_F(VideoTest, UserDataTravelsOneItemPerRecordAsSei) {
   EXPECT_EQ(NalUnits(*low_->video()[2].record).size(), 2u);  // queue empty: no SEI
 }
 
-// A null item is not queued; without pipes no record is built and the queued
-// item stays until the queue is cleared.
-TEST_F(VideoTest, WithoutPipesNothingIsBuiltAndUserDataStays) {
-  RtspSinker& sinker = MakeSinker(false, true);
+// Without pipes no record is built, but the parameter sets and the AAC
+// configuration are still tracked. A null user data item is not queued, and
+// the queued item stays until the queue is cleared.
+TEST_F(VideoTest, WithoutPipesNothingIsBuiltButSetsAreTrackedAndUserDataStays) {
   high_->set_accept(false);
   low_->set_accept(false);
-  OpenSession(nullptr, MakeVideo(0, true));
-  auto item = std::make_shared<qz_common::PublisherUserData>();
-  item->SetUTF8String("x");
-  std::shared_ptr<qz_common::PublisherUserData> none;
+  RtspSinker& sinker = MakeSinker(true, true);
+  OpenSession(Audio(0, {}), MakeVideo(0, true));
+  EXPECT_FALSE(peer_->is_setting_audio_spec_config());
+  peer_->SendAudioPacket(Audio(0, kAacConfig48k1));
+  EXPECT_TRUE(peer_->is_setting_audio_spec_config());
+  EXPECT_EQ(peer_->audio_specific_config(), kAacConfig48k1);
+  EXPECT_EQ(peer_->sample_rate(), 48000);
+  std::shared_ptr<qz_common::PublisherUserData> none, item = TextItem("x");
   sinker.PostUserData(none);
   sinker.PostUserData(item);
   peer_->SendVideoPacket(WithSets(MakeVideo(0, true), {}, kH264Sps, kH264Pps));

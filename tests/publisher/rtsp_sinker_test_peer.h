@@ -18,11 +18,7 @@ class RtspSinkerTestPeer {
     std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);
     return std::vector<QZ_MediaPacketRefPtr>(s_.packet_list_.begin(), s_.packet_list_.end());
   }
-  size_t QueueSize() {
-    std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);
-    return s_.packet_list_.size();
-  }
-  // Queue entries that have a push stamp: equal to QueueSize() when no
+  // Queue entries that have a push stamp: as many as are queued when no
   // stamp was lost or leaked.
   size_t StampedEntries() {
     std::lock_guard<std::recursive_mutex> lock(s_.packet_rmutex_);

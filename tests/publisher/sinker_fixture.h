@@ -21,10 +21,6 @@ using qz_publisher::RtspSinker;
 using qz_publisher::RtspSinkerTestPeer;
 using Bytes = std::vector<QZ_BYTE>;
 
-inline void* Handle(uintptr_t v) {
-  return reinterpret_cast<void*>(v);
-}
-
 // `p` with the given parameter sets as extra data; empty ones are left out.
 inline QZ_MediaPacketRefPtr WithSets(QZ_MediaPacketRefPtr p,
                                      const Bytes& vps,
@@ -57,13 +53,12 @@ inline QZ_MediaPacketRefPtr Audio(long long ts,
   return p;
 }
 
-// Names each instance of a table-driven test after its row.
-struct RowName {
-  template <typename Row>
-  std::string operator()(const ::testing::TestParamInfo<Row>& info) const {
-    return info.param.name;
-  }
-};
+// A user data item holding `text`.
+inline std::shared_ptr<qz_common::PublisherUserData> TextItem(const std::string& text) {
+  auto item = std::make_shared<qz_common::PublisherUserData>();
+  item->SetUTF8String(text);
+  return item;
+}
 
 class SinkerTest : public ::testing::Test {
  protected:

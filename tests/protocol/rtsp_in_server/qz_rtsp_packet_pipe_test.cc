@@ -48,24 +48,21 @@ struct ConfigCase {
   bool complete;
 };
 
+constexpr QZ_MEDIA_CODEC_ID kNone = QZ_MEDIA_CODEC_ID_NONE, kAac = QZ_MEDIA_CODEC_ID_AAC,
+                            kH264 = QZ_MEDIA_CODEC_ID_H264, kH265 = QZ_MEDIA_CODEC_ID_H265,
+                            kPcma = QZ_MEDIA_CODEC_ID_PCMA, kPcmu = QZ_MEDIA_CODEC_ID_PCMU;
+
 const ConfigCase kConfigCases[] = {
-    {"nothing_declared", false, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_H264, true, true,
-     false},
-    {"h264_with_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H264, true, false,
-     true},
-    {"h264_without_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H264, false, false,
-     false},
-    {"h265_with_sets", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_H265, true, false,
-     true},
-    {"mjpeg", false, true, QZ_MEDIA_CODEC_ID_NONE, QZ_MEDIA_CODEC_ID_MJPEG, true, false, false},
-    {"aac_without_config", true, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_NONE, false, false,
-     false},
-    {"aac_with_config", true, false, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_NONE, false, true,
-     true},
-    {"pcma", true, false, QZ_MEDIA_CODEC_ID_PCMA, QZ_MEDIA_CODEC_ID_NONE, false, false, true},
-    {"pcmu", true, false, QZ_MEDIA_CODEC_ID_PCMU, QZ_MEDIA_CODEC_ID_NONE, false, false, true},
-    {"h264_and_aac_missing_config", true, true, QZ_MEDIA_CODEC_ID_AAC, QZ_MEDIA_CODEC_ID_H264, true,
-     false, false},
+    {"nothing_declared", false, false, kAac, kH264, true, true, false},
+    {"h264_with_sets", false, true, kNone, kH264, true, false, true},
+    {"h264_without_sets", false, true, kNone, kH264, false, false, false},
+    {"h265_with_sets", false, true, kNone, kH265, true, false, true},
+    {"mjpeg", false, true, kNone, QZ_MEDIA_CODEC_ID_MJPEG, true, false, false},
+    {"aac_without_config", true, false, kAac, kNone, false, false, false},
+    {"aac_with_config", true, false, kAac, kNone, false, true, true},
+    {"pcma", true, false, kPcma, kNone, false, false, true},
+    {"pcmu", true, false, kPcmu, kNone, false, false, true},
+    {"h264_and_aac_missing_config", true, true, kAac, kH264, true, false, false},
 };
 
 class PipeConfigTest : public ::testing::TestWithParam<ConfigCase> {};
@@ -86,23 +83,21 @@ TEST_P(PipeConfigTest, IsHasAVConfig) {
     piple.SetAudioSpecificConfig(config, 2);
   }
   EXPECT_EQ(piple.IsHasAVConfig(), c.complete);
-  EXPECT_EQ(piple.IsHasH264(), c.video && c.vcodec == QZ_MEDIA_CODEC_ID_H264);
-  EXPECT_EQ(piple.IsHasAAC(), c.audio && c.acodec == QZ_MEDIA_CODEC_ID_AAC);
-  EXPECT_EQ(piple.IsHasPCMA(), c.audio && c.acodec == QZ_MEDIA_CODEC_ID_PCMA);
+  EXPECT_EQ(piple.IsHasH264(), c.video && c.vcodec == kH264);
+  EXPECT_EQ(piple.IsHasAAC(), c.audio && c.acodec == kAac);
+  EXPECT_EQ(piple.IsHasPCMA(), c.audio && c.acodec == kPcma);
   QZRtspVideoPacket video;
   video.codec_id_ = c.vcodec;
-  EXPECT_EQ(video.IsH265(), c.vcodec == QZ_MEDIA_CODEC_ID_H265);
+  EXPECT_EQ(video.IsH265(), c.vcodec == kH265);
   QZRtspAudioPacket audio;
   audio.codec_id_ = c.acodec;
-  EXPECT_EQ(audio.IsPCMU(), c.acodec == QZ_MEDIA_CODEC_ID_PCMU);
+  EXPECT_EQ(audio.IsPCMU(), c.acodec == kPcmu);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
                          PipeConfigTest,
                          ::testing::ValuesIn(kConfigCases),
-                         [](const ::testing::TestParamInfo<ConfigCase>& info) {
-                           return std::string(info.param.name);
-                         });
+                         qz_test::RowName());
 
 TEST(QZRtspPacketPipleTest, PostReachesLiveConsumersOnlyAndSharesTheRecord) {
   QZRtspPacketPiple piple("s");
@@ -148,17 +143,6 @@ TEST(QZRtspPacketPipleTest, ConsumerMayDetachDuringDelivery) {
   piple.PostVideoPacket(record);
   EXPECT_EQ(sinker->calls, 1);
   sinker->self.reset();
-}
-
-TEST(QZRtspPacketDataTest, FreesItsBufferOnceWhenTheLastReferenceGoes) {
-  auto data = qz_test::PacketData({1, 2, 3});
-  std::weak_ptr<QZRtspPacketData> weak = data;
-  auto copy = data;
-  data.reset();
-  EXPECT_FALSE(weak.expired());
-  EXPECT_EQ(copy->size_, 3u);
-  copy.reset();
-  EXPECT_TRUE(weak.expired());  // ASan reports a double or missing free
 }
 
 TEST(QZRtspPacketPipleTest, ConcurrentDescribeAndPost) {

@@ -5,9 +5,11 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
 
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_headers.h"
@@ -23,6 +25,7 @@ using qz_test::Frames;
 using qz_test::Reply;
 using qz_test::SeqOf;
 using qz_test::Written;
+using ::testing::HasSubstr;
 
 std::set<int> Channels(const std::vector<Written>& frames) {
   std::set<int> seen;
@@ -32,15 +35,14 @@ std::set<int> Channels(const std::vector<Written>& frames) {
   return seen;
 }
 
-// Frames written since `from` (an index into the client's output).
-std::vector<Written> FramesSince(const FakeClient& client, size_t from) {
-  std::vector<Written> out;
-  for (size_t i = from; i < client.written.size(); ++i) {
-    if (client.written[i].channel >= 0) {
-      out.push_back(client.written[i]);
+// The first of `frames` on `channel`, or null.
+const Written* First(const std::vector<Written>& frames, int channel) {
+  for (const Written& f : frames) {
+    if (f.channel == channel) {
+      return &f;
     }
   }
-  return out;
+  return nullptr;
 }
 
 long long RtpTimeOf(const std::string& rtp) {
@@ -55,110 +57,81 @@ bool IsSenderReport(const std::string& rtcp) {
   return rtcp.size() > 1 && static_cast<uint8_t>(rtcp[1]) == 200;
 }
 
+// An H.264 STAP-A: a key frame's parameter sets, its first packet.
+bool IsStapA(const std::string& rtp) {
+  return (static_cast<uint8_t>(rtp[12]) & 0x1F) == 24;
+}
+
 // ---- requests and their answers -----------------------------------------------------
 
 struct RequestCase {
   const char* name;
-  // Requests sent first, each answered 200 ("{S}": the session id so far).
-  std::vector<std::string> before;
   std::string request;
   int status;
   const char* header = "";  // a header the answer must have ("Name: part of its value")
+  // Requests sent first, each answered 200 ("{S}": the session id so far).
+  std::vector<std::string> before = {};
 };
 
 std::string Req(const std::string& line, const std::string& extra = "") {
   return line + " RTSP/1.0\r\nCSeq: 1\r\n" + extra + "\r\n";
 }
 
+// A SETUP of `url`; `transport` is the Transport header's value, then any
+// further header lines.
+std::string SetupOf(const std::string& url, const std::string& transport) {
+  return Req("SETUP " + url, "Transport: " + transport + "\r\n");
+}
+
 const std::string kU = FakeRtspCore::kUrl;
-const std::string kTcpSetup =
-    Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
+const std::string kT0 = kU + "/trackID=0";
+const std::string kS = "Session: {S}\r\n";
+const std::string kTcpSetup = SetupOf(kT0, "RTP/AVP/TCP;interleaved=0-1");
 
 const RequestCase kRequestCases[] = {
-    {"options",
-     {},
-     Req("OPTIONS " + kU),
-     200,
+    {"options", Req("OPTIONS " + kU), 200,
      "Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER"},
-    {"missing_cseq", {}, "OPTIONS " + kU + " RTSP/1.0\r\n\r\n", 400},
-    {"repeated_cseq", {}, "OPTIONS " + kU + " RTSP/1.0\r\nCSeq: 1\r\nCSeq: 2\r\n\r\n", 400},
-    {"rtsp_2", {}, "OPTIONS " + kU + " RTSP/2.0\r\nCSeq: 1\r\n\r\n", 505},
-    {"unknown_method", {}, Req("BREW " + kU), 501},
-    {"announce", {}, Req("ANNOUNCE " + kU), 405},
-    {"record", {}, Req("RECORD " + kU), 405},
-    {"describe_unknown_stream", {}, Req("DESCRIBE rtsp://127.0.0.1/nope"), 404},
-    {"setup_unknown_stream",
-     {},
-     Req("SETUP rtsp://127.0.0.1/nope/trackID=0", "Transport: RTP/AVP/TCP\r\n"),
-     404},
-    {"setup_unknown_track",
-     {},
-     Req("SETUP " + kU + "/trackID=9", "Transport: RTP/AVP/TCP\r\n"),
-     404},
-    {"setup_stream_url_of_two_tracks", {}, Req("SETUP " + kU, "Transport: RTP/AVP/TCP\r\n"), 404},
-    {"setup_without_transport", {}, Req("SETUP " + kU + "/trackID=0"), 461},
-    {"unsupported_transport",
-     {},
-     Req("SETUP " + kU + "/trackID=0", "Transport: RAW/RAW/UDP;client_port=5000-5001\r\n"),
-     461},
-    {"client_port_zero",
-     {},
-     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-0\r\n"),
-     461},
-    {"client_port_out_of_range",
-     {},
-     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=65536-65537\r\n"),
-     461},
+    {"missing_cseq", "OPTIONS " + kU + " RTSP/1.0\r\n\r\n", 400},
+    {"repeated_cseq", "OPTIONS " + kU + " RTSP/1.0\r\nCSeq: 1\r\nCSeq: 2\r\n\r\n", 400},
+    {"rtsp_2", "OPTIONS " + kU + " RTSP/2.0\r\nCSeq: 1\r\n\r\n", 505},
+    {"unknown_method", Req("BREW " + kU), 501},
+    {"announce", Req("ANNOUNCE " + kU), 405},
+    {"record", Req("RECORD " + kU), 405},
+    {"describe_unknown_stream", Req("DESCRIBE rtsp://127.0.0.1/nope"), 404},
+    {"setup_unknown_stream", SetupOf("rtsp://127.0.0.1/nope/trackID=0", "RTP/AVP/TCP"), 404},
+    {"setup_unknown_track", SetupOf(kU + "/trackID=9", "RTP/AVP/TCP"), 404},
+    {"setup_stream_url_of_two_tracks", SetupOf(kU, "RTP/AVP/TCP"), 404},
+    {"setup_without_transport", Req("SETUP " + kT0), 461},
+    {"unsupported_transport", SetupOf(kT0, "RAW/RAW/UDP;client_port=5000-5001"), 461},
+    {"client_port_zero", SetupOf(kT0, "RTP/AVP;unicast;client_port=0-0"), 461},
+    {"client_port_out_of_range", SetupOf(kT0, "RTP/AVP;unicast;client_port=65536-65537"), 461},
     {"destination_elsewhere",
-     {},
-     Req("SETUP " + kU + "/trackID=0",
-         "Transport: RTP/AVP;unicast;destination=198.51.100.7;client_port=5000-5001\r\n"),
-     461},
-    {"multicast", {}, Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP;multicast\r\n"), 461},
-    {"setup_to_record",
-     {},
-     Req("SETUP " + kU + "/trackID=0",
-         "Transport: RTP/AVP/TCP;unicast;interleaved=0-1;mode=record\r\n"),
-     461},
-    {"require_unknown_option",
-     {},
-     Req("OPTIONS " + kU, "Require: com.example.record, play.basic\r\n"),
-     551,
-     "Unsupported: com.example.record, play.basic"},
-    {"play_without_session", {}, Req("PLAY " + kU), 454},
-    {"play_unknown_session", {}, Req("PLAY " + kU, "Session: 0123456789ABCDEF\r\n"), 454},
-    {"keepalive_unknown_session", {}, Req("GET_PARAMETER " + kU, "Session: FFFF\r\n"), 454},
-    {"options_unknown_session", {}, Req("OPTIONS " + kU, "Session: FFFF\r\n"), 200},
-    {"setup_unknown_session",
-     {},
-     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: FFFF\r\n"),
-     454},
-    {"keepalive",
-     {kTcpSetup},
-     Req("GET_PARAMETER " + kU, "Session: {S}\r\n"),
-     200,
-     "Session: ;timeout=60"},
-    {"setup_twice_on_one_track",
-     {kTcpSetup},
-     Req("SETUP " + kU + "/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
-     455},
+     SetupOf(kT0, "RTP/AVP;unicast;destination=198.51.100.7;client_port=5000-5001"), 461},
+    {"multicast", SetupOf(kT0, "RTP/AVP;multicast"), 461},
+    {"setup_to_record", SetupOf(kT0, "RTP/AVP/TCP;unicast;interleaved=0-1;mode=record"), 461},
+    {"require_unknown_option", Req("OPTIONS " + kU, "Require: com.example.record, play.basic\r\n"),
+     551, "Unsupported: com.example.record, play.basic"},
+    {"play_without_session", Req("PLAY " + kU), 454},
+    {"play_unknown_session", Req("PLAY " + kU, "Session: 0123456789ABCDEF\r\n"), 454},
+    {"keepalive_unknown_session", Req("GET_PARAMETER " + kU, "Session: FFFF\r\n"), 454},
+    {"options_unknown_session", Req("OPTIONS " + kU, "Session: FFFF\r\n"), 200},
+    {"setup_unknown_session", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: FFFF"), 454},
+    {"keepalive", Req("GET_PARAMETER " + kU, kS), 200, "Session: ;timeout=60", {kTcpSetup}},
+    {"setup_twice_on_one_track", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: {S}"), 455, "", {kTcpSetup}},
     {"setup_other_stream_on_session",
-     {kTcpSetup},
-     Req("SETUP rtsp://127.0.0.1/other/trackID=0", "Transport: RTP/AVP/TCP\r\nSession: {S}\r\n"),
-     404},
-    {"pause_before_play", {kTcpSetup}, Req("PAUSE " + kU, "Session: {S}\r\n"), 200},
-    {"teardown_then_reuse",
-     {kTcpSetup, Req("TEARDOWN " + kU, "Session: {S}\r\n")},
-     Req("PLAY " + kU, "Session: {S}\r\n"),
-     454},
+     SetupOf("rtsp://127.0.0.1/other/trackID=0", "RTP/AVP/TCP\r\nSession: {S}"),
+     404,
+     "",
+     {kTcpSetup}},
+    {"pause_before_play", Req("PAUSE " + kU, kS), 200, "", {kTcpSetup}},
+    {"teardown_then_reuse", Req("PLAY " + kU, kS), 454, "", {kTcpSetup, Req("TEARDOWN " + kU, kS)}},
     {"teardown_of_last_track_ends_session",
-     {kTcpSetup, Req("TEARDOWN " + kU + "/trackID=0", "Session: {S}\r\n")},
-     Req("GET_PARAMETER " + kU, "Session: {S}\r\n"),
-     454},
+     Req("GET_PARAMETER " + kU, kS),
+     454,
+     "",
+     {kTcpSetup, Req("TEARDOWN " + kT0, kS)}},
     {"udp_setup_names_both_port_pairs",
-     {},
-     Req("SETUP " + kU + "/trackID=1", "Transport: RTP/AVP;unicast;client_port=7000-7001\r\n"),
-     200,
+     SetupOf(kU + "/trackID=1", "RTP/AVP;unicast;client_port=7000-7001"), 200,
      "Transport: RTP/AVP;unicast;client_port=7000-7001;server_port=20000-20001;ssrc="},
 };
 
@@ -189,17 +162,14 @@ TEST_P(RequestTest, Answered) {
   const std::string header = c.header;
   if (!header.empty()) {
     const size_t colon = header.find(": ");
-    EXPECT_NE(r.Header(header.substr(0, colon)).find(header.substr(colon + 2)), std::string::npos)
-        << r.Header(header.substr(0, colon));
+    EXPECT_THAT(r.Header(header.substr(0, colon)), HasSubstr(header.substr(colon + 2)));
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
                          RequestTest,
                          ::testing::ValuesIn(kRequestCases),
-                         [](const ::testing::TestParamInfo<RequestCase>& info) {
-                           return std::string(info.param.name);
-                         });
+                         qz_test::RowName());
 
 TEST(CoreTest, DescribeNamesTheStreamAndWaitsForItsParameterSets) {
   QZRtspServerOptions options;
@@ -209,19 +179,18 @@ TEST(CoreTest, DescribeNamesTheStreamAndWaitsForItsParameterSets) {
   const Reply described = server.Send(*client, "DESCRIBE");
   ASSERT_EQ(described.status, 200);
   EXPECT_EQ(described.Header("Content-Base"), std::string(FakeRtspCore::kUrl) + "/");
-  EXPECT_NE(described.body.find("sprop-parameter-sets=Z0LAHtoCgA==,aM48gA=="), std::string::npos);
-  EXPECT_NE(described.body.find("a=rtpmap:8 PCMA/8000"), std::string::npos);
+  EXPECT_THAT(described.body, HasSubstr("sprop-parameter-sets=Z0LAHtoCgA==,aM48gA=="));
+  EXPECT_THAT(described.body, HasSubstr("a=rtpmap:8 PCMA/8000"));
 
   // Without parameter sets: no answer until they come, 503 after the wait.
   server.piple()->SetSpsPps(nullptr, 0, nullptr, 0);
   ASSERT_FALSE(server.piple()->IsHasAVConfig());
   EXPECT_EQ(server.Send(*client, "DESCRIBE").status, -1);
   server.AdvanceMs(290);
-  EXPECT_EQ(Frames(*client).size(), 0u);
   EXPECT_EQ(client->written.size(), 1u) << "still waiting";
   server.AdvanceMs(20);
   EXPECT_EQ(client->written.back().bytes.compare(0, 12, "RTSP/1.0 503"), 0);
-  EXPECT_NE(client->written.back().bytes.find("Retry-After: 1"), std::string::npos);
+  EXPECT_THAT(client->written.back().bytes, HasSubstr("Retry-After: 1"));
   // Sets that arrive during the wait are used at once.
   EXPECT_EQ(server.Send(*client, "DESCRIBE").status, -1);
   server.AdvanceMs(100);
@@ -242,13 +211,12 @@ TEST(CoreTest, AuthenticationChallengesEverythingButOptions) {
   RtspAuthHeader www;
   ASSERT_TRUE(ParseRtspAuth(challenge.Header("WWW-Authenticate"), www));
   ASSERT_NE(www.Param("nonce"), nullptr);
-  const std::string url = FakeRtspCore::kUrl;
   const std::string response =
       RtspAuthenticator::DigestResponse(RtspAuthenticator::Algorithm::kMd5, "user", "qz-rtsp",
-                                        "secret", "DESCRIBE", url, *www.Param("nonce"), "", "", "");
+                                        "secret", "DESCRIBE", kU, *www.Param("nonce"), "", "", "");
   const std::string credentials =
       "Authorization: Digest username=\"user\", realm=\"qz-rtsp\", nonce=\"" + *www.Param("nonce") +
-      "\", uri=\"" + url + "\", response=\"";
+      "\", uri=\"" + kU + "\", response=\"";
   EXPECT_EQ(server.Send(*client, "DESCRIBE", "", credentials + response + "\"\r\n").status, 200);
   // One hex digit off (the nonce, and with it the right digest, differs
   // from run to run: the wrong one must differ from it in every run).
@@ -272,34 +240,26 @@ TEST(CoreTest, PlayStartsAtTheKeyFrameWithReportsFirst) {
     if (both) {
       ASSERT_EQ(server.Setup(*client, 1, "2-3", session), session);
     }
-    const Reply play = server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+    const Reply play = server.In(*client, "PLAY", session);
     ASSERT_EQ(play.status, 200);
     EXPECT_EQ(play.Header("Range"), "npt=0.000-");
     std::vector<RtpInfoEntry> info;
     ASSERT_TRUE(ParseRtpInfo(play.Header("RTP-Info"), info));
     ASSERT_EQ(info.size(), both ? 2u : 1u);
-    EXPECT_EQ(info[0].url, std::string(FakeRtspCore::kUrl) + "/trackID=0");
+    EXPECT_EQ(info[0].url, kT0);
     server.Feed(15, 3);
     const std::vector<Written> frames = Frames(*client);
     EXPECT_EQ(Channels(frames), both ? (std::set<int>{0, 1, 2, 3}) : (std::set<int>{0, 1}));
-    for (const int media : {0, 2}) {
-      const auto first = std::find_if(frames.begin(), frames.end(),
-                                      [media](const Written& f) { return f.channel == media; });
-      if (first == frames.end()) {
-        continue;
-      }
-      const auto report = std::find_if(frames.begin(), frames.end(), [media](const Written& f) {
-        return f.channel == media + 1;
-      });
-      EXPECT_LT(report - frames.begin(), first - frames.begin()) << "channel " << media;
+    for (int track = 0; track < static_cast<int>(info.size()); ++track) {
+      const Written* media = First(frames, 2 * track);
+      const Written* report = First(frames, 2 * track + 1);
+      ASSERT_TRUE(media && report) << "track " << track;
+      EXPECT_LT(report, media) << "track " << track;
       EXPECT_TRUE(IsSenderReport(report->bytes));
-      EXPECT_EQ(SeqOf(first->bytes), info[media / 2].seq) << "channel " << media;
-      EXPECT_EQ(RtpTimeOf(first->bytes), info[media / 2].rtptime) << "channel " << media;
+      EXPECT_EQ(SeqOf(media->bytes), info[track].seq) << "track " << track;
+      EXPECT_EQ(RtpTimeOf(media->bytes), info[track].rtptime) << "track " << track;
     }
-    // The key frame's STAP-A (SPS and PPS) comes first.
-    const auto video =
-        std::find_if(frames.begin(), frames.end(), [](const Written& f) { return f.channel == 0; });
-    EXPECT_EQ(static_cast<uint8_t>(video->bytes[12]) & 0x1F, 24);
+    EXPECT_TRUE(IsStapA(First(frames, 0)->bytes));
   }
 }
 
@@ -308,8 +268,7 @@ TEST(CoreTest, PlayStartsAtTheKeyFrameWithReportsFirst) {
 TEST(CoreTest, EarlyViewerGetsTheReportBeforeTheFirstPacket) {
   FakeRtspCore server;
   auto client = server.Connect();
-  const std::string session = server.Setup(*client, 0, "0-1");
-  const Reply play = server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+  const Reply play = server.In(*client, "PLAY", server.Setup(*client, 0, "0-1"));
   EXPECT_EQ(play.Header("RTP-Info"), "");  // nothing to name yet
   EXPECT_EQ(server.key_frame_requests().size(), 1u) << "no key frame held: one is asked for";
   server.Feed(0, 2);
@@ -319,25 +278,35 @@ TEST(CoreTest, EarlyViewerGetsTheReportBeforeTheFirstPacket) {
   EXPECT_TRUE(IsSenderReport(frames[0].bytes));
 }
 
-// Records posted together (the sinker posts what it found queued on one
-// pass) reach a TCP client in one write.
-TEST(CoreTest, RecordsPostedTogetherShareOneWrite) {
+// Each record is packetized once whatever the number of viewers, and records
+// posted together (the sinker posts what it found queued on one pass) reach
+// each TCP viewer in one write. A record's delays are counted once every
+// viewer wrote it: from its posting (every record), and from its frame's
+// push (records that carry the push time).
+TEST(CoreTest, RecordsArePacketizedOnceWrittenTogetherAndTheirDelaysCounted) {
   FakeRtspCore server;
   server.Feed(0, 1);
-  auto client = server.Connect();
-  const std::string session = server.Setup(*client, 0, "0-1");
-  server.Setup(*client, 1, "2-3", session);
-  server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
-  const int writes = client->media_writes;
+  auto a = server.Connect(50000), b = server.Connect(50002);
+  server.Play(*a, "0-1", "2-3");
+  server.Play(*b, "0-1", "2-3");
+  const QZRtspStreamStats before = server.stream().Stats();
+  const size_t a_frames = Frames(*a).size(), b_frames = Frames(*b).size();
+  const int a_writes = a->media_writes, b_writes = b->media_writes;
   for (int i = 1; i < 6; ++i) {
-    server.PostVideo(i, false);
+    server.PostVideo(i, false, i == 1 ? server.clock().SteadyUs() - 5000 : 0);
     server.PostAudio(i);
   }
   server.Drain();
-  EXPECT_EQ(client->media_writes, writes + 1);
-  EXPECT_EQ(FramesSince(*client, 0).size(), Frames(*client).size());
-  EXPECT_EQ(server.stream().Stats().tcp_writes,
-            static_cast<unsigned long long>(client->media_writes));
+  const QZRtspStreamStats after = server.stream().Stats();
+  EXPECT_EQ(after.rtp_packets_built - before.rtp_packets_built, 10u);
+  EXPECT_EQ(Frames(*a).size() - a_frames, 10u);
+  EXPECT_EQ(Frames(*b).size() - b_frames, 10u);
+  EXPECT_EQ(a->media_writes, a_writes + 1);
+  EXPECT_EQ(b->media_writes, b_writes + 1);
+  EXPECT_EQ(after.tcp_writes, static_cast<unsigned long long>(a->media_writes + b->media_writes));
+  EXPECT_EQ(after.write_delay.samples - before.write_delay.samples, 10u);
+  EXPECT_EQ(after.push_delay.samples - before.push_delay.samples, 1u);
+  EXPECT_GE(after.push_delay.p50_us, 5000);
 }
 
 TEST(CoreTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
@@ -347,8 +316,7 @@ TEST(CoreTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
   server.Feed(0, 5);
   auto a = server.Connect(50000), b = server.Connect(50002);
   for (auto* c : {a.get(), b.get()}) {
-    const std::string s = server.Setup(*c, 0, "0-1");
-    EXPECT_EQ(server.Send(*c, "PLAY", "", "Session: " + s + "\r\n").Header("RTP-Info"), "");
+    EXPECT_EQ(server.In(*c, "PLAY", server.Setup(*c, 0, "0-1")).Header("RTP-Info"), "");
   }
   EXPECT_EQ(server.key_frame_requests(), std::vector<std::string>{"live"})
       << "two joins within a second: one request, made in a turn of its own";
@@ -358,15 +326,12 @@ TEST(CoreTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
   }
   server.Feed(9, 2);  // frame 10 is a key frame
   const std::vector<Written> frames = Frames(*a);
-  ASSERT_FALSE(frames.empty());
-  const auto first =
-      std::find_if(frames.begin(), frames.end(), [](const Written& f) { return f.channel == 0; });
-  ASSERT_NE(first, frames.end());
-  EXPECT_EQ(static_cast<uint8_t>(first->bytes[12]) & 0x1F, 24);
+  ASSERT_NE(First(frames, 0), nullptr);
+  EXPECT_TRUE(IsStapA(First(frames, 0)->bytes));
   // A join a second later asks again.
   server.clock().AdvanceMs(1000);
   auto c = server.Connect(50004);
-  server.Send(*c, "PLAY", "", "Session: " + server.Setup(*c, 0, "0-1") + "\r\n");
+  server.Play(*c, "0-1");
   server.Drain();
   EXPECT_EQ(server.key_frame_requests().size(), 2u);
 }
@@ -375,8 +340,7 @@ TEST(CoreTest, UdpViewerGetsMediaOnItsPortsAndReportsOnTheRtcpPort) {
   FakeRtspCore server;
   server.Feed(0, 3);
   auto client = server.Connect(50000, "192.0.2.9");
-  const std::string session = server.Setup(*client, 0, "udp:7000");
-  server.Send(*client, "PLAY", "", "Session: " + session + "\r\n");
+  server.Play(*client, "udp:7000");
   server.Feed(3, 2);
   const auto& sent = server.udp().sent;
   ASSERT_GT(sent.size(), 3u);
@@ -396,9 +360,9 @@ TEST(CoreTest, SessionOfAnotherConnectionIsUnknown) {
   FakeRtspCore server;
   auto a = server.Connect(50000), b = server.Connect(50002);
   const std::string session = server.Setup(*a, 0, "0-1");
-  ASSERT_EQ(server.Send(*a, "PLAY", "", "Session: " + session + "\r\n").status, 200);
+  ASSERT_EQ(server.In(*a, "PLAY", session).status, 200);
   for (const char* method : {"PAUSE", "TEARDOWN", "PLAY"}) {
-    EXPECT_EQ(server.Send(*b, method, "", "Session: " + session + "\r\n").status, 454) << method;
+    EXPECT_EQ(server.In(*b, method, session).status, 454) << method;
   }
   server.Feed(0, 2);
   EXPECT_FALSE(Frames(*a).empty());
@@ -413,83 +377,49 @@ TEST(CoreTest, TracksComeAndGoWithinAPlayingSession) {
   auto c = server.Connect();
   const std::string session = server.Setup(*c, 0, "0-1");
   // Channels taken on this connection: the track's own pair instead.
-  const Reply audio =
-      server.Send(*c, "SETUP", "/trackID=1",
-                  "Transport: RTP/AVP/TCP;interleaved=0-1\r\nSession: " + session + "\r\n");
-  EXPECT_NE(audio.Header("Transport").find("interleaved=2-3"), std::string::npos);
-  server.Send(*c, "PLAY", "", "Session: " + session + "\r\n");
+  EXPECT_THAT(server.SetupReply(*c, 1, "0-1", session).Header("Transport"),
+              HasSubstr("interleaved=2-3"));
+  server.In(*c, "PLAY", session);
   server.Feed(1, 2);
   EXPECT_EQ(Channels(Frames(*c)), (std::set<int>{0, 1, 2, 3}));
 
-  ASSERT_EQ(server.Send(*c, "TEARDOWN", "/trackID=1", "Session: " + session + "\r\n").status, 200);
+  ASSERT_EQ(server.In(*c, "TEARDOWN", session, "/trackID=1").status, 200);
   size_t mark = c->written.size();
   server.Feed(3, 2);
-  EXPECT_EQ(Channels(FramesSince(*c, mark)), (std::set<int>{0}));  // video plays on, no audio
+  EXPECT_EQ(Channels(Frames(*c, mark)), (std::set<int>{0}));  // video plays on, no audio
 
-  const Reply again =
-      server.Send(*c, "SETUP", "/trackID=1",
-                  "Transport: RTP/AVP/TCP;interleaved=6-7\r\nSession: " + session + "\r\n");
-  EXPECT_NE(again.Header("Transport").find("interleaved=6-7"), std::string::npos);
+  EXPECT_THAT(server.SetupReply(*c, 1, "6-7", session).Header("Transport"),
+              HasSubstr("interleaved=6-7"));
   mark = c->written.size();
   server.Feed(5, 2);
-  EXPECT_EQ(Channels(FramesSince(*c, mark)), (std::set<int>{0}));  // not before PLAY
+  EXPECT_EQ(Channels(Frames(*c, mark)), (std::set<int>{0}));  // not before PLAY
   mark = c->written.size();
-  const Reply play = server.Send(*c, "PLAY", "", "Session: " + session + "\r\n");
+  const Reply play = server.In(*c, "PLAY", session);
   std::vector<RtpInfoEntry> info;
   ASSERT_TRUE(ParseRtpInfo(play.Header("RTP-Info"), info));
   ASSERT_EQ(info.size(), 1u);  // the added track only: it starts at its next packet
-  EXPECT_EQ(info[0].url, std::string(FakeRtspCore::kUrl) + "/trackID=1");
+  EXPECT_EQ(info[0].url, kU + "/trackID=1");
   EXPECT_EQ(info[0].seq, server.stream().NextSeq(1));
   server.Feed(7, 2);
-  const std::vector<Written> after = FramesSince(*c, mark);
-  EXPECT_EQ(Channels(after), (std::set<int>{0, 6, 7}));
-  const auto first_audio =
-      std::find_if(after.begin(), after.end(), [](const Written& f) { return f.channel == 6; });
-  EXPECT_EQ(SeqOf(first_audio->bytes), info[0].seq);
+  const std::vector<Written> after = Frames(*c, mark);
+  ASSERT_EQ(Channels(after), (std::set<int>{0, 6, 7}));
+  EXPECT_EQ(SeqOf(First(after, 6)->bytes), info[0].seq);
 
   // A second session on the connection asks for video's channels: it gets a
   // free pair and its own copy of the video there, RTP behind a header of
   // its own.
-  const Reply second =
-      server.Send(*c, "SETUP", "/trackID=0", "Transport: RTP/AVP/TCP;interleaved=0-1\r\n");
-  EXPECT_NE(second.Header("Transport").find("interleaved=2-3"), std::string::npos);
+  const Reply second = server.SetupReply(*c, 0, "0-1");
+  EXPECT_THAT(second.Header("Transport"), HasSubstr("interleaved=2-3"));
   mark = c->written.size();
-  server.Send(*c, "PLAY", "", "Session: " + second.Header("Session").substr(0, 16) + "\r\n");
+  server.In(*c, "PLAY", second.Header("Session").substr(0, 16));
   server.Feed(9, 2);
-  const std::vector<Written> both = FramesSince(*c, mark);
+  const std::vector<Written> both = Frames(*c, mark);
   EXPECT_EQ(Channels(both), (std::set<int>{0, 2, 3, 6}));
   for (const Written& f : both) {
     if (f.channel == 2) {
       EXPECT_EQ(static_cast<uint8_t>(f.bytes[0]) >> 6, 2);
     }
   }
-}
-
-// Each record is packetized once whatever the number of viewers, and its
-// delays are counted once every viewer wrote it: from its posting (every
-// record), and from its frame's push (records that carry the push time).
-TEST(CoreTest, RecordsArePacketizedOnceAndTheirDelaysCounted) {
-  FakeRtspCore server;
-  server.Feed(0, 1);
-  auto a = server.Connect(50000), b = server.Connect(50002);
-  for (auto* c : {a.get(), b.get()}) {
-    const std::string s = server.Setup(*c, 0, "0-1");
-    server.Setup(*c, 1, "2-3", s);
-    server.Send(*c, "PLAY", "", "Session: " + s + "\r\n");
-  }
-  const QZRtspStreamStats before = server.stream().Stats();
-  const size_t a_before = Frames(*a).size(), b_before = Frames(*b).size();
-  server.PostVideo(1, false, server.clock().SteadyUs() - 5000);
-  server.PostAudio(1);
-  server.Drain();
-  const QZRtspStreamStats after = server.stream().Stats();
-  const size_t built = after.rtp_packets_built - before.rtp_packets_built;
-  EXPECT_EQ(built, 2u);
-  EXPECT_EQ(Frames(*a).size() - a_before, built);
-  EXPECT_EQ(Frames(*b).size() - b_before, built);
-  EXPECT_EQ(after.write_delay.samples - before.write_delay.samples, 2u);
-  EXPECT_EQ(after.push_delay.samples - before.push_delay.samples, 1u);
-  EXPECT_GE(after.push_delay.p50_us, 5000);
 }
 
 // A session nothing is heard of expires alone: the connection and its other
@@ -499,23 +429,18 @@ TEST(CoreTest, SilentSessionExpiresAloneNotItsConnection) {
   options.session_timeout_s = 2;
   FakeRtspCore server(options);
   auto c = server.Connect();
-  const std::string silent = server.Setup(*c, 0, "udp:7000");
-  const std::string renewed = server.Setup(*c, 0, "udp:7010");
-  const std::string kept = server.Setup(*c, 0, "0-1");
-  for (const std::string& s : {silent, renewed, kept}) {
-    server.Send(*c, "PLAY", "", "Session: " + s + "\r\n");
-  }
-  const asio::ip::udp::endpoint from(asio::ip::make_address("127.0.0.1"), 7011);
+  const std::string silent = server.Play(*c, "udp:7000");
+  const std::string renewed = server.Play(*c, "udp:7010");
+  const std::string kept = server.Play(*c, "0-1");
   for (int i = 0; i < 5; ++i) {
     server.Feed(i * 50, 50);  // half a second of media, TCP written
-    server.core().table().OnUdpPacket(from, reinterpret_cast<const uint8_t*>("\0\0\0\0"), 4,
-                                      server.core().NowMs(), 0);
-    server.core().Tick(server.core().NowMs());
+    server.FromUdp(7011, {0, 0, 0, 0});
+    server.Tick();
   }
-  EXPECT_EQ(server.core().table().count(), 2);
-  EXPECT_EQ(server.Send(*c, "GET_PARAMETER", "", "Session: " + silent + "\r\n").status, 454);
-  EXPECT_EQ(server.Send(*c, "GET_PARAMETER", "", "Session: " + renewed + "\r\n").status, 200);
-  EXPECT_EQ(server.Send(*c, "GET_PARAMETER", "", "Session: " + kept + "\r\n").status, 200);
+  EXPECT_EQ(server.table().count(), 2);
+  EXPECT_EQ(server.In(*c, "GET_PARAMETER", silent).status, 454);
+  EXPECT_EQ(server.In(*c, "GET_PARAMETER", renewed).status, 200);
+  EXPECT_EQ(server.In(*c, "GET_PARAMETER", kept).status, 200);
   EXPECT_FALSE(c->closed());
 }
 
@@ -526,13 +451,11 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   FakeRtspCore server;
   server.Feed(0, 3);
   auto a = server.Connect(50000), b = server.Connect(50002);
-  const std::string sa = server.Setup(*a, 0, "udp:7000");
-  const std::string sb = server.Setup(*b, 0, "udp:7002");
+  const std::string sa = server.Play(*a, "udp:7000");
+  const std::string sb = server.Play(*b, "udp:7002");
   // Another host whose player uses the same ports as b.
   auto c = server.Connect(50006, "192.0.2.9");
   const std::string sc = server.Setup(*c, 0, "udp:7002");
-  server.Send(*a, "PLAY", "", "Session: " + sa + "\r\n");
-  server.Send(*b, "PLAY", "", "Session: " + sb + "\r\n");
   const uint32_t ssrc = server.stream().TrackSsrc(0);
   // A receiver report (RFC 3550 6.4.2) about our video: 64/256 lost, 900
   // in total, jitter 4500 (50 ms at 90 kHz), echoing a sender report sent
@@ -541,14 +464,13 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   const uint32_t lsr = arrival - 150 * 65536 / 1000;
   const uint32_t dlsr = 100 * 65536 / 1000;
   const std::vector<uint8_t> rr = qz_test::ReceiverReport(ssrc, 64, 900, 4500, lsr, dlsr);
-  RtspSessionTable& table = server.core().table();
-  const auto at = [](int port) {
-    return asio::ip::udp::endpoint(asio::ip::make_address("::ffff:127.0.0.1"), port);
+  // As a dual-stack socket gives the sender's address.
+  const auto from = [&](int port, const std::vector<uint8_t>& bytes) {
+    return server.FromUdp(port, bytes, arrival, "::ffff:127.0.0.1");
   };
-  const long long now = server.core().NowMs();
-  EXPECT_FALSE(table.OnUdpPacket(at(7004), rr.data(), rr.size(), now, arrival))
-      << "nobody sends from there";
-  EXPECT_TRUE(table.OnUdpPacket(at(7003), rr.data(), rr.size(), now, arrival));
+  EXPECT_FALSE(from(7004, rr)) << "nobody sends from there";
+  EXPECT_TRUE(from(7003, rr));
+  RtspSessionTable& table = server.table();
   const RtspReception& got = table.Find(sb)->reception();
   EXPECT_EQ(got.reports, 1u);
   EXPECT_DOUBLE_EQ(got.fraction_lost, 0.25);
@@ -557,7 +479,7 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   EXPECT_NEAR(got.rtt_ms, 50, 0.1);
   EXPECT_EQ(table.Find(sa)->reception().reports, 0u);
   EXPECT_EQ(table.Find(sc)->reception().reports, 0u);
-  server.core().Tick(now);
+  server.Tick();
   const std::vector<QZRtspSessionStats> stats = server.core().SessionStats();
   ASSERT_EQ(stats.size(), 3u);
   for (const QZRtspSessionStats& s : stats) {
@@ -566,16 +488,16 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   }
   // RR then BYE in one compound packet, from a's RTCP port.
   const std::vector<uint8_t> bye = qz_test::ReceiverReport(ssrc, 0, 0, 0, 0, 0, true);
-  EXPECT_TRUE(table.OnUdpPacket(at(7001), bye.data(), bye.size(), now, arrival));
+  EXPECT_TRUE(from(7001, bye));
   EXPECT_EQ(table.Find(sa), nullptr);
   EXPECT_NE(table.Find(sb), nullptr);
   EXPECT_TRUE(a->sessions().empty());
-  EXPECT_FALSE(table.OnUdpPacket(at(7001), bye.data(), bye.size(), now, arrival)) << "routes gone";
+  EXPECT_FALSE(from(7001, bye)) << "routes gone";
   // Over TCP the reports arrive on the RTCP channel.
   auto t = server.Connect(50004);
   const std::string st = server.Setup(*t, 0, "4-5");
-  table.OnInterleaved(*t, 5, std::string(rr.begin(), rr.end()), now, arrival);
-  table.OnInterleaved(*t, 9, std::string(rr.begin(), rr.end()), now, arrival);
+  server.FromTcp(*t, 5, rr, arrival);
+  server.FromTcp(*t, 9, rr, arrival);
   EXPECT_EQ(table.Find(st)->reception().reports, 1u);
 }
 
@@ -585,29 +507,22 @@ TEST(CoreTest, ClientThatStopsReadingHarmsNobody) {
   FakeRtspCore server;
   server.Feed(0, 1);
   auto stalled = server.Connect(50000), viewer = server.Connect(50002);
-  for (auto* c : {stalled.get(), viewer.get()}) {
-    server.Send(*c, "PLAY", "", "Session: " + server.Setup(*c, 0, "0-1") + "\r\n");
-  }
+  server.Play(*stalled, "0-1");
+  server.Play(*viewer, "0-1");
   stalled->stalled = true;
   const size_t mark = stalled->written.size();
   server.Feed(1, 600);  // six seconds: past the ring's age limit
   EXPECT_GT(Frames(*viewer).size(), 600u);
   stalled->stalled = false;
   stalled->KickWrite();
-  const std::vector<Written> resumed = FramesSince(*stalled, mark);
+  const std::vector<Written> resumed = Frames(*stalled, mark);
   ASSERT_FALSE(resumed.empty());
-  EXPECT_EQ(static_cast<uint8_t>(resumed[0].bytes[12]) & 0x1F, 24) << "resumes at a key frame";
+  EXPECT_TRUE(IsStapA(resumed[0].bytes)) << "resumes at a key frame";
   EXPECT_GT(server.totals().delivery.Drops().slow_reader, 0u);
-  EXPECT_EQ(server.core().table().count(), 2);
+  EXPECT_EQ(server.table().count(), 2);
 }
 
 // ---- what a hostile neighbour on the same network can no longer do --------------
-
-std::string Play(FakeRtspCore& server, FakeClient& c, const std::string& transport) {
-  const std::string session = server.Setup(c, 0, transport);
-  server.Send(c, "PLAY", "", "Session: " + session + "\r\n");
-  return session;
-}
 
 // A full table makes room by closing the oldest connection that plays
 // nothing; one address cannot hold more than its share, so 64 hostile
@@ -621,40 +536,29 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
   using A = RtspServerCore::Admission;
   const struct {
     const char* name;
-    std::vector<const char*> open;  // address, "+" in front: it plays
+    const char* open;  // addresses, "+" in front: it plays
     const char* from;
     A want;
     int evicted;  // index into `open`, -1: none
   } cases[] = {
-      {"room", {"10.0.0.1", "10.0.0.2", "+10.0.0.3"}, "10.0.0.4", A::kAdmit, -1},
-      {"full_oldest_idle_goes",
-       {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"},
-       "10.0.0.5",
-       A::kEvict,
-       0},
-      {"players_stay",
-       {"+10.0.0.1", "10.0.0.2", "+10.0.0.3", "10.0.0.4"},
-       "10.0.0.5",
-       A::kEvict,
-       1},
-      {"full_of_players",
-       {"+10.0.0.1", "+10.0.0.2", "+10.0.0.3", "+10.0.0.4"},
-       "10.0.0.5",
-       A::kRefuse,
-       -1},
-      {"address_share", {"10.0.0.1", "10.0.0.1"}, "10.0.0.1", A::kRefuse, -1},
-      {"address_share_v4_mapped", {"10.0.0.1", "10.0.0.1"}, "::ffff:10.0.0.1", A::kRefuse, -1},
-      {"other_address", {"10.0.0.1", "10.0.0.1"}, "10.0.0.2", A::kAdmit, -1},
+      {"room", "10.0.0.1 10.0.0.2 +10.0.0.3", "10.0.0.4", A::kAdmit, -1},
+      {"full_oldest_idle_goes", "10.0.0.1 10.0.0.2 10.0.0.3 10.0.0.4", "10.0.0.5", A::kEvict, 0},
+      {"players_stay", "+10.0.0.1 10.0.0.2 +10.0.0.3 10.0.0.4", "10.0.0.5", A::kEvict, 1},
+      {"full_of_players", "+10.0.0.1 +10.0.0.2 +10.0.0.3 +10.0.0.4", "10.0.0.5", A::kRefuse, -1},
+      {"address_share", "10.0.0.1 10.0.0.1", "10.0.0.1", A::kRefuse, -1},
+      {"address_share_v4_mapped", "10.0.0.1 10.0.0.1", "::ffff:10.0.0.1", A::kRefuse, -1},
+      {"other_address", "10.0.0.1 10.0.0.1", "10.0.0.2", A::kAdmit, -1},
   };
   for (const auto& c : cases) {
     std::vector<std::shared_ptr<FakeClient>> clients;
     std::vector<RtspClient*> open;
-    for (const char* address : c.open) {
+    std::istringstream addresses(c.open);
+    for (std::string address; addresses >> address;) {
       const bool plays = address[0] == '+';
-      clients.push_back(server.Connect(50000, address + (plays ? 1 : 0)));
+      clients.push_back(server.Connect(50000, address.substr(plays ? 1 : 0)));
       clients.back()->accepted_ms = static_cast<long long>(clients.size()) * 1000;
       if (plays) {
-        Play(server, *clients.back(), "0-1");
+        server.Play(*clients.back(), "0-1");
       }
       open.push_back(clients.back().get());
     }
@@ -685,10 +589,10 @@ TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
   for (int s = 1; s <= 31; ++s) {
     server.AdvanceMs(1000);
     server.Send(*chatty, "OPTIONS");
-    server.Send(*chatty, "PLAY", "", "Session: 0123456789ABCDEF\r\n");  // 454
+    server.In(*chatty, "PLAY", "0123456789ABCDEF");  // 454
     if (s == 5) {
-      session = Play(server, *viewer, "0-1");
-      Play(server, *stuck, "0-1");
+      session = server.Play(*viewer, "0-1");
+      server.Play(*stuck, "0-1");
       stuck->stalled = true;
       stuck->write_blocked_since_ms = server.core().NowMs();
     }
@@ -698,13 +602,12 @@ TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
     EXPECT_EQ(overdue(*chatty), s <= 30 ? "" : "no session") << s;
     EXPECT_EQ(overdue(*viewer), "") << s;
   }
-  server.Send(*viewer, "TEARDOWN", "", "Session: " + session + "\r\n");
+  server.In(*viewer, "TEARDOWN", session);
   EXPECT_EQ(overdue(*viewer), "");
   const std::vector<uint8_t> rr = qz_test::ReceiverReport(server.stream().TrackSsrc(0), 0, 0, 0);
   for (int s = 32; s <= 66; ++s) {
     server.AdvanceMs(1000);
-    server.core().table().OnInterleaved(*stuck, 1, std::string(rr.begin(), rr.end()),
-                                        server.core().NowMs(), 0);
+    server.FromTcp(*stuck, 1, rr);
   }
   EXPECT_EQ(overdue(*viewer), "no session");
   EXPECT_EQ(overdue(*stuck), "not reading");
@@ -723,33 +626,28 @@ TEST(CoreTest, UdpMediaStopsWhenTheClientsPortsStaySilent) {
   server.Feed(0, 1);
   auto silent = server.Connect(50000), looping = server.Connect(50002),
        reporting = server.Connect(50004), pausing = server.Connect(50006);
-  const std::string s_silent = Play(server, *silent, "udp:7000");
-  const std::string s_looping = Play(server, *looping, "udp:7002");
-  const std::string s_reporting = Play(server, *reporting, "udp:7004");
-  const std::string s_pausing = Play(server, *pausing, "udp:7006");
+  const std::string s_silent = server.Play(*silent, "udp:7000");
+  const std::string s_looping = server.Play(*looping, "udp:7002");
+  const std::string s_reporting = server.Play(*reporting, "udp:7004");
+  const std::string s_pausing = server.Play(*pausing, "udp:7006");
   const std::vector<uint8_t> rr = qz_test::ReceiverReport(server.stream().TrackSsrc(0), 0, 0, 0);
-  const auto report = [&](int port) {
-    server.core().table().OnUdpPacket(
-        asio::ip::udp::endpoint(asio::ip::make_address("127.0.0.1"), port), rr.data(), rr.size(),
-        server.core().NowMs(), 0);
-  };
-  report(7007);
-  server.Send(*pausing, "PAUSE", "", "Session: " + s_pausing + "\r\n");
+  server.FromUdp(7007, rr);
+  server.In(*pausing, "PAUSE", s_pausing);
   for (int s = 1; s <= 45; ++s) {
     server.Feed(s * 100, 100);
     if (s % 5 == 0) {
-      server.Send(*looping, "PAUSE", "", "Session: " + s_looping + "\r\n");
-      server.Send(*looping, "PLAY", "", "Session: " + s_looping + "\r\n");
-      report(7005);
+      server.In(*looping, "PAUSE", s_looping);
+      server.In(*looping, "PLAY", s_looping);
+      server.FromUdp(7005, rr);
       if (s >= 35) {
-        report(7007);
+        server.FromUdp(7007, rr);
       }
     }
     if (s == 34) {
-      server.Send(*pausing, "PLAY", "", "Session: " + s_pausing + "\r\n");
+      server.In(*pausing, "PLAY", s_pausing);
     }
-    server.core().Tick(server.core().NowMs());
-    const RtspSessionTable& table = server.core().table();
+    server.Tick();
+    const RtspSessionTable& table = server.table();
     EXPECT_EQ(table.Find(s_silent) != nullptr, s <= 20) << s;
     EXPECT_EQ(table.Find(s_looping) != nullptr, s <= 20) << s;
     EXPECT_NE(table.Find(s_reporting), nullptr) << s;
@@ -765,12 +663,12 @@ TEST(CoreTest, PauseFinishesThePictureBeingSentBeforeItsAnswer) {
   server.Feed(0, 1);  // a key frame: parameter sets, then the picture in three packets
   auto c = server.Connect();
   c->stalled = true;
-  const std::string session = Play(server, *c, "0-1");
-  RtspSession& s = *server.core().table().Find(session);
+  const std::string session = server.Play(*c, "0-1");
+  RtspSession& s = *server.table().Find(session);
   s.read_index = server.stream().last_key_index() + 1;  // its first packet went out
   c->stalled = false;
   const size_t mark = c->written.size();
-  server.Send(*c, "PAUSE", "", "Session: " + session + "\r\n");
+  server.In(*c, "PAUSE", session);
   server.Feed(1, 5);
   std::string order;  // v: video, a: the answer
   const Written* last_video = nullptr;
@@ -790,23 +688,19 @@ TEST(CoreTest, CatchUpIsPacedAndPausePlayLoopsGetLessThanThreeTimesTheRate) {
   FakeRtspCore server;
   server.Feed(0, 1);
   auto steady = server.Connect(50004);  // live from the start: what the stream carries
-  const std::string s_steady = server.Setup(*steady, 0, "udp:7010");
-  server.Setup(*steady, 1, "udp:7012", s_steady);
-  server.Send(*steady, "PLAY", "", "Session: " + s_steady + "\r\n");
-  const RtspSession& live = *server.core().table().Find(s_steady);
+  const RtspSession& live = *server.table().Find(server.Play(*steady, "udp:7010", "udp:7012"));
   server.Feed(1, 299, /*gop=*/200);  // 3 s: a measured rate and 1 s of cached pictures
   auto joiner = server.Connect(50000), looper = server.Connect(50002);
-  const std::string s_joiner = Play(server, *joiner, "0-1");
-  const std::string s_looper = Play(server, *looper, "udp:7000");
-  const RtspSession& joining = *server.core().table().Find(s_joiner);
-  const RtspSession& looping = *server.core().table().Find(s_looper);
+  const RtspSession& joining = *server.table().Find(server.Play(*joiner, "0-1"));
+  const std::string s_looper = server.Play(*looper, "udp:7000");
+  const RtspSession& looping = *server.table().Find(s_looper);
   const uint64_t behind = server.stream().end_index() - joining.read_index;
   EXPECT_GT(behind, 20u) << "a second of cached pictures is more than one burst";
   const unsigned long long stream_before = live.bytes_sent;
   for (int i = 0; i < 100; ++i) {  // ten seconds
     server.Feed(300 + i * 10, 10, /*gop=*/200);
-    server.Send(*looper, "PAUSE", "", "Session: " + s_looper + "\r\n");
-    server.Send(*looper, "PLAY", "", "Session: " + s_looper + "\r\n");
+    server.In(*looper, "PAUSE", s_looper);
+    server.In(*looper, "PLAY", s_looper);
     if (i == 20) {
       EXPECT_EQ(joining.read_index, server.stream().end_index()) << "caught up within 2 s";
     }

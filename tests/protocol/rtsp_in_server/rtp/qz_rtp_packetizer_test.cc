@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtp_aac.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtp_g711.h"
@@ -23,6 +24,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using qz_test::PacketData;
+using ::testing::HasSubstr;
 using Units = std::list<std::shared_ptr<QZRtspPacketData>>;
 const size_t kMax = 1400;
 
@@ -209,17 +211,15 @@ TEST(SdpTest, DescribesEachCodec) {
   d.pps = {0x44, 0x01};
   d.audio_codec = QZ_MEDIA_CODEC_ID_PCMU;  // no audio info: 8000 Hz mono, static type 0
   sdp = BuildSdp(d, "::1", 1);
-  EXPECT_NE(sdp.find("o=- 1 1 IN IP6 ::1\r\n"), std::string::npos);
-  EXPECT_NE(
-      sdp.find(
-          "a=rtpmap:96 H265/90000\r\na=fmtp:96 sprop-vps=QAE=;sprop-sps=QgE=;sprop-pps=RAE=\r\n"),
-      std::string::npos);
-  EXPECT_NE(sdp.find("m=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"), std::string::npos);
+  EXPECT_THAT(sdp, HasSubstr("o=- 1 1 IN IP6 ::1\r\n"));
+  EXPECT_THAT(sdp, HasSubstr("a=rtpmap:96 H265/90000\r\n"
+                             "a=fmtp:96 sprop-vps=QAE=;sprop-sps=QgE=;sprop-pps=RAE=\r\n"));
+  EXPECT_THAT(sdp, HasSubstr("m=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"));
   d.audio_codec = QZ_MEDIA_CODEC_ID_PCMA;
   d.sample_rate = 16000;
   d.channels = 2;
   sdp = BuildSdp(d, "::1", 1);
-  EXPECT_NE(sdp.find("m=audio 0 RTP/AVP 97\r\na=rtpmap:97 PCMA/16000/2\r\n"), std::string::npos);
+  EXPECT_THAT(sdp, HasSubstr("m=audio 0 RTP/AVP 97\r\na=rtpmap:97 PCMA/16000/2\r\n"));
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
 
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -61,6 +63,31 @@ struct Answer {
   std::string realm = "qz";
 };
 
+// The right answer to `nonce`, changed by `edits`: "field=value" words;
+// "qop" is qop=auth with nc 00000001, "md5-sess" and "sha256" the algorithm
+// the response is computed with.
+Answer Edited(const std::string& nonce, const std::string& edits = "") {
+  static const std::map<std::string, std::string Answer::*> fields = {
+      {"password", &Answer::password}, {"user", &Answer::user},
+      {"uri", &Answer::uri},           {"nc", &Answer::nc},
+      {"label", &Answer::label},       {"realm", &Answer::realm}};
+  Answer a;
+  a.nonce = nonce;
+  std::istringstream in(edits);
+  for (std::string word; in >> word;) {
+    const size_t eq = word.find('=');
+    if (word == "qop") {
+      a.qop = "auth";
+      a.nc = "00000001";
+    } else if (eq == std::string::npos) {
+      a.computed = word == "sha256" ? Algorithm::kSha256 : Algorithm::kMd5Sess;
+    } else {
+      a.*fields.at(word.substr(0, eq)) = word.substr(eq + 1);
+    }
+  }
+  return a;
+}
+
 std::string Header(const Answer& a) {
   const std::string cnonce = "0a4f113b";
   std::string h =
@@ -104,12 +131,7 @@ TEST(RtspAuthTest, Check) {
   RtspAuthState rechallenged = a;
   EXPECT_EQ(NonceOf(digest.Challenges(rechallenged, 1000 + 30000, false)[0]), nonce);
   EXPECT_NE(NonceOf(digest.Challenges(rechallenged, 1000 + 30001, false)[0]), nonce);
-  const auto with = [&](void (*edit)(Answer&)) {
-    Answer answer;
-    answer.nonce = nonce;
-    edit(answer);
-    return Header(answer);
-  };
+  const auto with = [&nonce](const std::string& edits) { return Header(Edited(nonce, edits)); };
   const struct {
     const char* name;
     RtspAuthenticator& auth;
@@ -119,62 +141,29 @@ TEST(RtspAuthTest, Check) {
     Verdict want;
     std::string request_uri = kTrack0;
   } cases[] = {
-      {"rfc2069_form", digest, a, with([](Answer&) {}), 2000, Verdict::kOk},
-      {"qop_auth", digest, a, with([](Answer& x) {
-         x.qop = "auth";
-         x.nc = "00000001";
-       }),
-       2000, Verdict::kOk},
-      {"md5_sess", digest, a, with([](Answer& x) {
-         x.qop = "auth";
-         x.nc = "00000001";
-         x.computed = Algorithm::kMd5Sess;
-         x.label = "MD5-sess";
-       }),
-       2000, Verdict::kOk},
-      {"sha256", digest, a, with([](Answer& x) {
-         x.qop = "auth";
-         x.nc = "00000001";
-         x.computed = Algorithm::kSha256;
-         x.label = "SHA-256";
-       }),
-       2000, Verdict::kOk},
-      {"md5_labelled_sha256", digest, a, with([](Answer& x) { x.label = "SHA-256"; }), 2000,
+      {"rfc2069_form", digest, a, with(""), 2000, Verdict::kOk},
+      {"qop_auth", digest, a, with("qop"), 2000, Verdict::kOk},
+      {"md5_sess", digest, a, with("qop md5-sess label=MD5-sess"), 2000, Verdict::kOk},
+      {"sha256", digest, a, with("qop sha256 label=SHA-256"), 2000, Verdict::kOk},
+      {"md5_labelled_sha256", digest, a, with("label=SHA-256"), 2000, Verdict::kDenied},
+      {"sha256_unlabelled", digest, a, with("sha256"), 2000, Verdict::kDenied},
+      {"unknown_algorithm", digest, a, with("label=SHA-512-256"), 2000, Verdict::kDenied},
+      {"md5_sess_without_cnonce", digest, a, with("md5-sess label=MD5-sess"), 2000,
        Verdict::kDenied},
-      {"sha256_unlabelled", digest, a, with([](Answer& x) { x.computed = Algorithm::kSha256; }),
-       2000, Verdict::kDenied},
-      {"unknown_algorithm", digest, a, with([](Answer& x) { x.label = "SHA-512-256"; }), 2000,
-       Verdict::kDenied},
-      {"md5_sess_without_cnonce", digest, a, with([](Answer& x) {
-         x.computed = Algorithm::kMd5Sess;
-         x.label = "MD5-sess";
-       }),
-       2000, Verdict::kDenied},
-      {"bad_nc", digest, a, with([](Answer& x) {
-         x.qop = "auth";
-         x.nc = "1";
-       }),
-       2000, Verdict::kDenied},
+      {"bad_nc", digest, a, with("qop nc=1"), 2000, Verdict::kDenied},
       // A captured header replayed on a connection of its own.
-      {"replay_on_other_connection", digest, b, with([](Answer&) {}), 2000, Verdict::kDenied},
-      {"replay_on_new_connection", digest, unchallenged, with([](Answer&) {}), 2000,
-       Verdict::kDenied},
-      {"superseded_nonce", digest, rechallenged, with([](Answer&) {}), 31002, Verdict::kDenied},
+      {"replay_on_other_connection", digest, b, with(""), 2000, Verdict::kDenied},
+      {"replay_on_new_connection", digest, unchallenged, with(""), 2000, Verdict::kDenied},
+      {"superseded_nonce", digest, rechallenged, with(""), 31002, Verdict::kDenied},
       // ... or for another resource.
-      {"other_track", digest, a, with([](Answer&) {}), 2000, Verdict::kDenied,
-       "rtsp://h:8554/live/trackID=1"},
-      {"path_only_uri", digest, a, with([](Answer& x) { x.uri = "/live/trackID=0"; }), 2000,
-       Verdict::kOk},
-      {"other_path", digest, a, with([](Answer& x) { x.uri = "/live/trackID=1"; }), 2000,
-       Verdict::kDenied},
-      {"expired", digest, a, with([](Answer&) {}), 1000 + 60001, Verdict::kStale},
-      {"expired_wrong_password", digest, a, with([](Answer& x) { x.password = "guess"; }),
-       1000 + 60001, Verdict::kDenied},
-      {"wrong_password", digest, a, with([](Answer& x) { x.password = "guess"; }), 2000,
-       Verdict::kDenied},
-      {"wrong_user", digest, a, with([](Answer& x) { x.user = "other"; }), 2000, Verdict::kDenied},
-      {"other_realm", digest, a, with([](Answer& x) { x.realm = "elsewhere"; }), 2000,
-       Verdict::kDenied},
+      {"other_track", digest, a, with(""), 2000, Verdict::kDenied, "rtsp://h:8554/live/trackID=1"},
+      {"path_only_uri", digest, a, with("uri=/live/trackID=0"), 2000, Verdict::kOk},
+      {"other_path", digest, a, with("uri=/live/trackID=1"), 2000, Verdict::kDenied},
+      {"expired", digest, a, with(""), 1000 + 60001, Verdict::kStale},
+      {"expired_wrong_password", digest, a, with("password=guess"), 1000 + 60001, Verdict::kDenied},
+      {"wrong_password", digest, a, with("password=guess"), 2000, Verdict::kDenied},
+      {"wrong_user", digest, a, with("user=other"), 2000, Verdict::kDenied},
+      {"other_realm", digest, a, with("realm=elsewhere"), 2000, Verdict::kDenied},
       {"no_header", digest, a, "", 2000, Verdict::kDenied},
       {"basic_not_allowed", digest, a, "Basic dXNlcjpzZWNyZXQ=", 2000, Verdict::kDenied},
       {"basic", basic, a, "Basic dXNlcjpzZWNyZXQ=", 0, Verdict::kOk},  // user:secret
@@ -210,10 +199,8 @@ TEST(RtspAuthTest, NonceCountMustIncrease) {
       {"ffffffff", 30001, Verdict::kDenied},
   };
   for (const auto& s : steps) {
-    Answer answer;
-    answer.nonce = NonceOf(auth.Challenges(state, s.now, false)[1]);
-    answer.qop = "auth";
-    answer.nc = s.nc;
+    const Answer answer =
+        Edited(NonceOf(auth.Challenges(state, s.now, false)[1]), "qop nc=" + std::string(s.nc));
     EXPECT_EQ(auth.Check(Request(Header(answer)), state, s.now), s.want) << s.nc << " " << s.now;
   }
 }
