@@ -9,10 +9,14 @@
 #include <chrono>
 #include <regex>
 
+#include "protocol/rtsp_in_server/net/platform/qz_net_platform.h"
+
 namespace qz_test {
 
 Client::Client(uint16_t port, const std::string& source) {
   fd_ = socket(AF_INET, SOCK_STREAM, 0);
+  // A server that resets the connection must fail the test, not kill it.
+  qz_rtsp_internal_server::SuppressSigpipe(fd_);
   sockaddr_in from{};
   from.sin_family = AF_INET;
   if (!source.empty() && inet_pton(AF_INET, source.c_str(), &from.sin_addr) == 1) {
@@ -48,7 +52,8 @@ void Client::Reset() {
 void Client::Send(const std::string& bytes) {
   size_t sent = 0;
   while (fd_ >= 0 && sent < bytes.size()) {
-    const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    const ssize_t n =
+        qz_rtsp_internal_server::SendWithoutSigpipe(fd_, bytes.data() + sent, bytes.size() - sent);
     if (n <= 0)
       return;
     sent += static_cast<size_t>(n);

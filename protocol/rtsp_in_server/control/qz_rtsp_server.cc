@@ -125,6 +125,7 @@ bool QZRtspServer::Impl::Start() {
     asio::post(io_, [this, batch = std::move(batch)] { core_->fanout().RunGateBatch(batch); });
   });
   udp_sink_.reset(new SocketUdpSink(*udp_rtp_, *udp_rtcp_, options_.udp_gso));
+  LogFormat("VartoLogIOS [I] QZRtspServer::Start UDP media by the %s\n", udp_sink_->send_path());
   RtspServerCore::Env env;
   env.random = &RtspRandom::Crypto();
   env.udp = udp_sink_.get();

@@ -1,11 +1,17 @@
 #include "protocol/rtsp_in_server/net/qz_udp_batch.h"
 
-#include <netinet/udp.h>
-
-#include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace qz_rtsp_internal_server {
+
+UdpBatch::UdpBatch(int fd, bool* gso, Result on_result)
+    : sender_(fd), gso_(gso), on_result_(std::move(on_result)) {
+  if (gso_ != nullptr && !sender_.can_segment()) {
+    *gso_ = false;
+    gso_ = nullptr;
+  }
+}
 
 bool UdpBatch::Extends(const Run& run, const asio::ip::udp::endpoint& to, size_t size) const {
   const size_t last = count_ - 1;
@@ -37,25 +43,6 @@ void UdpBatch::Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_
   iovecs_[datagrams_++] = iovec{const_cast<uint8_t*>(data), size};
 }
 
-void UdpBatch::Prepare(size_t i) {
-  msghdr& header = messages_[i].msg_hdr;
-  std::memset(&messages_[i], 0, sizeof(messages_[i]));
-  header.msg_name = &addresses_[i];
-  header.msg_namelen = address_sizes_[i];
-  header.msg_iov = &iovecs_[runs_[i].first];
-  header.msg_iovlen = runs_[i].count;
-  if (runs_[i].count > 1) {
-    header.msg_control = controls_[i];
-    header.msg_controllen = sizeof(controls_[i]);
-    cmsghdr* control = CMSG_FIRSTHDR(&header);
-    control->cmsg_level = SOL_UDP;
-    control->cmsg_type = UDP_SEGMENT;
-    control->cmsg_len = CMSG_LEN(sizeof(uint16_t));
-    const uint16_t segment = static_cast<uint16_t>(runs_[i].segment);
-    std::memcpy(CMSG_DATA(control), &segment, sizeof(segment));
-  }
-}
-
 void UdpBatch::Account(void* tag, size_t size, bool sent) {
   if (sent) {
     bytes_sent_ += size;
@@ -81,13 +68,8 @@ bool UdpBatch::SendOneByOne(size_t i) {
   const Run& run = runs_[i];
   bool any = false;
   for (size_t k = run.first; k < run.first + run.count; ++k) {
-    msghdr header{};
-    header.msg_name = &addresses_[i];
-    header.msg_namelen = address_sizes_[i];
-    header.msg_iov = &iovecs_[k];
-    header.msg_iovlen = 1;
     ++system_calls_;
-    const bool sent = sendmsg(fd_, &header, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+    const bool sent = sender_.SendDatagram(&addresses_[i], address_sizes_[i], &iovecs_[k]);
     any = any || sent;
     messages_sent_ += sent ? 1 : 0;
     Account(run.tag, iovecs_[k].iov_len, sent);
@@ -97,17 +79,15 @@ bool UdpBatch::SendOneByOne(size_t i) {
 
 void UdpBatch::Flush() {
   for (size_t i = 0; i < count_; ++i) {
-    Prepare(i);
+    const Run& run = runs_[i];
+    sender_.Set(i, &addresses_[i], address_sizes_[i], &iovecs_[run.first], run.count, run.segment);
   }
   size_t next = 0;
   while (next < count_) {
     ++system_calls_;
-    const int n = sendmmsg(fd_, &messages_[next], static_cast<unsigned>(count_ - next),
-                           MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (n <= 0) {
-      const int error = errno;
-      const bool segmented = runs_[next].count > 1;
-      if (segmented && (error == EIO || error == EINVAL || error == EOPNOTSUPP)) {
+    const UdpSender::Result result = sender_.Send(next, count_);
+    if (result.taken == 0) {
+      if (result.cannot_segment) {
         if (SendOneByOne(next) && gso_ != nullptr) {
           *gso_ = false;
         }
@@ -117,11 +97,11 @@ void UdpBatch::Flush() {
       ++next;
       continue;
     }
-    for (size_t k = next; k < next + static_cast<size_t>(n); ++k) {
+    for (size_t k = next; k < next + result.taken; ++k) {
       Report(k, true);
     }
-    messages_sent_ += static_cast<size_t>(n);
-    next += static_cast<size_t>(n);
+    messages_sent_ += result.taken;
+    next += result.taken;
   }
   count_ = 0;
   datagrams_ = 0;

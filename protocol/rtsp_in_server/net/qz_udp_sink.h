@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "protocol/rtsp_in_server/net/platform/qz_net_platform.h"
 #include "protocol/rtsp_in_server/net/qz_udp_batch.h"
 
 namespace qz_rtsp_internal_server {
@@ -60,6 +61,9 @@ class SocketUdpSink : public UdpSink {
                 const uint8_t* data,
                 size_t size,
                 void* tag) override;
+
+  // How media leaves, for the log: the platform's path, GSO on or off.
+  const char* send_path() const { return DescribeUdpSendPath(gso_); }
 
  private:
   asio::ip::udp::endpoint Destination(const asio::ip::udp::endpoint& to) const;
