@@ -69,7 +69,8 @@ struct QZRtspServerOptions {
   // Send a UDP client's packets of one frame as one segmented message
   // (UDP_SEGMENT, Linux 4.18 and later): the kernel walks its stack once
   // per frame instead of once per packet. Switched off by itself where the
-  // kernel or the network device cannot segment.
+  // kernel or the network device cannot segment; the portable socket path
+  // (other systems, -DQZ_PORTABLE_NET=ON) never segments.
   bool udp_gso = true;
   // A TCP client's kernel send buffer holds about this much of its streams
   // (sized from their bit rate, at least 64 KiB): a client that cannot keep

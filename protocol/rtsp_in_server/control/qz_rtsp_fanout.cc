@@ -55,8 +55,8 @@ void RtspFanout::OnStreamPackets(RtspStream& stream) {
       sessions.push_back(session->shared_from_this());
     }
   }
-  // The UDP clients' datagrams of this record go out together: one
-  // sendmmsg() per 64 datagrams across all clients.
+  // The UDP clients' datagrams of this record go out together: on Linux,
+  // one system call per 64 messages across all clients.
   for (auto& session : sessions) {
     PumpOne(*session);
   }
