@@ -453,7 +453,8 @@ case "$CASE" in
       for data in "" "qz-roundtrip"; do
         args=("$codec" "$WORK/in.$codec" "$WORK/out.$codec")
         [ -n "$data" ] && args+=(--user-data "$data")
-        "$PUBLISH" "${args[@]}" || { fail "$codec: the sinker dropped access units"; continue; }
+        # shellcheck disable=SC2086  # QZ_RUN_PREFIX: an emulator and its options, or nothing
+        ${QZ_RUN_PREFIX:-} "$PUBLISH" "${args[@]}" || { fail "$codec: the sinker dropped access units"; continue; }
         want=$(ffprobe -v error -count_frames -select_streams v -show_entries stream=nb_read_frames -of csv=p=0 "$WORK/in.$codec")
         got=$(ffprobe -v error -count_frames -select_streams v -show_entries stream=nb_read_frames -of csv=p=0 "$WORK/out.$codec")
         errors=$(ffmpeg -nostdin -v error -i "$WORK/out.$codec" -f null - 2>&1 | wc -l)

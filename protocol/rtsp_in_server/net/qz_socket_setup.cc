@@ -2,7 +2,8 @@
 
 #include <cstring>
 
-#if defined(__unix__) || defined(__APPLE__)
+// getifaddrs: every POSIX system the library is for, Android from API 24.
+#if (defined(__unix__) || defined(__APPLE__)) && (!defined(__ANDROID__) || __ANDROID_API__ >= 24)
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
