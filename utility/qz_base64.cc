@@ -27,26 +27,31 @@ std::string Base64Encode(const uint8_t* data, size_t size) {
   return out;
 }
 
+int Base64Value(char c) {
+  if (c >= 'A' && c <= 'Z') {
+    return c - 'A';
+  }
+  if (c >= 'a' && c <= 'z') {
+    return c - 'a' + 26;
+  }
+  if (c >= '0' && c <= '9') {
+    return c - '0' + 52;
+  }
+  return c == '+' ? 62 : c == '/' ? 63 : -1;
+}
+
 bool Base64Decode(const std::string& in, std::string& out) {
   out.clear();
   unsigned value = 0;  // holds at most 14 pending bits
   int bits = -8;
-  for (unsigned char c : in) {
-    int d;
-    if (c >= 'A' && c <= 'Z')
-      d = c - 'A';
-    else if (c >= 'a' && c <= 'z')
-      d = c - 'a' + 26;
-    else if (c >= '0' && c <= '9')
-      d = c - '0' + 52;
-    else if (c == '+')
-      d = 62;
-    else if (c == '/')
-      d = 63;
-    else if (c == '=')
+  for (char c : in) {
+    if (c == '=') {
       break;
-    else
+    }
+    const int d = Base64Value(c);
+    if (d < 0) {
       return false;
+    }
     value = ((value << 6) | static_cast<unsigned>(d)) & 0x3FFFu;
     bits += 6;
     if (bits >= 0) {

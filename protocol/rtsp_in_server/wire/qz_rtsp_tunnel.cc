@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "protocol/rtsp_in_server/wire/qz_rtsp_lex.h"
+#include "utility/qz_base64.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
@@ -15,20 +16,6 @@ bool IsVisible(const std::string& s) {
   return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
     return static_cast<unsigned char>(c) > 32 && static_cast<unsigned char>(c) < 127;
   });
-}
-
-// The 6-bit value of a base64 character, -1 for any other.
-int Sextet(char c) {
-  if (c >= 'A' && c <= 'Z') {
-    return c - 'A';
-  }
-  if (c >= 'a' && c <= 'z') {
-    return c - 'a' + 26;
-  }
-  if (c >= '0' && c <= '9') {
-    return c - '0' + 52;
-  }
-  return c == '+' ? 62 : c == '/' ? 63 : -1;
 }
 
 }  // namespace
@@ -154,7 +141,7 @@ bool Base64StreamDecoder::Decode(const char* data, size_t size, std::string& out
       sextets_ = 0;
       continue;
     }
-    const int v = Sextet(c);
+    const int v = qz_utility::Base64Value(c);
     if (v < 0 || awaiting_pad_) {
       failed_ = true;
       break;

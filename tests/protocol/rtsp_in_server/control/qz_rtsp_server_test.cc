@@ -8,7 +8,6 @@
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
 #include <netinet/in.h>
-#include <openssl/evp.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -25,6 +24,7 @@
 #include "tests/fakes/fake_rtsp_core.h"
 #include "tests/fakes/rtsp_test_client.h"
 #include "tests/fakes/test_support.h"
+#include "utility/qz_base64.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
@@ -47,12 +47,7 @@ std::shared_ptr<QZRtspPacketPiple> DescribedPipe(const std::string& name) {
 }
 
 std::string Base64(const std::string& bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
-                                reinterpret_cast<const unsigned char*>(bytes.data()),
-                                static_cast<int>(bytes.size()));
-  out.resize(static_cast<size_t>(n));
-  return out;
+  return qz_utility::Base64Encode(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 
 // Posts a video and an audio record every 10 ms, a key frame every 10th,
