@@ -4,7 +4,8 @@
 // complete video access units per session, and each access unit's delay over
 // the session's best one (arrival time minus RTP time, after a warm-up, so the
 // cached GOP a server may send at once does not count). One Asio thread.
-// Prints a line a second and a summary at the end.
+// Prints a line a second and a summary at the end. An rtsps:// URL plays
+// inside TLS (interleaved only; the server's certificate is not checked).
 //
 // With --poll-ms P the thread does not sleep in epoll_wait but drains every
 // socket each P ms. Over loopback a server's write runs the reader's receive
@@ -16,6 +17,7 @@
 //   qz_rtsp_load rtsp://127.0.0.1:8554/live --sessions 100 [--udp] [--seconds 20]
 //                [--poll-ms P]
 #include <asio.hpp>
+#include <asio/ssl.hpp>
 
 #include <algorithm>
 #include <array>
@@ -60,8 +62,17 @@ class Session : public std::enable_shared_from_this<Session> {
   };
 
  public:
-  Session(asio::io_context& io, asio::ip::tcp::endpoint server, std::string url, bool udp)
-      : io_(io), socket_(io), server_(server), url_(std::move(url)), udp_(udp) {}
+  // `tls`: the session runs inside TLS.
+  Session(asio::io_context& io,
+          asio::ip::tcp::endpoint server,
+          std::string url,
+          bool udp,
+          asio::ssl::context* tls)
+      : io_(io), socket_(io), server_(server), url_(std::move(url)), udp_(udp) {
+    if (tls != nullptr) {
+      tls_.reset(new asio::ssl::stream<asio::ip::tcp::socket&>(socket_, *tls));
+    }
+  }
 
   void Start() {
     auto self = shared_from_this();
@@ -71,8 +82,18 @@ class Session : public std::enable_shared_from_this<Session> {
         return;
       }
       socket_.set_option(asio::socket_base::receive_buffer_size(256 * 1024));
-      Request("DESCRIBE", url_, "Accept: application/sdp\r\n");
-      Read();
+      if (!tls_) {
+        Describe();
+        return;
+      }
+      tls_->async_handshake(asio::ssl::stream_base::client,
+                            [this, self](const asio::error_code& error) {
+                              if (error) {
+                                Fail();
+                              } else {
+                                Describe();
+                              }
+                            });
     });
   }
 
@@ -107,35 +128,48 @@ class Session : public std::enable_shared_from_this<Session> {
     }
   }
 
+  void Describe() {
+    Request("DESCRIBE", url_, "Accept: application/sdp\r\n");
+    Read();
+  }
+
   void Request(const std::string& method, const std::string& url, const std::string& extra) {
     auto text = std::make_shared<std::string>(method + " " + url + " RTSP/1.0\r\nCSeq: " +
                                               std::to_string(++cseq_) + "\r\n" + extra + "\r\n");
     auto self = shared_from_this();
-    asio::async_write(socket_, asio::buffer(*text),
-                      [this, self, text](const asio::error_code& ec, size_t) {
-                        if (ec) {
-                          Fail();
-                        }
-                      });
+    auto done = [this, self, text](const asio::error_code& ec, size_t) {
+      if (ec) {
+        Fail();
+      }
+    };
+    if (tls_) {
+      asio::async_write(*tls_, asio::buffer(*text), done);
+    } else {
+      asio::async_write(socket_, asio::buffer(*text), done);
+    }
   }
 
   void Read() {
     auto self = shared_from_this();
-    socket_.async_read_some(asio::buffer(chunk_),
-                            [this, self](const asio::error_code& ec, size_t n) {
-                              if (ec) {
-                                if (!failed_ && playing_) {
-                                  playing_ = false;  // the server ended the session
-                                }
-                                Fail();
-                                return;
-                              }
-                              buffer_.append(chunk_.data(), n);
-                              Parse();
-                              if (!failed_) {
-                                Read();
-                              }
-                            });
+    auto done = [this, self](const asio::error_code& ec, size_t n) {
+      if (ec) {
+        if (!failed_ && playing_) {
+          playing_ = false;  // the server ended the session
+        }
+        Fail();
+        return;
+      }
+      buffer_.append(chunk_.data(), n);
+      Parse();
+      if (!failed_) {
+        Read();
+      }
+    };
+    if (tls_) {
+      tls_->async_read_some(asio::buffer(chunk_), done);
+    } else {
+      socket_.async_read_some(asio::buffer(chunk_), done);
+    }
   }
 
   void Parse() {
@@ -325,6 +359,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
   asio::io_context& io_;
   asio::ip::tcp::socket socket_;
+  std::unique_ptr<asio::ssl::stream<asio::ip::tcp::socket&>> tls_;  // rtsps://
   asio::ip::tcp::endpoint server_;
   std::string url_;
   bool udp_;
@@ -396,9 +431,16 @@ int main(int argc, char** argv) {
     return 2;
   }
   const asio::ip::tcp::endpoint server(address, static_cast<uint16_t>(port));
+  const bool tls = url.compare(0, 8, "rtsps://") == 0;
+  if (tls && udp) {
+    std::fprintf(stderr, "qz_rtsp_load: rtsps:// plays over TCP only\n");
+    return 2;
+  }
+  asio::ssl::context tls_context(asio::ssl::context::tls_client);
+  tls_context.set_verify_mode(asio::ssl::verify_none);
   std::vector<std::shared_ptr<Session>> all;
   for (int i = 0; i < sessions; ++i) {
-    all.push_back(std::make_shared<Session>(io, server, url, udp));
+    all.push_back(std::make_shared<Session>(io, server, url, udp, tls ? &tls_context : nullptr));
     all.back()->Start();
   }
   const double start = NowMs();

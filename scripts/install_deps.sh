@@ -11,6 +11,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 
+# glib-networking is GStreamer's TLS (rtsps:// URLs); the openssl command
+# checks the certificate's fingerprint in the rtsps end-to-end test.
 PACKAGES=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
@@ -18,9 +20,9 @@ PACKAGES=(
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev libswresample-dev
   ffmpeg
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
-  gstreamer1.0-plugins-bad gstreamer1.0-libav
+  gstreamer1.0-plugins-bad gstreamer1.0-libav glib-networking
   libgstrtspserver-1.0-dev
-  bc util-linux strace iproute2 python3 python3-gi gir1.2-gstreamer-1.0
+  bc util-linux strace iproute2 python3 python3-gi gir1.2-gstreamer-1.0 openssl
 )
 
 missing=()

@@ -5,6 +5,7 @@
 //   server.Start();                       // listens; its own network thread
 //   sinker.SetRtspServers({server.Handle()});
 //   ...                                   // clients play rtsp://host:8554/<stream name>
+//                                         // (and rtsps://host:<tls_port>/<name>, see tls_port)
 //   server.Stop();                        // closes every session and joins
 //
 // The server registers under Handle() for its whole lifetime; pipes offered
@@ -105,6 +106,23 @@ struct QZRtspServerOptions {
   // 0 for a free one (see HttpTunnelPort()). Tunnels are served on it
   // whatever `http_tunnel` says.
   int http_tunnel_port = -1;
+  // RTSP over TLS (rtsps://) on a TCP port of its own: -1 for none, 0 for a
+  // free one (see TlsPort()). Its connections are served like the RTSP
+  // port's (authentication, sessions, media interleaved in the connection,
+  // HTTP tunnels when `http_tunnel` is on) inside TLS 1.2 or 1.3, with
+  // forward-secret AEAD cipher suites, without renegotiation or
+  // compression. They count toward the same connection limits; a TLS
+  // handshake must end within `request_timeout_ms`. UDP media is not
+  // encrypted: a SETUP over TLS should ask for interleaved TCP.
+  int tls_port = -1;
+  // The certificate (PEM; a chain, the server's own first) and its private
+  // key (PEM, not protected by a passphrase), each as text or, when the
+  // text is empty, as a file. Start() fails, saying why in the log, when
+  // the TLS port is asked for and they cannot be loaded or do not match.
+  std::string tls_cert_pem;
+  std::string tls_key_pem;
+  std::string tls_cert_file;
+  std::string tls_key_file;
   // Called when a viewer waits for a key frame: it joined and none is held,
   // or it fell behind and was cut back to one. An app asks its video encoder
   // for an IDR picture here. At most once a second per stream; runs on the
@@ -221,6 +239,8 @@ class QZRtspServer {
   uint16_t Port() const;
   // The separate HTTP tunnel port listened on, or 0 (none, or stopped).
   uint16_t HttpTunnelPort() const;
+  // The TLS port listened on, or 0 (none, or stopped).
+  uint16_t TlsPort() const;
   // "rtsp://<host>:<port>/<stream_name>", the first of CandidateUrls(); the
   // URL a pipe is given when it is accepted. Empty while stopped.
   std::string UrlFor(const std::string& stream_name) const;
@@ -239,6 +259,9 @@ class QZRtspServer {
   // Link-local addresses are left out: a URL cannot carry their zone.
   // Empty while stopped.
   std::vector<std::string> CandidateUrls(const std::string& stream_name) const;
+  // "rtsps://<host>:<tls port>/<stream_name>", on the host UrlFor() names;
+  // empty without a TLS port or while stopped.
+  std::string TlsUrlFor(const std::string& stream_name) const;
 
   // A consistent-enough snapshot: counters are read one by one. Any thread.
   QZRtspServerStats GetStats() const;

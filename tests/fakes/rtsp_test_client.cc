@@ -1,7 +1,10 @@
 #include "tests/fakes/rtsp_test_client.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,7 +16,18 @@
 
 namespace qz_test {
 
-Client::Client(uint16_t port, const std::string& source) {
+namespace {
+
+// Waits up to `wait_ms` for `fd` to be readable (`events` POLLIN) or
+// writable (POLLOUT); false when it is not.
+bool Ready(int fd, short events, int wait_ms) {
+  pollfd p{fd, events, 0};
+  return poll(&p, 1, wait_ms) > 0;
+}
+
+}  // namespace
+
+Client::Client(uint16_t port, const std::string& source, SSL_CTX* tls) {
   fd_ = socket(AF_INET, SOCK_STREAM, 0);
   // A server that resets the connection must fail the test, not kill it.
   qz_rtsp_internal_server::SuppressSigpipe(fd_);
@@ -27,6 +41,18 @@ Client::Client(uint16_t port, const std::string& source) {
   addr.sin_port = htons(port);
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+  if (connected_ && tls != nullptr) {
+    // The handshake blocks (within 5 s); then the socket does not, so that a
+    // record without data (a session ticket) never stalls a read.
+    timeval limit{5, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    ssl_ = SSL_new(tls);
+    SSL_set_fd(ssl_, fd_);
+    ERR_clear_error();
+    connected_ = SSL_connect(ssl_) == 1;
+    ERR_clear_error();
+    fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
+  }
 }
 
 uint16_t Client::local_port() const {
@@ -37,6 +63,7 @@ uint16_t Client::local_port() const {
 }
 
 Client::~Client() {
+  SSL_free(ssl_);
   if (fd_ >= 0) {
     close(fd_);
   }
@@ -51,7 +78,19 @@ void Client::Reset() {
 
 void Client::Send(const std::string& bytes) {
   size_t sent = 0;
-  while (fd_ >= 0 && sent < bytes.size()) {
+  while (ssl_ != nullptr && fd_ >= 0 && sent < bytes.size()) {
+    ERR_clear_error();
+    const int n = SSL_write(ssl_, bytes.data() + sent, static_cast<int>(bytes.size() - sent));
+    const int error = n > 0 ? SSL_ERROR_NONE : SSL_get_error(ssl_, n);
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+      Ready(fd_, error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, 1000);
+    } else if (n <= 0) {
+      return;
+    } else {
+      sent += static_cast<size_t>(n);
+    }
+  }
+  while (ssl_ == nullptr && fd_ >= 0 && sent < bytes.size()) {
     const ssize_t n =
         qz_rtsp_internal_server::SendWithoutSigpipe(fd_, bytes.data() + sent, bytes.size() - sent);
     if (n <= 0)
@@ -131,10 +170,28 @@ std::string Client::Request(const std::string& method,
 int Client::Fill(int wait_ms) {
   if (fd_ < 0)
     return 0;
-  pollfd p{fd_, POLLIN, 0};
-  if (poll(&p, 1, wait_ms) <= 0)
-    return -1;
   char buf[65536];
+  if (ssl_ != nullptr) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+    for (;;) {
+      ERR_clear_error();
+      const int n = SSL_read(ssl_, buf, sizeof(buf));
+      if (n > 0) {
+        buffer_.append(buf, static_cast<size_t>(n));
+        return n;
+      }
+      if (SSL_get_error(ssl_, n) != SSL_ERROR_WANT_READ) {
+        ERR_clear_error();
+        return 0;  // closed, or broken
+      }
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      if (left.count() < 0 || !Ready(fd_, POLLIN, static_cast<int>(left.count())))
+        return -1;
+    }
+  }
+  if (!Ready(fd_, POLLIN, wait_ms))
+    return -1;
   const ssize_t n = recv(fd_, buf, sizeof(buf), 0);
   if (n <= 0)
     return 0;

@@ -1,6 +1,7 @@
-// A blocking RTSP client over a plain loopback TCP socket, for tests and the
-// soak program: sends raw bytes, reads responses and collects the
-// interleaved frames that arrive on the way. One thread per client.
+// A blocking RTSP client over a loopback TCP socket, plain or inside TLS,
+// for tests and the soak program: sends raw bytes, reads responses and
+// collects the interleaved frames that arrive on the way. One thread per
+// client.
 #ifndef TESTS_FAKES_RTSP_TEST_CLIENT_H_
 #define TESTS_FAKES_RTSP_TEST_CLIENT_H_
 
@@ -9,6 +10,9 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+typedef struct ssl_ctx_st SSL_CTX;
+typedef struct ssl_st SSL;
 
 namespace qz_test {
 
@@ -29,8 +33,10 @@ Response ParseHead(const std::string& head);
 class Client {
  public:
   // Connects to 127.0.0.1:`port`, from `source` when given (any 127/8
-  // address is this host: clients that look like other hosts).
-  explicit Client(uint16_t port, const std::string& source = "");
+  // address is this host: clients that look like other hosts). With `tls`,
+  // runs a TLS handshake (whatever `tls` allows) and speaks inside it;
+  // connected() is false when the handshake failed.
+  explicit Client(uint16_t port, const std::string& source = "", SSL_CTX* tls = nullptr);
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -57,6 +63,7 @@ class Client {
   int Fill(int wait_ms);
 
   int fd_;
+  SSL* ssl_ = nullptr;
   bool connected_;
   std::string buffer_;
   std::vector<std::pair<uint8_t, std::string>> frames_;

@@ -6,31 +6,36 @@ says whether the server held (0) or gave in (1).
     rtsp_attacks.py URL ATTACK [seconds]
 
 Hostile connections come from 127.0.0.2 and up (every 127/8 address is this
-host), the honest viewer (ffprobe, a real client) from 127.0.0.1.
+host), the honest viewer (ffprobe, a real client) from 127.0.0.1. The tls
+attack needs the server's TLS port in QZ_TLS_PORT.
 """
 import base64
 import os
 import re
 import select
 import socket
+import ssl
 import subprocess
 import sys
 import time
+import warnings
 
 URL = sys.argv[1]
 HOST, PORT, PATH = re.match(r"rtsp://([^:/]+):(\d+)(/.*)", URL).groups()
 PORT = int(PORT)
+TLS_PORT = int(os.environ.get("QZ_TLS_PORT", "0"))
+TLS_URL = f"rtsps://{HOST}:{TLS_PORT}{PATH}"
 
 
 def say(text):
     print(text, flush=True)
 
 
-def connect(source, timeout=3):
+def connect(source, timeout=3, port=PORT):
     s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     s.bind((source, 0))
     s.settimeout(timeout)
-    s.connect((HOST, PORT))
+    s.connect((HOST, port))
     return s
 
 
@@ -77,14 +82,14 @@ def session_of(head):
     return m.group(1).strip() if m else ""
 
 
-def setup_tcp(s, tracks=1):
+def setup_tcp(s, tracks=1, url=URL):
     """SETUP of `tracks` tracks over TCP in a new session; its id."""
     session = ""
     for t in range(tracks):
         extra = f"Transport: RTP/AVP/TCP;unicast;interleaved={2 * t}-{2 * t + 1}\r\n"
         if session:
             extra += f"Session: {session}\r\n"
-        s.sendall(request("SETUP", 10 + t, f"{URL}/trackID={t}", extra))
+        s.sendall(request("SETUP", 10 + t, f"{url}/trackID={t}", extra))
         status, head = answer(s)
         if status != 200:
             raise RuntimeError(f"SETUP answered {status}")
@@ -92,10 +97,10 @@ def setup_tcp(s, tracks=1):
     return session
 
 
-def play_tcp(s, tracks=1):
+def play_tcp(s, tracks=1, url=URL):
     """SETUP of `tracks` tracks over TCP and PLAY; the session id."""
-    session = setup_tcp(s, tracks)
-    s.sendall(request("PLAY", 20, URL, f"Session: {session}\r\n"))
+    session = setup_tcp(s, tracks, url)
+    s.sendall(request("PLAY", 20, url, f"Session: {session}\r\n"))
     status, _ = answer(s)
     if status != 200:
         raise RuntimeError(f"PLAY answered {status}")
@@ -393,8 +398,121 @@ def tunnel(seconds):
             results["huge head"] in (400, -1) and still > 0 and honest)
 
 
+def tls_context(tls_1_0=False):
+    """A client context that checks no certificate; `tls_1_0`: one that
+    offers TLS 1.0 only (OpenSSL 3 needs security level 0 for it)."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    if tls_1_0:
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", DeprecationWarning)
+            context.set_ciphers("DEFAULT:@SECLEVEL=0")
+            context.minimum_version = ssl.TLSVersion.TLSv1
+            context.maximum_version = ssl.TLSVersion.TLSv1
+    return context
+
+
+def drain(s):
+    """Bytes read from `s` (plain or TLS) without waiting; -1 when closed."""
+    n = 0
+    try:
+        while (isinstance(s, ssl.SSLSocket) and s.pending()) or select.select([s], [], [], 0)[0]:
+            chunk = s.recv(1 << 20)
+            if not chunk:
+                return -1
+            n += len(chunk)
+    except (OSError, ssl.SSLError):
+        return -1
+    return n
+
+
+class HostileTls:
+    """A connection to the TLS port that stalls its handshake, sends garbage
+    instead, or offers TLS 1.0 only; it connects again whenever the server
+    closes it, and records how long each one lasted."""
+
+    def __init__(self, source, kind):
+        self.source, self.kind, self.sock, self.since = source, kind, None, 0
+        self.lifetimes, self.handshakes = [], 0
+
+    def tick(self):
+        if self.sock is not None and drain(self.sock) < 0:
+            self.lifetimes.append(time.time() - self.since)
+            self.sock.close()
+            self.sock = None
+        if self.sock is not None:
+            return
+        try:
+            self.sock = connect(self.source, timeout=2, port=TLS_PORT)
+            self.since = time.time()
+            if self.kind == "garbage":
+                self.sock.sendall(b"\x16\x03\x01\x00\x20" + os.urandom(32))
+            elif self.kind == "tls1.0":
+                try:
+                    tls_context(tls_1_0=True).wrap_socket(self.sock).close()
+                    self.handshakes += 1  # the server took TLS 1.0
+                except (OSError, ssl.SSLError):
+                    pass
+                self.lifetimes.append(time.time() - self.since)
+                self.sock.close()
+                self.sock = None
+        except OSError:
+            self.sock = None
+
+
+def tls(seconds):
+    """A viewer plays over TLS (the publisher runs with --tls-port) while 40
+    connections from five other hosts stall their handshakes, send garbage
+    or offer TLS 1.0 only, reconnecting whenever they are closed. No TLS
+    1.0 handshake may succeed; a stalled handshake must be closed within
+    the request time limit (10 s, with a tick of slack), garbage at once;
+    the viewer must get media every second and the honest viewer (plain
+    RTSP) get in on every try."""
+    viewer = tls_context().wrap_socket(connect("127.0.0.2", port=TLS_PORT))
+    play_tcp(viewer, url=TLS_URL)
+    kinds = ("stall", "garbage", "tls1.0")
+    hostile = [HostileTls(f"127.0.4.{1 + i // 8}", kinds[i % 3]) for i in range(40)]
+    per_second, tries, ok, probe = [0], 0, 0, None
+    start = time.time()
+    while time.time() - start < seconds:
+        for h in hostile:
+            h.tick()
+        got = drain(viewer)
+        per_second[-1] += max(got, 0)
+        if time.time() - start >= len(per_second):
+            per_second.append(0)
+        if probe is None or probe.poll() is not None:
+            if probe is not None:
+                tries += 1
+                ok += probe.returncode == 0 and b"h264" in probe.stdout.read()
+            probe = subprocess.Popen(["ffprobe", "-v", "error", "-rtsp_transport", "tcp",
+                                      "-show_entries", "stream=codec_name", "-of", "csv=p=0", URL],
+                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        time.sleep(0.1)
+    probe.wait(timeout=20)
+    now = time.time()
+    longest = {}
+    for kind in kinds:
+        lives = [t for h in hostile if h.kind == kind for t in h.lifetimes]
+        lives += [now - h.since for h in hostile if h.kind == kind and h.sock is not None]
+        longest[kind] = (len(lives), max(lives, default=0))
+    handshakes = sum(h.handshakes for h in hostile)
+    stalls = [h for h in hostile if h.kind == "stall"]
+    closed = sum(1 for h in stalls if h.lifetimes)
+    quiet = min(per_second[:-1], default=0)
+    say("tls: " + "; ".join(f"{k}: {n} connections, longest {t:.1f} s"
+                            for k, (n, t) in longest.items()) +
+        f"; stalled handshakes closed {closed}/{len(stalls)}; TLS 1.0 handshakes that "
+        f"succeeded: {handshakes}; the TLS viewer's slowest second {quiet} bytes; honest viewer "
+        f"got in {ok}/{tries}")
+    return (handshakes == 0 and longest["stall"][1] < 11.5 and longest["garbage"][1] < 3 and
+            closed == len(stalls) and quiet > 0 and tries > 0 and ok == tries)
+
+
 ATTACKS = {"lockout": (lockout, 8), "overlimit": (overlimit, 4), "pinned": (pinned, 6),
-           "pauseplay": (pauseplay, 10), "udpsilence": (udpsilence, 30), "tunnel": (tunnel, 2)}
+           "pauseplay": (pauseplay, 10), "udpsilence": (udpsilence, 30), "tunnel": (tunnel, 2),
+           "tls": (tls, 14)}
 
 if __name__ == "__main__":
     attack, default_seconds = ATTACKS[sys.argv[2]]

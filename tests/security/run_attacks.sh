@@ -4,8 +4,8 @@
 # one. On failure, the attack's output and the publisher's are shown.
 #
 #   run_attacks.sh PUBLISH ATTACK[:SECONDS]...
-#     (lockout overlimit pinned pauseplay udpsilence tunnel; by hand: pinned:70 shows
-#     the blocked connections closed after the 60 s session timeout)
+#     (lockout overlimit pinned pauseplay udpsilence tunnel tls; by hand: pinned:70
+#     shows the blocked connections closed after the 60 s session timeout)
 set -uo pipefail
 PUBLISH=$1
 shift
@@ -13,7 +13,12 @@ shift
 source "$(dirname "$0")/../e2e/common.sh"
 
 # QZ_ATTACK_PUBLISHER_ARGS adds options (by hand: e.g. "--bitrate 6000 --size 1280x720").
-start_publisher --size 320x240 --fps 25 --http-tunnel ${QZ_ATTACK_PUBLISHER_ARGS:-}
+# The TLS port (a free one, its self-signed certificate made in the work
+# folder) is for the tls attack.
+start_publisher --size 320x240 --fps 25 --http-tunnel --tls-port 0 --tls-dir "$WORK/tls" \
+  ${QZ_ATTACK_PUBLISHER_ARGS:-}
+QZ_TLS_PORT=$(sed -n 's/^TLS port \([0-9]*\)$/\1/p' "$PUB_OUT")
+export QZ_TLS_PORT
 for spec in "$@"; do
   attack=${spec%%:*}  # ATTACK or ATTACK:SECONDS
   seconds=${spec#"$attack"}

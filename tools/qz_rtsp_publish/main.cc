@@ -17,6 +17,7 @@
 #include "tools/qz_rtsp_publish/file_source.h"
 #include "tools/qz_rtsp_publish/options.h"
 #include "tools/qz_rtsp_publish/test_source.h"
+#include "tools/qz_rtsp_publish/tls_cert.h"
 #include "topcommon/qz_event_define.h"
 #include "topcommon/qz_event_mgr.h"
 
@@ -170,6 +171,21 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  std::string tls_cert = options.tls_cert, tls_key = options.tls_key;
+  if (options.tls_port >= 0) {
+    if (tls_cert.empty() &&
+        !qz_tools::EnsureSelfSignedCertificate(qz_tools::TlsFolder(options.tls_dir), options.bind,
+                                               tls_cert, tls_key, error)) {
+      std::fprintf(stderr, "qz_rtsp_publish: %s\n", error.c_str());
+      return 2;
+    }
+    // A viewer that cannot check the certificate against a CA compares
+    // this with what its TLS library shows.
+    std::printf("TLS certificate %s\n", tls_cert.c_str());
+    std::printf("TLS certificate SHA-256 fingerprint %s\n",
+                qz_tools::CertificateFingerprint(tls_cert).c_str());
+  }
+
   std::vector<std::unique_ptr<QZRtspServer>> servers;
   std::vector<void*> handles;
   for (int i = 0; i < options.servers; ++i) {
@@ -183,6 +199,9 @@ int main(int argc, char** argv) {
     server_options.http_tunnel = options.http_tunnel;
     server_options.http_tunnel_port =
         options.http_port <= 0 ? options.http_port : options.http_port + i;
+    server_options.tls_port = options.tls_port <= 0 ? options.tls_port : options.tls_port + i;
+    server_options.tls_cert_file = tls_cert;
+    server_options.tls_key_file = tls_key;
     server_options.auth_user = options.user;
     server_options.auth_password = options.password;
     server_options.auth_nonce_lifetime_s = options.nonce_lifetime;
@@ -194,12 +213,17 @@ int main(int argc, char** argv) {
     };
     std::unique_ptr<QZRtspServer> server(new QZRtspServer(server_options));
     if (!server->Start()) {
-      std::fprintf(stderr, "qz_rtsp_publish: cannot listen on port %d (the log says why)\n",
+      std::fprintf(stderr,
+                   "qz_rtsp_publish: cannot start the server on port %d (the log says why)\n",
                    server_options.port);
       return 2;
     }
     if (server->HttpTunnelPort() != 0) {
       std::printf("HTTP tunnel port %u\n", static_cast<unsigned>(server->HttpTunnelPort()));
+    }
+    if (server->TlsPort() != 0) {
+      std::printf("TLS port %u\n%s\n", static_cast<unsigned>(server->TlsPort()),
+                  server->TlsUrlFor(options.name).c_str());
     }
     handles.push_back(server->Handle());
     servers.push_back(std::move(server));

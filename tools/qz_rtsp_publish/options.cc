@@ -35,6 +35,14 @@ const char kUsage[] =
     "                          (ffmpeg -rtsp_transport http, GStreamer rtsph://)\n"
     "      --http-port N       serve tunnels (and RTSP) on this port too, e.g. 8080\n"
     "                          (0: a free one; with --servers, N, N+1, ...)\n"
+    "      --tls-port N        serve RTSP over TLS (rtsps://) on this port too\n"
+    "                          (0: a free one; with --servers, N, N+1, ...)\n"
+    "      --tls-cert FILE     its certificate (PEM, chain after it) ...\n"
+    "      --tls-key FILE      ... and private key; without them a self-signed\n"
+    "                          certificate is made on the first start and kept\n"
+    "      --tls-dir DIR       where the self-signed one is kept (default\n"
+    "                          $XDG_CONFIG_HOME/qz_rtsp_publish, else\n"
+    "                          ~/.config/qz_rtsp_publish)\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
@@ -135,6 +143,15 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
     } else if (arg == "--http-port") {
       if (!ParseInt(v, 0, 65535, o.http_port))
         return fail("--http-port must be 0 to 65535");
+    } else if (arg == "--tls-port") {
+      if (!ParseInt(v, 0, 65535, o.tls_port))
+        return fail("--tls-port must be 0 to 65535");
+    } else if (arg == "--tls-cert") {
+      o.tls_cert = v;
+    } else if (arg == "--tls-key") {
+      o.tls_key = v;
+    } else if (arg == "--tls-dir") {
+      o.tls_dir = v;
     } else if (arg == "--servers") {
       if (!ParseInt(v, 1, 16, o.servers))
         return fail("--servers must be 1 to 16");
@@ -177,6 +194,12 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
   }
   if (o.user.empty() != o.password.empty()) {
     return fail("--user and --password go together");
+  }
+  if (o.tls_cert.empty() != o.tls_key.empty()) {
+    return fail("--tls-cert and --tls-key go together");
+  }
+  if (o.tls_port < 0 && !(o.tls_cert.empty() && o.tls_dir.empty())) {
+    return fail("--tls-cert, --tls-key and --tls-dir need --tls-port");
   }
   return true;
 }

@@ -24,6 +24,10 @@ struct PublishOptions {
   bool udp_gso = true;              // UDP media as segmented messages
   bool http_tunnel = false;         // RTSP over HTTP (GET/POST) on the RTSP port
   int http_port = -1;               // and on this port of its own (-1: none)
+  int tls_port = -1;                // RTSP over TLS on this port (-1: none)
+  std::string tls_cert;             // PEM files; both empty: a self-signed
+  std::string tls_key;              //   certificate kept in tls_dir
+  std::string tls_dir;              // empty: ~/.config/qz_rtsp_publish
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;

@@ -47,6 +47,9 @@ class RtspClient : public std::enable_shared_from_this<RtspClient> {
   // Refused by the server's connection limits: its first request is
   // answered 503 and the connection closes.
   bool over_limit = false;
+  // Inside TLS: its sessions' media goes only inside the connection
+  // (interleaved), never over UDP in clear.
+  bool encrypted = false;
   // The connection's Digest nonce: it is good on this connection only.
   RtspAuthState auth;
   // The POST half of an HTTP tunnel, once paired: the GET half it sends

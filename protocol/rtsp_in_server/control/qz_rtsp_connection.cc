@@ -32,27 +32,40 @@ asio::ip::tcp::endpoint Remote(const asio::ip::tcp::socket& socket) {
 }  // namespace
 
 RtspConnection::RtspConnection(RtspServerCore& core,
-                               asio::ip::tcp::socket socket,
+                               std::unique_ptr<RtspLink> link,
                                bool over_limit,
                                bool sniff,
                                std::function<void(RtspConnection*)> on_closed)
-    : RtspClient(Local(socket), Remote(socket)),
+    : RtspClient(Local(link->socket()), Remote(link->socket())),
       core_(core),
-      socket_(std::move(socket)),
+      link_(std::move(link)),
       on_closed_(std::move(on_closed)),
       parser_(ParserLimits(core.options())),
       mode_(sniff ? Mode::kSniff : Mode::kRtsp) {
   this->over_limit = over_limit;
   asio::error_code ec;
-  socket_.set_option(asio::ip::tcp::no_delay(true), ec);
-  // Writes are tried at once and never block; see KickWrite().
-  socket_.non_blocking(true, ec);
+  link_->socket().set_option(asio::ip::tcp::no_delay(true), ec);
   accepted_ms = core_.NowMs();
   idle_since_ms = accepted_ms;
 }
 
 void RtspConnection::Start() {
-  DoRead();
+  // The request clock runs through the handshake: a client that stalls in
+  // it holds its slot no longer than one that stalls in a request.
+  request_started_ms = accepted_ms;
+  auto self = shared_from_this();
+  link_->Handshake([this, self](const asio::error_code& ec) {
+    if (closed_) {
+      return;
+    }
+    if (ec) {
+      core_.CountRefused();  // not TLS, an old version, no common cipher
+      Close();
+      return;
+    }
+    request_started_ms = 0;
+    DoRead();
+  });
 }
 
 void RtspConnection::Close() {
@@ -60,9 +73,7 @@ void RtspConnection::Close() {
     return;
   }
   closed_ = true;
-  asio::error_code ec;
-  socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ec);
-  socket_.close(ec);
+  link_->Close();
   if (!cookie_.empty()) {
     core_.tunnels().Forget(cookie_, this);
   }
@@ -85,20 +96,19 @@ void RtspConnection::CloseAfterWrite() {
 
 void RtspConnection::DoRead() {
   auto self = shared_from_this();
-  socket_.async_read_some(asio::buffer(read_buffer_),
-                          [this, self](const asio::error_code& ec, size_t n) {
-                            if (ec || closed_) {
-                              Close();
-                              return;
-                            }
-                            if (close_after_write_) {
-                              return;  // no more requests from a connection being closed
-                            }
-                            OnRead(n);
-                            if (!closed_ && mode_ != Mode::kTunnelWait) {
-                              DoRead();
-                            }
-                          });
+  link_->ReadSome(asio::buffer(read_buffer_), [this, self](const asio::error_code& ec, size_t n) {
+    if (ec || closed_) {
+      Close();
+      return;
+    }
+    if (close_after_write_) {
+      return;  // no more requests from a connection being closed
+    }
+    OnRead(n);
+    if (!closed_ && mode_ != Mode::kTunnelWait) {
+      DoRead();
+    }
+  });
 }
 
 void RtspConnection::OnRead(size_t n) {
@@ -336,7 +346,7 @@ void RtspConnection::SizeSendBuffer() {
   asio::error_code ec;
   // Linux doubles the value for its bookkeeping; what it reports back is
   // not what it holds of payload, so the value asked for is remembered.
-  socket_.set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
+  link_->socket().set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
   if (!ec) {
     send_buffer_bytes_ = want;
   }
@@ -365,16 +375,12 @@ void RtspConnection::KickWrite() {
       buffers = &media_.buffers;
     }
     writing_ = true;
-    // Most writes fit into the socket's buffer: hand them to the kernel now,
-    // in one sendmsg(), without a round trip through the event loop. Only
-    // what does not fit waits for the socket to drain.
+    // Most writes fit into the socket's buffer: over TCP they go to the
+    // kernel now, in one sendmsg(), without a round trip through the event
+    // loop. Only what does not fit (over TLS: all) waits for the socket.
     const size_t total = asio::buffer_size(*buffers);
     asio::error_code ec;
-    size_t n = socket_.write_some(*buffers, ec);
-    if (ec == asio::error::would_block || ec == asio::error::try_again) {
-      ec.clear();
-      n = 0;
-    }
+    const size_t n = link_->WriteNow(*buffers, ec);
     if (ec || n == total) {
       FinishWrite(ec, n);
       continue;
@@ -390,7 +396,7 @@ void RtspConnection::KickWrite() {
       skip = 0;
     }
     write_blocked_since_ms = core_.NowMs();
-    asio::async_write(socket_, rest, [this, self, n](const asio::error_code& error, size_t m) {
+    link_->Write(rest, [this, self, n](const asio::error_code& error, size_t m) {
       write_blocked_since_ms = 0;
       FinishWrite(error, n + m);
       KickWrite();

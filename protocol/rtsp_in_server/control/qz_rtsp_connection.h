@@ -1,6 +1,7 @@
-// One RTSP client connection over TCP: reads and parses requests and hands
-// them to the request handler, and writes the answers, interleaved RTCP and
-// the media of its TCP sessions (scatter-gather, straight from the stream's
+// One RTSP client connection over TCP, or over TLS on the server's TLS port
+// (the link, net/qz_rtsp_link.h): reads and parses requests and hands them
+// to the request handler, and writes the answers, interleaved RTCP and the
+// media of its TCP sessions (scatter-gather, straight from the stream's
 // shared packets) in order. With the server's `http_tunnel` on, it may be a
 // half of an HTTP tunnel instead (wire/qz_rtsp_tunnel.h): the GET half is
 // the client the server's logic sees; the POST half decodes requests and
@@ -18,6 +19,7 @@
 
 #include "protocol/rtsp_in_server/control/qz_rtsp_client.h"
 #include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
+#include "protocol/rtsp_in_server/net/qz_rtsp_link.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_tunnel.h"
 
@@ -28,11 +30,14 @@ class RtspConnection : public RtspClient {
   // `on_closed` runs once when the connection closes. `sniff`: its first
   // bytes may make it a half of an HTTP tunnel.
   RtspConnection(RtspServerCore& core,
-                 asio::ip::tcp::socket socket,
+                 std::unique_ptr<RtspLink> link,
                  bool over_limit,
                  bool sniff,
                  std::function<void(RtspConnection*)> on_closed);
 
+  // The link's handshake (TLS), then the first read. A handshake that fails
+  // closes the connection; one that has not ended within the request time
+  // limit is closed like a request begun and not finished.
   void Start();
 
   void SendResponse(std::string response) override;
@@ -77,7 +82,7 @@ class RtspConnection : public RtspClient {
   void FinishWrite(const asio::error_code& ec, size_t bytes);
 
   RtspServerCore& core_;
-  asio::ip::tcp::socket socket_;
+  std::unique_ptr<RtspLink> link_;
   std::function<void(RtspConnection*)> on_closed_;
   bool closed_ = false;
   RtspRequestParser parser_;

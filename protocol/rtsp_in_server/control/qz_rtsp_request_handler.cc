@@ -302,7 +302,9 @@ void RtspRequestHandler::Setup(RtspClient& client,
                                const std::string& cseq) {
   const std::string* transport_header = request.Header("Transport");
   RtspTransport transport;
-  if (transport_header == nullptr || !ParseRtspTransport(*transport_header, transport) ||
+  if (transport_header == nullptr ||
+      !(client.encrypted ? ParseRtspTcpTransport(*transport_header, transport)
+                         : ParseRtspTransport(*transport_header, transport)) ||
       transport.has_destination()) {
     Reply(client, 461, cseq);  // nothing this server can send to, or not to the asker
     return;

@@ -1,12 +1,10 @@
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
-#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <future>
 
 #include "protocol/rtsp_in_server/control/qz_rtsp_server_impl.h"
-#include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 #include "utility/qz_log.h"
 
 namespace qz_rtsp_internal_server {
@@ -15,9 +13,6 @@ namespace {
 using qz_utility::LogFormat;
 
 constexpr auto kTickInterval = std::chrono::milliseconds(500);
-// Refused connections waiting to read the request their 503 answers; more
-// are closed without an answer.
-constexpr int kMaxRefusing = 16;
 
 // Stream names become a URL path segment: unreserved characters only
 // (RFC 3986), so that every client can type and parse the URL.
@@ -68,12 +63,20 @@ uint16_t QZRtspServer::HttpTunnelPort() const {
   return impl_->http_tunnel_port();
 }
 
+uint16_t QZRtspServer::TlsPort() const {
+  return impl_->tls_port();
+}
+
 std::string QZRtspServer::UrlFor(const std::string& stream_name) const {
   return impl_->UrlFor(stream_name);
 }
 
 std::vector<std::string> QZRtspServer::CandidateUrls(const std::string& stream_name) const {
   return impl_->CandidateUrls(stream_name);
+}
+
+std::string QZRtspServer::TlsUrlFor(const std::string& stream_name) const {
+  return impl_->TlsUrlFor(stream_name);
 }
 
 QZRtspServerStats QZRtspServer::GetStats() const {
@@ -108,6 +111,18 @@ bool QZRtspServer::Impl::Start() {
   // Every failure is logged with the system's reason (address in use,
   // permission denied, ...): a bare false tells the application nothing.
   std::string why;
+  if (options_.tls_port >= 0) {
+    TlsCredentials credentials;
+    credentials.cert_file = options_.tls_cert_file;
+    credentials.key_file = options_.tls_key_file;
+    credentials.cert_pem = options_.tls_cert_pem;
+    credentials.key_pem = options_.tls_key_pem;
+    tls_ = TlsServerContext::Create(credentials, why);
+    if (!tls_) {
+      LogFormat("VartoLogIOS [E] QZRtspServer::Start cannot serve TLS: %s\n", why.c_str());
+      return false;
+    }
+  }
   if (Listen(why) && !OpenUdp()) {
     why = "no UDP port pair for RTP and RTCP could be opened";
   }
@@ -117,6 +132,8 @@ bool QZRtspServer::Impl::Start() {
               options_.bind_address.c_str(), why.c_str());
     acceptor_.reset();
     http_acceptor_.reset();
+    tls_acceptor_.reset();
+    tls_.reset();
     udp_rtp_.reset();
     udp_rtcp_.reset();
     return false;
@@ -151,89 +168,18 @@ bool QZRtspServer::Impl::Start() {
     std::lock_guard<std::mutex> lock(streams_mutex_);
     running_.store(true);
   }
-  DoAccept(*acceptor_, options_.http_tunnel);
+  DoAccept(*acceptor_, options_.http_tunnel, false);
   if (http_acceptor_) {
-    DoAccept(*http_acceptor_, true);
+    DoAccept(*http_acceptor_, true, false);
+  }
+  if (tls_acceptor_) {
+    // What the RTSP port serves, inside TLS.
+    DoAccept(*tls_acceptor_, options_.http_tunnel, true);
   }
   ReceiveUdp(*udp_rtp_, 0);
   ReceiveUdp(*udp_rtcp_, 1);
   OnTick();
   thread_ = std::thread([this] { io_.run(); });
-  return true;
-}
-
-bool QZRtspServer::Impl::Listen(std::string& why) {
-  acceptor_.reset(new asio::ip::tcp::acceptor(io_));
-  if (!OpenRtspListener(*acceptor_, options_.bind_address, options_.port, why)) {
-    return false;
-  }
-  asio::error_code ec;
-  const asio::ip::tcp::endpoint endpoint = acceptor_->local_endpoint(ec);
-  port_.store(endpoint.port());
-  if (options_.http_tunnel_port >= 0) {
-    http_acceptor_.reset(new asio::ip::tcp::acceptor(io_));
-    if (options_.http_tunnel_port > 65535 ||
-        !OpenRtspListener(*http_acceptor_, options_.bind_address,
-                          static_cast<uint16_t>(options_.http_tunnel_port), why)) {
-      why = "HTTP tunnel port " + std::to_string(options_.http_tunnel_port) + ": " +
-            (why.empty() ? "out of range" : why);
-      return false;
-    }
-    http_port_.store(http_acceptor_->local_endpoint(ec).port());
-  }
-  {
-    std::lock_guard<std::mutex> lock(url_mutex_);
-    listen_address_ = endpoint.address();
-  }
-  RefreshUrlHosts();
-  return true;
-}
-
-std::vector<std::string> QZRtspServer::Impl::RefreshUrlHosts() {
-  asio::ip::address at;
-  {
-    std::lock_guard<std::mutex> lock(url_mutex_);
-    at = listen_address_;
-  }
-  std::vector<std::string> hosts;
-  if (!options_.url_host.empty()) {
-    hosts.push_back(options_.url_host);
-  } else if (!at.is_unspecified()) {
-    hosts.push_back(at.to_string());
-  } else {
-    // Listed at each call (a pipe accepted, the application asking): a
-    // phone moves between Wi-Fi, cellular and VPNs while the server runs.
-    std::vector<InterfaceAddress> interfaces = ListInterfaceAddresses();
-    if (at.is_v4()) {  // the listener fell back to IPv4: no IPv6 reaches it
-      interfaces.erase(
-          std::remove_if(interfaces.begin(), interfaces.end(),
-                         [](const InterfaceAddress& entry) { return entry.address.is_v6(); }),
-          interfaces.end());
-    }
-    hosts = RankUrlHosts(interfaces);
-  }
-  std::lock_guard<std::mutex> lock(url_mutex_);
-  if (url_hosts_.empty() || url_hosts_.front() != hosts.front()) {
-    LogFormat("VartoLogIOS [I] QZRtspServer URLs name %s (%zu candidate hosts)\n",
-              hosts.front().c_str(), hosts.size());
-  }
-  url_hosts_ = hosts;
-  return hosts;
-}
-
-// One RTP/RTCP port pair for all clients: clients are told apart by their
-// own addresses and ports.
-bool QZRtspServer::Impl::OpenUdp() {
-  UdpPortPair pair;
-  asio::error_code ec;
-  const asio::ip::address at = acceptor_->local_endpoint(ec).address();
-  if (ec || !OpenUdpPortPair(
-                io_, at, [] { return RtspRandom::Crypto().Next32(); }, pair)) {
-    return false;
-  }
-  udp_rtp_ = std::move(pair.rtp);
-  udp_rtcp_ = std::move(pair.rtcp);
-  udp_rtp_port_ = pair.rtp_port;
   return true;
 }
 
@@ -248,6 +194,7 @@ void QZRtspServer::Impl::Stop() {
     gate_->Close();
     port_.store(0);
     http_port_.store(0);
+    tls_port_.store(0);
     if (std::this_thread::get_id() == thread_.get_id()) {
       // Called from a callback on the network thread (a key-frame request):
       // the shutdown happens here, the thread ends when the callback
@@ -281,6 +228,8 @@ void QZRtspServer::Impl::Reap() {
   core_.reset();
   acceptor_.reset();
   http_acceptor_.reset();
+  tls_acceptor_.reset();
+  tls_.reset();  // after every connection
   udp_rtp_.reset();
   udp_rtcp_.reset();
   tick_.reset();
@@ -291,6 +240,9 @@ void QZRtspServer::Impl::Shutdown() {
   acceptor_->close(ec);
   if (http_acceptor_) {
     http_acceptor_->close(ec);
+  }
+  if (tls_acceptor_) {
+    tls_acceptor_->close(ec);
   }
   tick_->cancel();
   for (const auto& timer : timers_) {
@@ -319,26 +271,6 @@ void QZRtspServer::Impl::Shutdown() {
 }
 
 // ---- pipes --------------------------------------------------------------------------
-
-std::string QZRtspServer::Impl::UrlFor(const std::string& stream_name) {
-  const std::vector<std::string> urls = CandidateUrls(stream_name);
-  return urls.empty() ? std::string() : urls.front();
-}
-
-std::vector<std::string> QZRtspServer::Impl::CandidateUrls(const std::string& stream_name) {
-  std::vector<std::string> urls;
-  if (!running_.load()) {
-    return urls;
-  }
-  const std::string port = std::to_string(port_.load());
-  for (std::string host : RefreshUrlHosts()) {
-    if (host.find(':') != std::string::npos && host.front() != '[') {
-      host = "[" + host + "]";  // an IPv6 address
-    }
-    urls.push_back("rtsp://" + host + ":" + port + "/" + stream_name);
-  }
-  return urls;
-}
 
 bool QZRtspServer::Impl::AcceptPiple(const std::shared_ptr<QZRtspPacketPiple>& piple,
                                      std::string& why) {
@@ -412,92 +344,6 @@ std::shared_ptr<RtspStream> QZRtspServer::Impl::FindStream(const std::string& na
 }
 
 // ---- network thread -----------------------------------------------------------------
-
-void QZRtspServer::Impl::DoAccept(asio::ip::tcp::acceptor& acceptor, bool sniff) {
-  acceptor.async_accept(
-      [this, &acceptor, sniff](const asio::error_code& ec, asio::ip::tcp::socket socket) {
-        if (ec == asio::error::operation_aborted || !acceptor.is_open()) {
-          return;
-        }
-        if (ec) {
-          // Out of file descriptors or a passing fault: try again shortly
-          // rather than letting the accept loop die. The acceptor lives until
-          // the thread is joined, after every timer has been cancelled.
-          auto retry = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(100));
-          retry->async_wait([this, retry, &acceptor, sniff](const asio::error_code& wait_ec) {
-            if (!wait_ec && acceptor.is_open()) {
-              DoAccept(acceptor, sniff);
-            }
-          });
-          return;
-        }
-        Admit(std::move(socket), sniff);
-        DoAccept(acceptor, sniff);
-      });
-}
-
-void QZRtspServer::Impl::Admit(asio::ip::tcp::socket socket, bool sniff) {
-  asio::error_code ec;
-  const asio::ip::tcp::endpoint remote = socket.remote_endpoint(ec);
-  if (ec) {
-    return;  // already gone
-  }
-  std::vector<RtspClient*> open;
-  int refusing = 0;
-  for (const auto& connection : connections_) {
-    if (connection->over_limit) {
-      ++refusing;
-    } else {
-      open.push_back(connection.get());
-    }
-  }
-  RtspClient* evict = nullptr;
-  const RtspServerCore::Admission admission = core_->Admit(open, remote.address(), &evict);
-  if (admission == RtspServerCore::Admission::kEvict) {
-    core_->CountRefused();
-    evict->Close();
-  }
-  const bool refused = admission == RtspServerCore::Admission::kRefuse;
-  if (refused) {
-    core_->CountRefused();
-    if (refusing >= kMaxRefusing) {
-      // A flood: no answer, the socket closes at once.
-      socket.close(ec);
-      return;
-    }
-  }
-  auto connection = std::make_shared<RtspConnection>(
-      *core_, std::move(socket), refused, sniff, [this](RtspConnection* closed) {
-        for (auto it = connections_.begin(); it != connections_.end(); ++it) {
-          if (it->get() == closed) {
-            connections_.erase(it);
-            break;
-          }
-        }
-        stat_connections_ = static_cast<int>(connections_.size());
-      });
-  connections_.insert(connection);
-  stat_connections_ = static_cast<int>(connections_.size());
-  connection->Start();
-}
-
-// What clients send to the RTP and RTCP ports: receiver reports, BYE, and
-// NAT keep-alives, routed to the sender's session by address and port.
-void QZRtspServer::Impl::ReceiveUdp(asio::ip::udp::socket& socket, int which) {
-  socket.async_receive_from(asio::buffer(udp_buffer_[which]), udp_sender_[which],
-                            [this, &socket, which](const asio::error_code& ec, size_t size) {
-                              if (ec == asio::error::operation_aborted || !socket.is_open()) {
-                                return;
-                              }
-                              if (!ec) {
-                                const RtspClock& clock = core_->fanout().clock();
-                                core_->table().OnUdpPacket(
-                                    udp_sender_[which], udp_buffer_[which].data(), size,
-                                    core_->NowMs(), RtcpCompactNtp(clock.WallUs()));
-                              }
-                              ReceiveUdp(socket, which);
-                            });
-}
 
 void QZRtspServer::Impl::OnTick() {
   const long long now = core_->NowMs();

@@ -1,7 +1,9 @@
-// The server's lifecycle and sockets: the listening socket and accept, the
+// The server's lifecycle and sockets: the listening sockets (RTSP, and the
+// HTTP tunnel and TLS ports when asked for) and accept, the TLS context, the
 // UDP port pair, the network thread, the streams offered through the
-// registry, the half-second tick and the statistics. What happens to
-// requests, sessions and packets is the core's (qz_rtsp_core.h).
+// registry, the half-second tick and the statistics (qz_rtsp_server.cc;
+// the sockets, accepting and the URLs in qz_rtsp_server_sockets.cc). What
+// happens to requests, sessions and packets is the core's (qz_rtsp_core.h).
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SERVER_IMPL_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SERVER_IMPL_H_
 
@@ -21,6 +23,7 @@
 #include "protocol/rtsp_in_server/net/qz_udp_sink.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+#include "protocol/rtsp_in_server/tls/qz_tls_server.h"
 
 namespace qz_rtsp_internal_server {
 
@@ -38,23 +41,34 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   bool running() const { return running_.load(); }
   uint16_t port() const { return port_.load(); }
   uint16_t http_tunnel_port() const { return http_port_.load(); }
+  uint16_t tls_port() const { return tls_port_.load(); }
   std::string UrlFor(const std::string& stream_name);
   std::vector<std::string> CandidateUrls(const std::string& stream_name);
+  std::string TlsUrlFor(const std::string& stream_name);
   QZRtspServerStats Stats();
 
  private:
   bool Listen(std::string& why);
+  // A second listener (the HTTP tunnel's, TLS's) on `port` (0: a free one)
+  // where the RTSP one listens; false with the reason in `why`.
+  bool ListenAlso(const char* what,
+                  int port,
+                  std::unique_ptr<asio::ip::tcp::acceptor>& acceptor,
+                  std::atomic<uint16_t>& bound,
+                  std::string& why);
+  // `scheme`://host:`port`/`stream_name` for every host of RefreshUrlHosts().
+  std::vector<std::string> Urls(const char* scheme, uint16_t port, const std::string& stream_name);
   // The hosts the URLs name, best first, worked out anew: the one the
   // application set, else the address listened on, else (listening on every
   // interface) the device's addresses as they are now.
   std::vector<std::string> RefreshUrlHosts();
   bool OpenUdp();
   // Accepts on `acceptor` for as long as it is open; `sniff`: its
-  // connections may be HTTP tunnel halves.
-  void DoAccept(asio::ip::tcp::acceptor& acceptor, bool sniff);
+  // connections may be HTTP tunnel halves; `tls`: they run inside TLS.
+  void DoAccept(asio::ip::tcp::acceptor& acceptor, bool sniff, bool tls);
   // A new connection: admitted, admitted in place of an idle one, or
   // refused (answered 503 and closed).
-  void Admit(asio::ip::tcp::socket socket, bool sniff);
+  void Admit(asio::ip::tcp::socket socket, bool sniff, bool tls);
   void ReceiveUdp(asio::ip::udp::socket& socket, int which);
   void OnTick();
   std::shared_ptr<RtspStream> FindStream(const std::string& name);
@@ -68,6 +82,9 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   std::thread thread_;
   std::unique_ptr<asio::ip::tcp::acceptor> acceptor_;
   std::unique_ptr<asio::ip::tcp::acceptor> http_acceptor_;  // the separate tunnel port
+  std::unique_ptr<asio::ip::tcp::acceptor> tls_acceptor_;
+  // From Start() until the thread is joined (its connections use it).
+  std::unique_ptr<TlsServerContext> tls_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtp_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtcp_;
   uint16_t udp_rtp_port_ = 0;
@@ -82,6 +99,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   std::atomic<bool> running_{false};
   std::atomic<uint16_t> port_{0};
   std::atomic<uint16_t> http_port_{0};
+  std::atomic<uint16_t> tls_port_{0};
   std::mutex url_mutex_;  // guards what follows: URLs are asked for on any thread
   asio::ip::address listen_address_;
   std::vector<std::string> url_hosts_;  // the latest, to log when the best one changes

@@ -143,7 +143,9 @@ bool ParseRtspTransports(const std::string& header, std::vector<RtspTransport>& 
   return true;
 }
 
-bool ParseRtspTransport(const std::string& header, RtspTransport& transport) {
+namespace {
+
+bool FirstServable(const std::string& header, RtspTransport& transport, bool tcp_only) {
   // Spec by spec, so that one this server does not know (RTP/SAVP, say)
   // does not hide a later one it does.
   std::vector<std::string> specs;
@@ -156,13 +158,23 @@ bool ParseRtspTransport(const std::string& header, RtspTransport& transport) {
       continue;
     }
     if (t.kind == RtspTransport::Kind::kUdp &&
-        (t.client_rtp_port <= 0 || t.client_rtcp_port <= 0)) {
+        (tcp_only || t.client_rtp_port <= 0 || t.client_rtcp_port <= 0)) {
       continue;
     }
     transport = t;
     return true;
   }
   return false;
+}
+
+}  // namespace
+
+bool ParseRtspTransport(const std::string& header, RtspTransport& transport) {
+  return FirstServable(header, transport, false);
+}
+
+bool ParseRtspTcpTransport(const std::string& header, RtspTransport& transport) {
+  return FirstServable(header, transport, true);
 }
 
 std::string WriteRtspTransport(const RtspTransport& t) {

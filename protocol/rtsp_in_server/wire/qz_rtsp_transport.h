@@ -42,6 +42,9 @@ bool ParseRtspTransports(const std::string& header, std::vector<RtspTransport>& 
 // a client_port pair, or TCP (interleaved channels optional), to play. False
 // when none qualifies: the caller answers 461 Unsupported Transport.
 bool ParseRtspTransport(const std::string& header, RtspTransport& transport);
+// The same, among the TCP transports only: for a connection inside TLS,
+// whose media must not leave it in clear.
+bool ParseRtspTcpTransport(const std::string& header, RtspTransport& transport);
 std::string WriteRtspTransport(const RtspTransport& transport);
 
 // Value equality, for tests and the round-trip fuzzer.

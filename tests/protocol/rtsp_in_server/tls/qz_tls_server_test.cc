@@ -1,0 +1,293 @@
+// RTSP over TLS on the server's TLS port, over loopback: a viewer that plays
+// inside TLS (and is never sent media over UDP, in clear), what arrives at
+// the TLS port besides (stalled and broken handshakes, plain RTSP, an old
+// TLS version) while it plays, Digest authentication inside TLS, and the
+// certificate and key an application gives Start(). The certificates are
+// made at run time: no private key is kept in the repository.
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth_header.h"
+#include "tests/fakes/loopback_server.h"
+#include "tests/fakes/rtsp_test_client.h"
+#include "tests/fakes/test_support.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+using qz_test::Client;
+using qz_test::Response;
+
+struct OpenSslFree {
+  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+  void operator()(X509* p) const { X509_free(p); }
+  void operator()(BIO* p) const { BIO_free(p); }
+  void operator()(SSL_CTX* p) const { SSL_CTX_free(p); }
+};
+template <typename T>
+using Owned = std::unique_ptr<T, OpenSslFree>;
+
+struct Credentials {
+  std::string cert_pem;
+  std::string key_pem;
+};
+
+std::string Pem(const std::function<int(BIO*)>& write) {
+  Owned<BIO> bio(BIO_new(BIO_s_mem()));
+  EXPECT_EQ(write(bio.get()), 1);
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<size_t>(size));
+}
+
+// A P-256 key and a certificate for it, self-signed, valid for a day.
+Credentials MakeCredentials() {
+  Owned<EVP_PKEY> key(EVP_EC_gen("P-256"));
+  Owned<X509> cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), name);
+  X509_set_pubkey(cert.get(), key.get());
+  EXPECT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
+  Credentials made;
+  made.cert_pem = Pem([&cert](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
+  made.key_pem = Pem([&key](BIO* bio) {
+    return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  });
+  return made;
+}
+
+const Credentials& ServerCredentials() {
+  static const Credentials credentials = MakeCredentials();
+  return credentials;
+}
+
+// A client context that trusts only the server's certificate (a handshake
+// with any other fails), up to TLS 1.3.
+Owned<SSL_CTX> TrustingContext(int max_version = TLS1_3_VERSION) {
+  Owned<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
+  const std::string& pem = ServerCredentials().cert_pem;
+  Owned<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  Owned<X509> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), cert.get());
+  SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+  SSL_CTX_set_max_proto_version(context.get(), max_version);
+  return context;
+}
+
+// A client that offers TLS 1.0 and 1.1 only (OpenSSL 3 needs security level
+// 0 to offer them at all).
+Owned<SSL_CTX> Tls11Context() {
+  Owned<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
+  SSL_CTX_set_security_level(context.get(), 0);
+  SSL_CTX_set_cipher_list(context.get(), "DEFAULT:@SECLEVEL=0");
+  SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
+  SSL_CTX_set_max_proto_version(context.get(), TLS1_1_VERSION);
+  return context;
+}
+
+class TlsServerTest : public LoopbackServerTest {
+ protected:
+  // Tight request limits, a TLS port, and a handshake (or request) that
+  // must end within 400 ms.
+  static QZRtspServerOptions TlsOptions() {
+    QZRtspServerOptions options = Options();
+    options.tls_port = 0;
+    options.tls_cert_pem = ServerCredentials().cert_pem;
+    options.tls_key_pem = ServerCredentials().key_pem;
+    options.request_timeout_ms = 400;
+    return options;
+  }
+  void SetUp() override { RestartTls(TlsOptions()); }
+  // Restart(), and requests name the rtsps:// URL.
+  void RestartTls(const QZRtspServerOptions& options) {
+    Restart(options);
+    url_ = server_->TlsUrlFor("live");
+  }
+
+  Owned<SSL_CTX> trusting_ = TrustingContext();
+};
+
+// A viewer inside TLS: OPTIONS, a DESCRIBE whose base URL is the rtsps://
+// one, a SETUP that offers only UDP (refused: its media would cross the
+// network in clear), one that offers UDP before TCP (TCP taken), PLAY, and
+// RTCP and RTP interleaved inside TLS. The RTSP port stays plain.
+TEST_F(TlsServerTest, ViewerPlaysInsideTls) {
+  EXPECT_EQ(url_, "rtsps://127.0.0.1:" + std::to_string(server_->TlsPort()) + "/live");
+  Client c(server_->TlsPort(), "", trusting_.get());
+  ASSERT_TRUE(c.connected());
+  EXPECT_EQ(AskOptions(c), 200);
+  c.Send(Client::Request("DESCRIBE", url_, 2));
+  Response describe = c.Read();
+  EXPECT_EQ(describe.status, 200);
+  EXPECT_EQ(describe.headers["Content-Base"], url_ + "/");
+  c.Send(Client::Request("SETUP", url_ + "/trackID=0", 3,
+                         "Transport: RTP/AVP;unicast;client_port=5000-5001\r\n"));
+  EXPECT_EQ(c.Read().status, 461);
+  Response setup;
+  ASSERT_EQ(
+      Play(c, "RTP/AVP;unicast;client_port=5000-5001,RTP/AVP/TCP;unicast;interleaved=0-1", &setup),
+      200);
+  EXPECT_EQ(setup.headers["Transport"].compare(0, 11, "RTP/AVP/TCP"), 0)
+      << setup.headers["Transport"];
+  std::set<int> channels;
+  int video = 0;
+  for (const auto& frame : c.Frames(700)) {
+    channels.insert(frame.first);
+    video += frame.first == 0 && frame.second.size() > 12 &&
+             static_cast<uint8_t>(frame.second[0]) == 0x80 && (frame.second[1] & 0x7F) == 96;
+  }
+  EXPECT_EQ(channels, (std::set<int>{0, 1}));
+  EXPECT_GT(video, 20);
+  Client plain(server_->Port());
+  EXPECT_EQ(AskOptions(plain), 200);
+}
+
+// What arrives at the TLS port while a viewer plays there: each connection
+// on its own is served (TLS 1.2 is enough), or closed and counted as
+// refused: at once when its handshake fails, within the request limit when
+// it stalls. The viewer keeps getting media throughout.
+TEST_F(TlsServerTest, HandshakesThatFailOrStallAreClosed) {
+  Owned<SSL_CTX> tls12 = TrustingContext(TLS1_2_VERSION), tls11 = Tls11Context();
+  const struct {
+    const char* name;
+    SSL_CTX* tls;       // null: a plain TCP connection
+    std::string bytes;  // sent after connecting (plain ones)
+    bool served;
+  } cases[] = {
+      {"tls_1_2", tls12.get(), "", true},
+      {"stalled_handshake", nullptr, "", false},
+      {"half_a_client_hello", nullptr, std::string("\x16\x03\x01\x02\x00\x01", 6), false},
+      {"garbage", nullptr, "\x01\x02\x03 garbage\r\n\r\n", false},
+      {"plain_rtsp", nullptr, Client::Request("OPTIONS", url_, 1), false},
+      {"tls_1_1_only", tls11.get(), "", false},
+  };
+  Client viewer(server_->TlsPort(), "", trusting_.get());
+  ASSERT_EQ(Play(viewer), 200);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const unsigned long long refused = server_->GetStats().connections_refused;
+    const auto start = std::chrono::steady_clock::now();
+    Client client(server_->TlsPort(), "", c.tls);
+    client.Send(c.bytes);
+    if (c.served) {
+      EXPECT_TRUE(client.connected());
+      EXPECT_EQ(AskOptions(client), 200);
+    } else {
+      EXPECT_EQ(client.Read(3000).status, -1);
+      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
+    }
+    // A failed handshake's alert may reach the client before the server
+    // counts it.
+    EXPECT_TRUE(qz_test::WaitFor([this, refused, &c] {
+      return server_->GetStats().connections_refused == refused + (c.served ? 0 : 1);
+    }));
+    EXPECT_FALSE(viewer.Frames(100).empty()) << "the viewer keeps getting media";
+  }
+}
+
+// Digest inside TLS: challenged (401), then let in with the answer.
+TEST_F(TlsServerTest, DigestAuthenticationInsideTls) {
+  QZRtspServerOptions options = TlsOptions();
+  options.auth_user = "viewer";
+  options.auth_password = "secret";
+  RestartTls(options);
+  Client c(server_->TlsPort(), "", trusting_.get());
+  c.Send(Client::Request("DESCRIBE", url_, 1));
+  Response challenge = c.Read();
+  ASSERT_EQ(challenge.status, 401);
+  RtspAuthHeader www;
+  ASSERT_TRUE(ParseRtspAuth(challenge.headers["WWW-Authenticate"], www));
+  ASSERT_NE(www.Param("nonce"), nullptr);
+  const std::string& nonce = *www.Param("nonce");
+  const std::string response =
+      RtspAuthenticator::DigestResponse(RtspAuthenticator::Algorithm::kMd5, "viewer", "qz-rtsp",
+                                        "secret", "DESCRIBE", url_, nonce, "", "", "");
+  c.Send(Client::Request("DESCRIBE", url_, 2,
+                         "Authorization: Digest username=\"viewer\", realm=\"qz-rtsp\", nonce=\"" +
+                             nonce + "\", uri=\"" + url_ + "\", response=\"" + response +
+                             "\"\r\n"));
+  EXPECT_EQ(c.Read().status, 200);
+}
+
+// The certificate and key as PEM text or files: Start() succeeds and serves
+// them (the client trusts only that certificate), or fails, leaving nothing
+// running, and logs why.
+TEST(TlsServerStartTest, NeedsACertificateAndItsKey) {
+  char folder[] = "/tmp/qz_tls_test_XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const std::string cert_file = std::string(folder) + "/cert.pem";
+  const std::string key_file = std::string(folder) + "/key.pem";
+  for (const auto& file : {std::make_pair(cert_file, ServerCredentials().cert_pem),
+                           std::make_pair(key_file, ServerCredentials().key_pem)}) {
+    FILE* f = std::fopen(file.first.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs(file.second.c_str(), f);
+    std::fclose(f);
+  }
+  const Credentials& good = ServerCredentials();
+  const std::string other_key = MakeCredentials().key_pem;
+  const struct {
+    const char* name;
+    std::string cert_pem, key_pem, cert_file, key_file;
+    const char* why;  // null: it starts
+  } cases[] = {
+      {"pem", good.cert_pem, good.key_pem, "", "", nullptr},
+      {"files", "", "", cert_file, key_file, nullptr},
+      {"no_key", good.cert_pem, "", "", "", "no private key given"},
+      {"garbage_certificate", "not a certificate", good.key_pem, "", "", "the certificate (PEM"},
+      {"missing_file", "", good.key_pem, cert_file + ".missing", "", "the certificate (file '"},
+      {"another_key", good.cert_pem, other_key, "", "", "the private key (PEM text)"},
+  };
+  Owned<SSL_CTX> trusting = TrustingContext();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    QZRtspServerOptions options;
+    options.port = 0;
+    options.tls_port = 0;
+    options.tls_cert_pem = c.cert_pem;
+    options.tls_key_pem = c.key_pem;
+    options.tls_cert_file = c.cert_file;
+    options.tls_key_file = c.key_file;
+    qz_test::LogCapture log;
+    QZRtspServer server(options);
+    EXPECT_EQ(server.Start(), c.why == nullptr);
+    const std::vector<std::string> errors =
+        log.Matching("VartoLogIOS [E] QZRtspServer::Start cannot serve TLS: ");
+    if (c.why == nullptr) {
+      EXPECT_TRUE(errors.empty());
+      Client client(server.TlsPort(), "", trusting.get());
+      EXPECT_TRUE(client.connected());
+    } else {
+      EXPECT_FALSE(server.IsRunning());
+      EXPECT_EQ(server.TlsPort(), 0);
+      ASSERT_EQ(errors.size(), 1u);
+      EXPECT_NE(errors[0].find(c.why), std::string::npos) << errors[0];
+    }
+  }
+  unlink(cert_file.c_str());
+  unlink(key_file.c_str());
+  rmdir(folder);
+}
+
+}  // namespace
+}  // namespace qz_rtsp_internal_server
