@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "protocol/rtsp_in_server/net/qz_udp_demux.h"
+
 namespace qz_rtsp_internal_server {
 
 RtspServerCore::RtspServerCore(const QZRtspServerOptions& options, Env env, Totals& totals)
@@ -26,12 +28,6 @@ namespace {
 // answers.
 constexpr long long kRefusedGraceMs = 2000;
 
-asio::ip::address Plain(const asio::ip::address& address) {
-  return address.is_v6() && address.to_v6().is_v4_mapped()
-             ? asio::ip::address(asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()))
-             : address;
-}
-
 bool Playing(const RtspClient& client) {
   const RtspClient& sessions = client.tunnel_output ? *client.tunnel_output : client;
   for (const auto& entry : sessions.sessions()) {
@@ -47,11 +43,11 @@ bool Playing(const RtspClient& client) {
 RtspServerCore::Admission RtspServerCore::Admit(const std::vector<RtspClient*>& open,
                                                 const asio::ip::address& from,
                                                 RtspClient** evict) const {
-  const asio::ip::address address = Plain(from);
+  const asio::ip::address address = PlainAddress(from);
   int same_address = 0;
   RtspClient* oldest_idle = nullptr;
   for (RtspClient* client : open) {
-    same_address += Plain(client->remote().address()) == address ? 1 : 0;
+    same_address += PlainAddress(client->remote().address()) == address ? 1 : 0;
     if (!Playing(*client) &&
         (oldest_idle == nullptr || client->accepted_ms < oldest_idle->accepted_ms)) {
       oldest_idle = client;
@@ -133,7 +129,7 @@ std::vector<QZRtspSessionStats> RtspServerCore::SessionStats() const {
     s.stream = session.stream().name();
     s.tcp = session.HasTcpTrack();
     if (auto client = session.client()) {
-      s.client = Plain(client->remote().address()).to_string();  // IPv4 clients as IPv4
+      s.client = PlainAddress(client->remote().address()).to_string();  // IPv4 clients as IPv4
     }
     s.playing = session.playing();
     s.bytes_sent = session.bytes_sent;

@@ -1,5 +1,7 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_tunnel_table.h"
 
+#include "protocol/rtsp_in_server/net/qz_udp_demux.h"
+
 namespace qz_rtsp_internal_server {
 namespace {
 
@@ -9,15 +11,9 @@ std::shared_ptr<RtspClient> Live(const std::weak_ptr<RtspClient>& half) {
   return client && !client->closed() ? client : nullptr;
 }
 
-// IPv4 clients of a dual-stack socket arrive as v4-mapped IPv6 addresses.
-asio::ip::address Plain(const asio::ip::address& address) {
-  return address.is_v6() && address.to_v6().is_v4_mapped()
-             ? asio::ip::address(asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()))
-             : address;
-}
-
 bool SameAddress(const RtspClient& a, const RtspClient& b) {
-  return Plain(a.remote().address()) == Plain(b.remote().address());
+  // IPv4 clients of a dual-stack socket arrive as v4-mapped IPv6 addresses.
+  return PlainAddress(a.remote().address()) == PlainAddress(b.remote().address());
 }
 
 }  // namespace

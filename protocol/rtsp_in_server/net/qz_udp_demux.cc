@@ -2,13 +2,14 @@
 
 namespace qz_rtsp_internal_server {
 
+asio::ip::address PlainAddress(const asio::ip::address& address) {
+  return address.is_v6() && address.to_v6().is_v4_mapped()
+             ? asio::ip::address(asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()))
+             : address;
+}
+
 asio::ip::udp::endpoint UdpDemux::Key(const asio::ip::udp::endpoint& endpoint) {
-  const asio::ip::address& address = endpoint.address();
-  if (address.is_v6() && address.to_v6().is_v4_mapped()) {
-    return asio::ip::udp::endpoint(asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()),
-                                   endpoint.port());
-  }
-  return endpoint;
+  return asio::ip::udp::endpoint(PlainAddress(endpoint.address()), endpoint.port());
 }
 
 void UdpDemux::Add(const asio::ip::udp::endpoint& from, const std::string& owner) {

@@ -13,6 +13,10 @@
 
 namespace qz_rtsp_internal_server {
 
+// An IPv4 peer of a dual-stack socket (::ffff:a.b.c.d) as its IPv4 address;
+// any other address as it is. What the server compares and shows.
+asio::ip::address PlainAddress(const asio::ip::address& address);
+
 class UdpDemux {
  public:
   // Routes `from` to `owner` (a session id); a later Add of the same
