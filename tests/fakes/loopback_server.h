@@ -60,13 +60,15 @@ inline void Publish(QZRtspPacketPiple& piple, const std::atomic<bool>& stop) {
 
 class LoopbackServerTest : public ::testing::Test {
  protected:
-  // A free port, and tight request limits (see BytesOnAConnection).
+  // A free port, and tight request limits (see BytesOnAConnection): a
+  // request (or a TLS handshake) must end within 400 ms.
   static QZRtspServerOptions Options() {
     QZRtspServerOptions options;
     options.url_host = "127.0.0.1";
     options.port = 0;
     options.max_headers = 5;
     options.max_request_bytes = 512;
+    options.request_timeout_ms = 400;
     return options;
   }
   void SetUp() override { Restart(Options()); }

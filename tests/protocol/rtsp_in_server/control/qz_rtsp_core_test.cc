@@ -71,7 +71,10 @@ struct RequestCase {
   const char* header = "";  // a header the answer must have ("Name: part of its value")
   // Requests sent first, each answered 200 ("{S}": the session id so far).
   std::vector<std::string> before = {};
+  int client = 0;  // kOverLimit: a connection the server's limits refused; kTls: one inside TLS
 };
+
+constexpr int kOverLimit = 1, kTls = 2;
 
 std::string Req(const std::string& line, const std::string& extra = "") {
   return line + " RTSP/1.0\r\nCSeq: 1\r\n" + extra + "\r\n";
@@ -133,6 +136,15 @@ const RequestCase kRequestCases[] = {
     {"udp_setup_names_both_port_pairs",
      SetupOf(kU + "/trackID=1", "RTP/AVP;unicast;client_port=7000-7001"), 200,
      "Transport: RTP/AVP;unicast;client_port=7000-7001;server_port=20000-20001;ssrc="},
+    {"over_limit", Req("OPTIONS " + kU), 503, "Retry-After: 5", {}, kOverLimit},
+    // Inside TLS media goes inside the connection only, never over UDP in clear.
+    {"tls_udp_setup", SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001"), 461, "", {}, kTls},
+    {"tls_udp_or_tcp_setup",
+     SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001,RTP/AVP/TCP;unicast;interleaved=0-1"),
+     200,
+     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1",
+     {},
+     kTls},
 };
 
 class RequestTest : public ::testing::TestWithParam<RequestCase> {};
@@ -141,6 +153,8 @@ TEST_P(RequestTest, Answered) {
   const RequestCase& c = GetParam();
   FakeRtspCore server;
   auto client = server.Connect();
+  client->over_limit = c.client == kOverLimit;
+  client->encrypted = c.client == kTls;
   std::string session;
   auto expand = [&session](std::string s) {
     for (size_t at; (at = s.find("{S}")) != std::string::npos;) {
@@ -157,8 +171,8 @@ TEST_P(RequestTest, Answered) {
   }
   const Reply r = server.SendRaw(*client, expand(c.request));
   EXPECT_EQ(r.status, c.status);
-  EXPECT_EQ(client->close_after_write, c.status == 400)
-      << "only a broken request ends the connection";
+  EXPECT_EQ(client->close_after_write, c.status == 400 || c.client == kOverLimit)
+      << "only a broken request, or a connection over the limits, ends the connection";
   const std::string header = c.header;
   if (!header.empty()) {
     const size_t colon = header.find(": ");

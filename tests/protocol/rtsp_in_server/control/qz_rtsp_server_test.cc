@@ -1,21 +1,19 @@
 // The server over real loopback sockets: what only the sockets, the kernel and
 // the network thread show. A player over TCP and one over UDP with RTCP,
-// bytes as a connection delivers them, the limits on requests, connections
-// and time, the send buffer's size, pipes offered and withdrawn through the
-// manager, the URLs handed out, statistics, Stop and Start (from a
-// callback, on the same port), and RTSP tunnelled through HTTP. What the
-// server answers and sends is tested on fakes in qz_rtsp_core_test.cc.
+// bytes as a connection delivers them, the limits on requests and their time,
+// the send buffer's size, pipes offered and withdrawn through the manager,
+// the URLs handed out, statistics, Stop and Start (from a callback, on the
+// same port), and RTSP tunnelled through HTTP. What the server answers and
+// sends is tested on fakes in qz_rtsp_core_test.cc.
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -41,25 +39,40 @@ std::string Base64(const std::string& bytes) {
 
 using ServerTest = LoopbackServerTest;
 
+// The size of the send buffer of the server's end of `c`'s connection (the
+// server runs in this process), or -1. The port sits at the same place in
+// IPv4 and IPv6 addresses.
+int SendBufferOf(const Client& c) {
+  for (int fd = 3; fd < 1024; ++fd) {
+    sockaddr_storage peer{};
+    socklen_t size = sizeof(peer);
+    int bytes = -1;
+    socklen_t bytes_size = sizeof(bytes);
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+        ntohs(reinterpret_cast<sockaddr_in*>(&peer)->sin_port) == c.local_port() &&
+        getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, &bytes_size) == 0) {
+      return bytes;
+    }
+  }
+  return -1;
+}
+
 // A TCP and a UDP player of one stream, end to end. The TCP one gets reports
-// and video interleaved on the channels it set up (no audio), under a base
-// URL that names the port the server listens on. The UDP one, on two ports
-// of its own, gets media on the first, and its receiver report, sent from the
-// second to the server's RTCP port, reaches its session's statistics.
+// and video interleaved on the channels it set up (no audio). The UDP one, on
+// two ports of its own, gets media on the first, and its receiver report, sent
+// from the second to the server's RTCP port, reaches its session's
+// statistics.
 // GetStats() counts both as playing (after a tick), what each was sent, and
 // the delays from a record's posting (and from the push time only video
-// carries) to its last write. Players that reset their connections mid-play,
-// with media unread, leave nothing behind.
+// carries) to its last write. The TCP player's send buffer holds about half a
+// second of the stream (the test stream is slow, so the 64 KiB floor applies:
+// Linux reports twice what was asked). Players that reset their connections
+// mid-play, with media unread, leave nothing behind.
 TEST_F(ServerTest, TcpAndUdpPlayers) {
   asio::io_context io;
   const asio::ip::udp::endpoint loopback(asio::ip::make_address("127.0.0.1"), 0);
   asio::ip::udp::socket rtp(io, loopback), rtcp(io, loopback);
   Client tcp(server_->Port()), udp(server_->Port());
-  tcp.Send(tcp.Request("DESCRIBE", url_, 12));
-  Response describe = tcp.Read();
-  ASSERT_EQ(describe.status, 200);
-  EXPECT_EQ(describe.headers["CSeq"], "12");
-  EXPECT_EQ(describe.headers["Content-Base"], url_ + "/");
   ASSERT_EQ(Play(tcp), 200);
   Response setup;
   ASSERT_EQ(Play(udp,
@@ -83,6 +96,7 @@ TEST_F(ServerTest, TcpAndUdpPlayers) {
     channels.insert(f.first);
   }
   EXPECT_EQ(channels, (std::set<int>{0, 1}));
+  EXPECT_EQ(SendBufferOf(tcp), 2 * 64 * 1024);
   QZRtspSessionStats s;
   ASSERT_TRUE(WaitFor([this, &s] {
     for (const QZRtspSessionStats& each : server_->GetStats().session_stats) {
@@ -121,10 +135,12 @@ TEST_F(ServerTest, TcpAndUdpPlayers) {
   }));
 }
 
-// What arrives on a connection in one piece, against the limits of Options()
-// (5 headers, 512 bytes): each is answered in order, or waited for (-2), on a
-// connection of its own. A refusal (400) is counted and closes its
-// connection. A viewer keeps playing through all of it.
+// What arrives on a connection, in one piece or dripped a byte at a time,
+// against the limits of Options() (5 headers, 512 bytes, 400 ms for a
+// request): each is answered in order, or waited for (-2), on a connection of
+// its own. A refusal (400), and a request not complete within the time limit
+// (however it drips), is counted and closes its connection (-1). A viewer
+// keeps playing through all of it.
 TEST_F(ServerTest, BytesOnAConnection) {
   const auto options = [this](const std::string& headers) {
     return Client::Request("OPTIONS", url_, 1, headers);
@@ -133,6 +149,7 @@ TEST_F(ServerTest, BytesOnAConnection) {
     const char* name;
     std::string bytes;
     std::vector<int> answers;
+    bool drip = false;
   } cases[] = {
       {"garbage", std::string("\x01\x02\x03 garbage\r\n\r\n", 16), {400}},
       {"pipelined",
@@ -140,7 +157,8 @@ TEST_F(ServerTest, BytesOnAConnection) {
            Client::Request("GET_PARAMETER", url_, 3),
        {200, 200, 200}},
       {"interleaved_frame_then_request", std::string("$\x09\x00\x02zz", 6) + options(""), {200}},
-      {"body_longer_than_sent", options("Content-Length: 100\r\n") + "short", {-2}},
+      {"body_longer_than_sent", options("Content-Length: 100\r\n") + "short", {-2, -1}},
+      {"dripped_past_the_time_limit", options(""), {-1}, true},
       {"four_headers_and_cseq", options("A: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\n"), {200}},
       {"five_headers_and_cseq", options("A: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\nE: 5\r\n"), {400}},
       {"request_under_the_byte_limit", options("X: " + std::string(300, 'x') + "\r\n"), {200}},
@@ -153,7 +171,10 @@ TEST_F(ServerTest, BytesOnAConnection) {
     SCOPED_TRACE(c.name);
     const unsigned long long refused = server_->GetStats().connections_refused;
     Client client(server_->Port());
-    client.Send(c.bytes);
+    for (size_t i = 0; c.drip && i < c.bytes.size() && client.Read(100).status == -2; ++i) {
+      client.Send(c.bytes.substr(i, 1));
+    }
+    client.Send(c.drip ? "" : c.bytes);
     for (size_t i = 0; i < c.answers.size(); ++i) {
       Response r = client.Read(c.answers[i] == -2 ? 300 : 3000);
       EXPECT_EQ(r.status, c.answers[i]);
@@ -161,92 +182,12 @@ TEST_F(ServerTest, BytesOnAConnection) {
         EXPECT_EQ(r.headers["CSeq"], std::to_string(i + 1));
       }
     }
-    const bool bad = c.answers.back() == 400;
-    if (bad) {
+    const bool bad = c.answers.back() == 400 || c.answers.back() == -1;
+    if (c.answers.back() == 400) {
       EXPECT_EQ(client.Read(2000).status, -1);
     }
     EXPECT_EQ(server_->GetStats().connections_refused, refused + (bad ? 1 : 0));
     EXPECT_FALSE(viewer.Frames(100).empty()) << "the viewer keeps getting media";
-  }
-}
-
-// A request dripped in a byte at a time is answered when it completes within
-// the request time limit, and cut off (its connection closed, counted) when
-// it does not; the other connection is still served.
-TEST_F(ServerTest, DrippedRequestsAnsweredInTimeOnly) {
-  QZRtspServerOptions options = Options();
-  options.request_timeout_ms = 400;
-  Restart(options);
-  Client fast(server_->Port()), slow(server_->Port());
-  for (char ch : fast.Request("OPTIONS", url_, 1)) {
-    fast.Send(std::string(1, ch));
-  }
-  EXPECT_EQ(fast.Read().status, 200);
-  const std::string request = slow.Request("OPTIONS", url_, 1);
-  const auto start = std::chrono::steady_clock::now();
-  bool closed = false;
-  for (size_t i = 0; i + 1 < request.size() && !closed; ++i) {
-    slow.Send(request.substr(i, 1));
-    closed = slow.Read(100).status == -1;
-  }
-  EXPECT_TRUE(closed);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-  EXPECT_EQ(server_->GetStats().connections_refused, 1u);
-  EXPECT_EQ(AskOptions(fast, 2), 200);
-}
-
-// With every connection taken by a playing client, a newcomer is answered
-// 503 and let go; once a player leaves, there is room again.
-TEST_F(ServerTest, FullServerAnswers503) {
-  QZRtspServerOptions options = Options();
-  options.max_clients = 2;
-  Restart(options);
-  std::vector<std::unique_ptr<Client>> players;
-  for (int i = 0; i < 2; ++i) {
-    players.push_back(std::make_unique<Client>(server_->Port()));
-    ASSERT_EQ(Play(*players.back()), 200);
-  }
-  Client extra(server_->Port());
-  EXPECT_EQ(AskOptions(extra), 503);
-  EXPECT_EQ(extra.Read(1000).status, -1);
-  players.pop_back();
-  ASSERT_TRUE(WaitFor([this] { return server_->GetStats().connections == 1; }));
-  Client again(server_->Port());
-  EXPECT_EQ(AskOptions(again), 200);
-}
-
-// The server's end of the TCP connection from local port `client_port`
-// (the server runs in this process), or -1. The port sits at the same place
-// in IPv4 and IPv6 addresses.
-int ServerSocketOf(uint16_t client_port) {
-  for (int fd = 3; fd < 1024; ++fd) {
-    sockaddr_storage peer{};
-    socklen_t size = sizeof(peer);
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
-        ntohs(reinterpret_cast<sockaddr_in*>(&peer)->sin_port) == client_port) {
-      return fd;
-    }
-  }
-  return -1;
-}
-
-// A playing TCP client's send buffer holds about half a second of its
-// stream (the test stream is slow, so the 64 KiB floor applies: Linux
-// reports twice what was asked); left to the kernel it is something else.
-TEST_F(ServerTest, TcpSendBufferIsSizedFromTheStreamRate) {
-  for (const int ms : {500, 0}) {
-    QZRtspServerOptions options = Options();
-    options.tcp_send_buffer_ms = ms;
-    Restart(options);
-    Client c(server_->Port());
-    ASSERT_EQ(Play(c), 200);
-    c.Frames(1800);  // a second to measure the rate, then a tick
-    const int fd = ServerSocketOf(c.local_port());
-    ASSERT_GE(fd, 0);
-    int bytes = 0;
-    socklen_t size = sizeof(bytes);
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, &size), 0);
-    EXPECT_EQ(bytes == 2 * 64 * 1024, ms > 0) << bytes;
   }
 }
 
@@ -358,69 +299,58 @@ TEST_F(ServerTest, StopFromACallbackAndRestartOnTheSamePort) {
   EXPECT_EQ(AskOptions(e), 200);
 }
 
-// RTSP tunnelled through HTTP: the GET half is answered HTTP/1.0 and gets
-// every answer and the media; the POST half's base64 requests, each encoded
-// on its own and split anywhere, are handled for it. A second GET of the
-// live cookie, and a POST naming it from another address, are refused
-// without harm to the tunnel; when the POST goes, the GET goes too.
+// RTSP tunnelled through HTTP, on a separate HTTP port (tunnels there
+// whatever `http_tunnel` says, which keeps them off the RTSP port). A POST
+// that comes before its GET waits for it; its base64 requests, each encoded
+// on its own and split anywhere, are handled for the GET, which is answered
+// HTTP/1.0 and gets every answer and the media. A second GET of the live
+// cookie, and a POST naming it from another address, are refused without
+// harm to the tunnel. Garbage in the base64 stream is answered 400 on the
+// GET, and the pair closes together. Left to the kernel (tcp_send_buffer_ms
+// 0), the GET's send buffer is not sized from the stream.
 TEST_F(ServerTest, HttpTunnel) {
   QZRtspServerOptions options = Options();
-  options.http_tunnel = true;
+  options.http_tunnel_port = 0;
+  options.tcp_send_buffer_ms = 0;
   Restart(options);
-  const auto head = [](const char* method, const std::string& cookie) {
-    return std::string(method) + " /live HTTP/1.0\r\nx-sessioncookie: " + cookie +
-           "\r\nContent-Length: 32767\r\n\r\n";
+  const uint16_t port = server_->HttpTunnelPort();
+  ASSERT_NE(port, 0);
+  ASSERT_NE(port, server_->Port());
+  const auto head = [](const char* method) {
+    return std::string(method) +
+           " /live HTTP/1.0\r\nx-sessioncookie: tunnel1\r\nContent-Length: 32767\r\n\r\n";
   };
-  Client get(server_->Port());
-  get.Send(head("GET", "tunnel1"));
+  Client rtsp_port(server_->Port());
+  rtsp_port.Send(head("GET"));
+  EXPECT_EQ(rtsp_port.Read().status, 400);
+  Client post(port), get(port), second(port), stranger(port, "127.0.0.2");
+  const std::string setup = Base64(Client::Request(
+      "SETUP", url_ + "/trackID=0", 7, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
+  post.Send(head("POST") + setup.substr(0, 5));
+  get.Send(head("GET"));
   Response answer = get.Read();
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.headers["Content-Type"], "application/x-rtsp-tunnelled");
-  Client second(server_->Port()), stranger(server_->Port(), "127.0.0.2");
-  second.Send(head("GET", "tunnel1"));
-  EXPECT_EQ(second.Read().status, 403);
-  stranger.Send(head("POST", "tunnel1") + Base64(Client::Request("OPTIONS", url_, 1)));
-  EXPECT_EQ(stranger.Read().status, -1);
-  Client post(server_->Port());
-  const std::string setup = Base64(Client::Request(
-      "SETUP", url_ + "/trackID=0", 1, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n"));
-  post.Send(head("POST", "tunnel1") + setup.substr(0, 5));
   post.Send(setup.substr(5));
   answer = get.Read();
   ASSERT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.headers["CSeq"], "7");
+  second.Send(head("GET"));
+  EXPECT_EQ(second.Read().status, 403);
+  stranger.Send(head("POST") + Base64(Client::Request("OPTIONS", url_, 1)));
+  EXPECT_EQ(stranger.Read().status, -1);
   post.Send(
-      Base64(Client::Request("PLAY", url_, 2, "Session: " + qz_test::SessionId(answer) + "\r\n")));
+      Base64(Client::Request("PLAY", url_, 8, "Session: " + qz_test::SessionId(answer) + "\r\n")));
   EXPECT_EQ(get.Read().status, 200);
   EXPECT_FALSE(get.Frames(300).empty());
-  post.Reset();
-  EXPECT_TRUE(WaitFor([this] { return server_->GetStats().connections == 0; }));
-}
-
-// On a separate HTTP port (tunnels there whatever `http_tunnel` says, which
-// keeps them off the RTSP port): a POST that comes before its GET waits for
-// it; garbage in the base64 stream is answered 400 on the GET, and the pair
-// closes.
-TEST_F(ServerTest, HttpTunnelPortPostBeforeGetAndGarbage) {
-  QZRtspServerOptions options = Options();
-  options.http_tunnel_port = 0;
-  Restart(options);
-  ASSERT_NE(server_->HttpTunnelPort(), 0);
-  ASSERT_NE(server_->HttpTunnelPort(), server_->Port());
-  Client rtsp_port(server_->Port());
-  rtsp_port.Send("GET /live HTTP/1.0\r\nx-sessioncookie: early\r\n\r\n");
-  EXPECT_EQ(rtsp_port.Read().status, 400);
-  Client post(server_->HttpTunnelPort()), get(server_->HttpTunnelPort());
-  post.Send("POST /live HTTP/1.0\r\nx-sessioncookie: early\r\n\r\n" +
-            Base64(Client::Request("OPTIONS", url_, 7)));
-  get.Send("GET /live HTTP/1.0\r\nx-sessioncookie: early\r\n\r\n");
-  EXPECT_EQ(get.Read().status, 200);
-  Response options_answer = get.Read();
-  EXPECT_EQ(options_answer.status, 200);
-  EXPECT_EQ(options_answer.headers["CSeq"], "7");
+  const int send_buffer = SendBufferOf(get);
+  EXPECT_GT(send_buffer, 0);
+  EXPECT_NE(send_buffer, 2 * 64 * 1024);
   post.Send("!!!!");
   EXPECT_EQ(get.Read().status, 400);
   EXPECT_EQ(get.Read().status, -1);
   EXPECT_EQ(post.Read().status, -1);
+  EXPECT_TRUE(WaitFor([this] { return server_->GetStats().connections == 0; }));
 }
 
 }  // namespace
