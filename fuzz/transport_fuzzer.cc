@@ -2,7 +2,7 @@
 // name): whatever a parser accepts, its writer must write as text that the
 // parser reads back as the same value. The Transport spec the server would
 // serve must also be usable as it stands (unicast, play, ports and channels
-// in range).
+// in range; with multicast served, a multicast transport over UDP to play).
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -40,20 +40,23 @@ bool ParseTokens(const std::string& text, std::vector<std::string>& tokens) {
   return true;
 }
 
-void CheckServed(const std::string& text) {
+void CheckServed(const std::string& text, bool multicast) {
   RtspTransport t;
-  if (!ParseRtspTransport(text, t)) {
+  const auto parse = multicast ? ParseRtspTransportOrMulticast : ParseRtspTransport;
+  if (!parse(text, t)) {
     return;
   }
-  if (t.multicast || t.record()) {
+  if (t.record() || (t.multicast && (!multicast || t.kind != RtspTransport::Kind::kUdp))) {
     abort();
   }
-  if (t.kind == RtspTransport::Kind::kUdp) {
+  // A multicast transport's ports and TTL are the server's to choose: only
+  // a unicast one's are checked.
+  if (!t.multicast && t.kind == RtspTransport::Kind::kUdp) {
     if (t.client_rtp_port < 1 || t.client_rtp_port > 65535 || t.client_rtcp_port < 1 ||
         t.client_rtcp_port > 65535) {
       abort();
     }
-  } else {
+  } else if (!t.multicast) {
     const bool none = t.interleaved_rtp == -1 && t.interleaved_rtcp == -1;
     const bool valid = t.interleaved_rtp >= 0 && t.interleaved_rtp <= 255 &&
                        t.interleaved_rtcp >= 0 && t.interleaved_rtcp <= 255;
@@ -62,7 +65,7 @@ void CheckServed(const std::string& text) {
     }
   }
   RtspTransport again;
-  if (!ParseRtspTransport(WriteRtspTransport(t), again) || !(again == t)) {
+  if (!parse(WriteRtspTransport(t), again) || !(again == t)) {
     abort();
   }
 }
@@ -74,7 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   const std::string text(reinterpret_cast<const char*>(data), size);
-  CheckServed(text);
+  CheckServed(text, false);
+  CheckServed(text, true);
   RoundTrip<RtspTransport>(text, ParseRtspTransportSpec, WriteRtspTransport);
   RoundTrip<std::vector<RtspTransport>>(text, ParseRtspTransports, WriteTransports);
   RoundTrip<RtspSessionHeader>(text, ParseRtspSession, WriteRtspSession);

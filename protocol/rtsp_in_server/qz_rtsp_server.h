@@ -123,12 +123,47 @@ struct QZRtspServerOptions {
   std::string tls_key_pem;
   std::string tls_cert_file;
   std::string tls_key_file;
-  // Called when a viewer waits for a key frame: it joined and none is held,
-  // or it fell behind and was cut back to one. An app asks its video encoder
-  // for an IDR picture here. At most once a second per stream; runs on the
-  // server's network thread and must return quickly. May be empty. It may
-  // call Stop() (the server then stops when it returns), but must not
-  // destroy the server.
+  // Multicast (RFC 2326 12.39), IPv4 only: a SETUP that asks for
+  // "RTP/AVP;multicast" joins its stream's group, which all the stream's
+  // multicast viewers share: each packet is sent once, to the group,
+  // whatever their number. A stream is given a group address when its first
+  // multicast viewer sets up and gives it back when its last one leaves
+  // (TEARDOWN, expiry, its connection closed); each of its tracks has a port
+  // pair (RTP even, RTCP the next). Address, ports and TTL are the server's:
+  // a client's destination, port and ttl are not used, the answer names
+  // what the group is sent to, and no client can aim the server's multicast
+  // at another address (values out of range, a port pair past 65535 or a
+  // TTL over 255, make the request malformed: 461). A viewer that joins a
+  // group already sending starts at its next key frame, which is asked for
+  // (on_key_frame_request). Members are kept by the RTSP keep-alives their
+  // clients send (GET_PARAMETER or OPTIONS, within session_timeout_s); their
+  // receiver reports go to the group and are not read. Off: a SETUP that
+  // asks for multicast only is answered 461 Unsupported Transport, and
+  // clients fall back to unicast. Start() fails, and logs why, on values
+  // below that cannot be served or with an IPv6 `bind_address`. Servers on
+  // one network need ranges that do not overlap.
+  bool multicast = false;
+  // The group addresses: `multicast_group_count` from this one on (IPv4
+  // multicast, not 224.0.0.x; the default lies in the organisation-local
+  // scope 239.255.0.0/16, which routers keep within a site). A stream's is
+  // drawn at random among the free ones, so that two devices on one network
+  // seldom pick the same; with all taken, a multicast SETUP is answered 453.
+  std::string multicast_first_group = "239.255.42.0";
+  int multicast_group_count = 64;
+  // Group i's track t is sent RTP to port multicast_port + 4 * i + 2 * t
+  // and RTCP to the next: the groups' ports differ too, so that a receiver
+  // that binds its port on every address gets no other group's packets.
+  // Even, from 1024, and every group's ports below 65536.
+  int multicast_port = 5004;
+  // Hops the group's packets may cross (1: the local network only): 1..255.
+  int multicast_ttl = 16;
+  // Called when a viewer waits for a key frame: it joined and none is held
+  // (or joined a multicast group already sending), or it fell behind and
+  // was cut back to one. An app asks its video encoder for an IDR picture
+  // here. At most once a second per stream (one needed sooner is asked for
+  // when the second ends); runs on the server's network thread and must
+  // return quickly. May be empty. It may call Stop() (the server then stops
+  // when it returns), but must not destroy the server.
   std::function<void(const std::string& stream_name)> on_key_frame_request;
 };
 
@@ -186,8 +221,9 @@ struct QZRtspStreamStats {
 struct QZRtspSessionStats {
   std::string id;
   std::string stream;
-  std::string client;  // the client's address
-  bool tcp = false;    // interleaved in the RTSP connection, else UDP
+  std::string client;      // the client's address
+  bool tcp = false;        // interleaved in the RTSP connection, else UDP
+  bool multicast = false;  // a member of its stream's multicast group (which is sent its media)
   bool playing = false;
   unsigned long long bytes_sent = 0;
   unsigned long long packets_sent = 0;

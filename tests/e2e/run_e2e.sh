@@ -7,6 +7,7 @@ set -uo pipefail
 CASE=$1
 PUBLISH=$2
 source "$(dirname "$0")/common.sh"
+source "$(dirname "$0")/multicast.sh"
 
 # Stops the publisher with SIGINT: it must exit 0 and print its summary
 # (-q hides only the status line), and FFmpeg's informational messages
@@ -467,6 +468,9 @@ case "$CASE" in
     [ "$AGAIN" = "$FINGERPRINT" ] && pass "the next start serves the same certificate" \
       || fail "the next start serves $AGAIN, not $FINGERPRINT"
     stop_publisher
+    ;;
+  multicast)
+    run_multicast_case  # tests/e2e/multicast.sh: within a network namespace of its own
     ;;
   record_roundtrip)
     # $PUBLISH is the record_roundtrip program here. Real encoder output goes

@@ -205,6 +205,18 @@ int main(int argc, char** argv) {
     server_options.auth_user = options.user;
     server_options.auth_password = options.password;
     server_options.auth_nonce_lifetime_s = options.nonce_lifetime;
+    if (options.multicast) {
+      // The servers of one process take group ranges, and ports, that do
+      // not overlap: server i the i-th range of multicast_group_count.
+      const int groups = server_options.multicast_group_count;
+      server_options.multicast = true;
+      server_options.multicast_ttl = options.multicast_ttl;
+      server_options.multicast_first_group = qz_tools::OffsetIPv4(
+          options.multicast_group.empty() ? server_options.multicast_first_group
+                                          : options.multicast_group,
+          static_cast<long long>(i) * groups);
+      server_options.multicast_port += i * 4 * groups;  // 4 ports a group
+    }
     // A viewer waiting for a key frame gets one from the encoder at once
     // rather than at the end of the current GOP.
     qz_tools::MediaSource* video_source = source.get();

@@ -43,6 +43,12 @@ const char kUsage[] =
     "      --tls-dir DIR       where the self-signed one is kept (default\n"
     "                          $XDG_CONFIG_HOME/qz_rtsp_publish, else\n"
     "                          ~/.config/qz_rtsp_publish)\n"
+    "      --multicast         serve RTP/AVP;multicast: each stream's packets sent once\n"
+    "                          to a group for all its multicast viewers (IPv4; ffmpeg\n"
+    "                          -rtsp_transport udp_multicast, rtspsrc protocols=udp-mcast)\n"
+    "      --multicast-group A.B.C.D  first group address (default 239.255.42.0; with\n"
+    "                          --servers, each server takes the next 64 addresses)\n"
+    "      --multicast-ttl N   routers a group's packets may cross, 1 to 255 (default 16)\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
@@ -68,6 +74,21 @@ bool ParseInt(const char* text, int min, int max, int& out) {
 }
 
 }  // namespace
+
+std::string OffsetIPv4(const std::string& address, long long n) {
+  unsigned a = 0, b = 0, c = 0, d = 0;
+  char end = 0;
+  if (std::sscanf(address.c_str(), "%3u.%3u.%3u.%3u%c", &a, &b, &c, &d, &end) != 4 || a > 255 ||
+      b > 255 || c > 255 || d > 255) {
+    return std::string();
+  }
+  const long long value = ((static_cast<long long>(a) << 24) | (b << 16) | (c << 8) | d) + n;
+  if (value < 0 || value > 0xFFFFFFFFLL) {
+    return std::string();
+  }
+  return std::to_string(value >> 24) + "." + std::to_string((value >> 16) & 255) + "." +
+         std::to_string((value >> 8) & 255) + "." + std::to_string(value & 255);
+}
 
 bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
   auto fail = [exit_code](const std::string& message) {
@@ -97,6 +118,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.udp_gso = false;
     } else if (arg == "--http-tunnel") {
       o.http_tunnel = true;
+    } else if (arg == "--multicast") {
+      o.multicast = true;
     } else if (arg == "-q" || arg == "--quiet") {
       o.quiet = true;
     } else if (arg == "-v" || arg == "--verbose") {
@@ -155,6 +178,14 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
     } else if (arg == "--servers") {
       if (!ParseInt(v, 1, 16, o.servers))
         return fail("--servers must be 1 to 16");
+    } else if (arg == "--multicast-group") {
+      o.multicast_group = v;
+      if (OffsetIPv4(v, 0).empty()) {
+        return fail("--multicast-group must be an IPv4 address A.B.C.D");
+      }
+    } else if (arg == "--multicast-ttl") {
+      if (!ParseInt(v, 1, 255, o.multicast_ttl))
+        return fail("--multicast-ttl must be 1 to 255");
     } else if (arg == "--bind") {
       o.bind = v;
     } else if (arg == "--max-per-address") {

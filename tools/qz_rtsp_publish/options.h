@@ -28,6 +28,9 @@ struct PublishOptions {
   std::string tls_cert;             // PEM files; both empty: a self-signed
   std::string tls_key;              //   certificate kept in tls_dir
   std::string tls_dir;              // empty: ~/.config/qz_rtsp_publish
+  bool multicast = false;           // RTP/AVP;multicast to a group per stream
+  std::string multicast_group;      // the first group address; empty: the server's default
+  int multicast_ttl = 16;
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;
@@ -41,6 +44,10 @@ struct PublishOptions {
   bool verbose = false;     // FFmpeg's and the encoders' informational log
   int slow_encoder_ms = 0;  // built-in source: added to each video frame's encoding
 };
+
+// `address` (IPv4, dotted) plus `n`, dotted; empty when it does not parse
+// or passes 255.255.255.255.
+std::string OffsetIPv4(const std::string& address, long long n);
 
 // Parses argv. On --help prints usage and sets *exit_code to 0; on a bad
 // option prints a one-line error and sets it to 2; returns false in both.

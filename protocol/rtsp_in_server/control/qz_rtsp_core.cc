@@ -6,11 +6,25 @@
 
 namespace qz_rtsp_internal_server {
 
+namespace {
+
+// The groups of the options (none when multicast is off, or its options
+// cannot be served: Start() refuses those).
+RtspMulticastConfig MulticastConfig(const QZRtspServerOptions& options) {
+  RtspMulticastConfig config;
+  if (options.multicast) {
+    RtspMulticastConfig::FromOptions(options, &config);
+  }
+  return config;
+}
+
+}  // namespace
+
 RtspServerCore::RtspServerCore(const QZRtspServerOptions& options, Env env, Totals& totals)
     : options_(options),
       env_(std::move(env)),
       totals_(totals),
-      table_(*env_.random),
+      table_(*env_.random, MulticastConfig(options_)),
       fanout_(table_,
               *env_.udp,
               totals_.delivery,
@@ -106,6 +120,15 @@ std::map<const RtspStream*, int> RtspServerCore::Tick(long long now_ms) {
       fanout_.SendDueReports(*session, now_ms);
     }
   }
+  std::vector<std::shared_ptr<RtspSession>> senders;
+  for (const auto& entry : table_.multicast().groups()) {
+    senders.push_back(entry.second.sender);
+  }
+  for (auto& sender : senders) {
+    if (sender->playing()) {
+      fanout_.SendDueReports(*sender, now_ms);
+    }
+  }
   return playing;
 }
 
@@ -128,6 +151,7 @@ std::vector<QZRtspSessionStats> RtspServerCore::SessionStats() const {
     s.id = session.id();
     s.stream = session.stream().name();
     s.tcp = session.HasTcpTrack();
+    s.multicast = session.multicast();
     if (auto client = session.client()) {
       s.client = PlainAddress(client->remote().address()).to_string();  // IPv4 clients as IPv4
     }

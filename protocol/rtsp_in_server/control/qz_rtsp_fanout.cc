@@ -280,6 +280,9 @@ void RtspFanout::StartReports(RtspSession& session) {
 }
 
 void RtspFanout::SendDueReports(RtspSession& session, long long now_ms) {
+  if (session.multicast()) {
+    return;  // its group's sender reports for it
+  }
   bool any = false;
   for (size_t t = 0; t < session.tracks().size(); ++t) {
     RtspSessionTrack& track = session.tracks()[t];
@@ -304,6 +307,9 @@ void RtspFanout::SendDueReports(RtspSession& session, long long now_ms) {
 // report that came only seconds later would make their clock jump. PLAY
 // (`start`) sends every active track's; a pump only those not sent yet.
 void RtspFanout::SendReports(RtspSession& session, long long now_ms, bool start) {
+  if (session.multicast()) {
+    return;
+  }
   for (size_t t = 0; t < session.tracks().size(); ++t) {
     RtspSessionTrack& track = session.tracks()[t];
     if (!track.active || (!start && track.last_sr_ms != 0)) {
@@ -339,7 +345,27 @@ void RtspFanout::SendReport(RtspSession& session,
 
 void RtspFanout::RequestKeyFrame(RtspStream& stream) {
   const long long now = NowMs();
-  if (!env_.on_key_frame_request || now - stream.last_key_request_ms < kKeyFrameRequestIntervalMs) {
+  if (!env_.on_key_frame_request) {
+    return;
+  }
+  const long long wait = stream.last_key_request_ms + kKeyFrameRequestIntervalMs - now;
+  if (wait > 0) {
+    // Too soon after the last one: asked for once more when the interval
+    // ends (unless asked for by then), so that a viewer that joins just
+    // after another does not wait for the encoder's own next key frame, a
+    // whole GOP away (seconds with some encoders).
+    if (!stream.key_request_deferred) {
+      stream.key_request_deferred = true;
+      std::weak_ptr<RtspStream> weak = stream.shared_from_this();
+      env_.run_after(static_cast<int>(wait), [this, weak] {
+        if (auto s = weak.lock()) {
+          s->key_request_deferred = false;
+          if (NowMs() - s->last_key_request_ms >= kKeyFrameRequestIntervalMs) {
+            RequestKeyFrame(*s);
+          }
+        }
+      });
+    }
     return;
   }
   stream.last_key_request_ms = now;

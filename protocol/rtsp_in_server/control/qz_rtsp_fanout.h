@@ -1,10 +1,12 @@
 // Sends each stream's packets to the sessions that play it: over UDP through
-// the packet sink (one batch per record across every client), and over TCP
-// by asking each client's connection to write, which then gathers its media
-// here, each session paced (RtspPacer). Also the RTCP sender reports, the catch-up of a client that
-// fell behind the stream's ring (cut back to a key frame, and a key frame asked for), and the
-// settling of the write-delay statistics once every client that keeps up has written a record.
-// Network thread only.
+// the packet sink (one batch per record across every client; a multicast
+// group's sender is one such session, its members get nothing of their
+// own), and over TCP by asking each client's connection to write, which
+// then gathers its media here, each session paced (RtspPacer). Also the RTCP
+// sender reports, the catch-up of a client that fell behind the stream's
+// ring (cut back to a key frame, and a key frame asked for), and the
+// settling of the write-delay statistics once every client that keeps up
+// has written a record. Network thread only.
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_FANOUT_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_FANOUT_H_
 
@@ -64,7 +66,8 @@ class RtspFanout {
   void StartReports(RtspSession& session);
   // Every few seconds (tick): the reports of the tracks due for one.
   void SendDueReports(RtspSession& session, long long now_ms);
-  // At most once a second per stream.
+  // At most once a second per stream: one asked for sooner is made when the
+  // second ends.
   void RequestKeyFrame(RtspStream& stream);
 
   // The next media write of one of `client`'s TCP sessions into `write`;

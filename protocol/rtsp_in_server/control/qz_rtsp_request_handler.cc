@@ -233,6 +233,10 @@ void RtspRequestHandler::Handle(RtspClient& client, const RtspRequest& request) 
       // next PLAY's, and would decode the picture broken.
       session->Pause();
       fanout_.Pump(*session);
+      if (RtspMulticastGroup* group =
+              session->multicast() ? table_.multicast().Of(session->stream()) : nullptr) {
+        table_.multicast().Update(*group);  // it goes on while other members play
+      }
       Reply(client, 200, cseq, {{"Session", SessionHeader(*session)}});
     } else {
       Play(client, *session, request, cseq);
@@ -302,11 +306,18 @@ void RtspRequestHandler::Setup(RtspClient& client,
                                const std::string& cseq) {
   const std::string* transport_header = request.Header("Transport");
   RtspTransport transport;
-  if (transport_header == nullptr ||
-      !(client.encrypted ? ParseRtspTcpTransport(*transport_header, transport)
-                         : ParseRtspTransport(*transport_header, transport)) ||
-      transport.has_destination()) {
-    Reply(client, 461, cseq);  // nothing this server can send to, or not to the asker
+  // Over TLS only transports inside the connection (media must not leave it
+  // in clear); with multicast on, a multicast transport qualifies too.
+  const bool parsed =
+      transport_header != nullptr &&
+      (client.encrypted     ? ParseRtspTcpTransport(*transport_header, transport)
+       : options_.multicast ? ParseRtspTransportOrMulticast(*transport_header, transport)
+                            : ParseRtspTransport(*transport_header, transport));
+  // Nothing this server can send to, or unicast to another than the asker.
+  // A multicast transport's destination, port and ttl are not used: the
+  // group's are the server's, named in the answer.
+  if (!parsed || (!transport.multicast && transport.has_destination())) {
+    Reply(client, 461, cseq);
     return;
   }
   std::string name, control;
@@ -325,6 +336,14 @@ void RtspRequestHandler::Setup(RtspClient& client,
   }
   if (session && session->tracks()[static_cast<size_t>(track)].setup) {
     Reply(client, 455, cseq);
+    return;
+  }
+  if (session && session->multicast() != transport.multicast) {
+    Reply(client, 461, cseq);  // a session's tracks all go to its group, or none
+    return;
+  }
+  if (transport.multicast && !table_.multicast().Available(*stream)) {
+    Reply(client, 453, cseq);  // every group address of the range is taken
     return;
   }
   if (!session &&
@@ -351,6 +370,13 @@ void RtspRequestHandler::Setup(RtspClient& client,
     session->SetupTcp(track, channel);
     reply.interleaved_rtp = channel;
     reply.interleaved_rtcp = channel + 1;
+  } else if (transport.multicast) {
+    const RtspMulticastGroup& group = table_.SetupMulticast(*session, track);
+    reply.multicast = true;
+    reply.destination = group.address.to_string();
+    reply.multicast_rtp_port = group.Rtp(track).port();
+    reply.multicast_rtcp_port = group.Rtcp(track).port();
+    reply.ttl = table_.multicast().config().ttl;
   } else {
     const asio::ip::address address = client.remote().address();
     table_.SetupUdp(
@@ -375,8 +401,11 @@ void RtspRequestHandler::Play(RtspClient& client,
     session.Resumed(NowMs());
   }
   bool wants_key_frame = false;
-  const std::vector<RtpInfoEntry> info = session.Play(
-      BaseUrl(client, request, session.stream().name()), options_.gop_cache, &wants_key_frame);
+  const std::string base_url = BaseUrl(client, request, session.stream().name());
+  const std::vector<RtpInfoEntry> info =
+      session.multicast()
+          ? table_.multicast().Play(session, base_url, options_.gop_cache, &wants_key_frame)
+          : session.Play(base_url, options_.gop_cache, &wants_key_frame);
   if (wants_key_frame) {
     fanout_.RequestKeyFrame(session.stream());
   }
@@ -386,10 +415,15 @@ void RtspRequestHandler::Play(RtspClient& client,
     headers.emplace_back("RTP-Info", WriteRtpInfo(info));
   }
   Reply(client, 200, cseq, headers);
+  // A multicast member's media and reports are its group's: a newcomer
+  // gets the group's sender reports at once, like a unicast viewer.
+  RtspMulticastGroup* group =
+      session.multicast() ? table_.multicast().Of(session.stream()) : nullptr;
+  RtspSession& sender = group != nullptr ? *group->sender : session;
   if (starts) {
-    fanout_.StartReports(session);
+    fanout_.StartReports(sender);
   }
-  fanout_.Pump(session);
+  fanout_.Pump(sender);
 }
 
 void RtspRequestHandler::Teardown(RtspClient& client,

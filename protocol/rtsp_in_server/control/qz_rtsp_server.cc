@@ -5,6 +5,7 @@
 #include <future>
 
 #include "protocol/rtsp_in_server/control/qz_rtsp_server_impl.h"
+#include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 #include "utility/qz_log.h"
 
 namespace qz_rtsp_internal_server {
@@ -110,8 +111,10 @@ bool QZRtspServer::Impl::Start() {
   io_.restart();
   // Every failure is logged with the system's reason (address in use,
   // permission denied, ...): a bare false tells the application nothing.
-  std::string why;
-  if (options_.tls_port >= 0) {
+  RtspMulticastConfig multicast;
+  std::string why =
+      options_.multicast ? RtspMulticastConfig::FromOptions(options_, &multicast) : std::string();
+  if (why.empty() && options_.tls_port >= 0) {
     TlsCredentials credentials;
     credentials.cert_file = options_.tls_cert_file;
     credentials.key_file = options_.tls_key_file;
@@ -123,8 +126,13 @@ bool QZRtspServer::Impl::Start() {
       return false;
     }
   }
-  if (Listen(why) && !OpenUdp()) {
+  if (why.empty() && Listen(why) && !OpenUdp()) {
     why = "no UDP port pair for RTP and RTCP could be opened";
+  }
+  asio::error_code ec;
+  if (why.empty() && options_.multicast) {
+    OpenMulticastSender(io_, acceptor_->local_endpoint(ec).address(), multicast.ttl, udp_multicast_,
+                        why);
   }
   if (!why.empty()) {
     LogFormat("VartoLogIOS [E] QZRtspServer::Start cannot listen on port %u%s%s: %s\n",
@@ -136,12 +144,13 @@ bool QZRtspServer::Impl::Start() {
     tls_.reset();
     udp_rtp_.reset();
     udp_rtcp_.reset();
+    udp_multicast_.reset();
     return false;
   }
   gate_ = std::make_shared<RtspIoGate>([this](std::function<void()> batch) {
     asio::post(io_, [this, batch = std::move(batch)] { core_->fanout().RunGateBatch(batch); });
   });
-  udp_sink_.reset(new SocketUdpSink(*udp_rtp_, *udp_rtcp_, options_.udp_gso));
+  udp_sink_.reset(new SocketUdpSink(*udp_rtp_, *udp_rtcp_, options_.udp_gso, udp_multicast_.get()));
   LogFormat("VartoLogIOS [I] QZRtspServer::Start UDP media by the %s\n", udp_sink_->send_path());
   RtspServerCore::Env env;
   env.random = &RtspRandom::Crypto();
@@ -232,6 +241,7 @@ void QZRtspServer::Impl::Reap() {
   tls_.reset();  // after every connection
   udp_rtp_.reset();
   udp_rtcp_.reset();
+  udp_multicast_.reset();
   tick_.reset();
 }
 
@@ -250,6 +260,9 @@ void QZRtspServer::Impl::Shutdown() {
   }
   udp_rtp_->close(ec);
   udp_rtcp_->close(ec);
+  if (udp_multicast_) {
+    udp_multicast_->close(ec);
+  }
   std::vector<std::shared_ptr<RtspConnection>> connections(connections_.begin(),
                                                            connections_.end());
   for (auto& connection : connections) {

@@ -1,9 +1,10 @@
 // The server's lifecycle and sockets: the listening sockets (RTSP, and the
 // HTTP tunnel and TLS ports when asked for) and accept, the TLS context, the
-// UDP port pair, the network thread, the streams offered through the
-// registry, the half-second tick and the statistics (qz_rtsp_server.cc;
-// the sockets, accepting and the URLs in qz_rtsp_server_sockets.cc). What
-// happens to requests, sessions and packets is the core's (qz_rtsp_core.h).
+// UDP port pair and the multicast socket, the network thread, the streams
+// offered through the registry, the half-second tick and the statistics
+// (qz_rtsp_server.cc; the sockets, accepting and the URLs in
+// qz_rtsp_server_sockets.cc). What happens to requests, sessions and packets
+// is the core's (qz_rtsp_core.h).
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SERVER_IMPL_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SERVER_IMPL_H_
 
@@ -87,6 +88,7 @@ class QZRtspServer::Impl : public QZRtspPipeAcceptor {
   std::unique_ptr<TlsServerContext> tls_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtp_;
   std::unique_ptr<asio::ip::udp::socket> udp_rtcp_;
+  std::unique_ptr<asio::ip::udp::socket> udp_multicast_;  // with options_.multicast
   uint16_t udp_rtp_port_ = 0;
   std::array<uint8_t, 2048> udp_buffer_[2];
   asio::ip::udp::endpoint udp_sender_[2];

@@ -20,7 +20,7 @@ RtspSession::RtspSession(std::string id,
 
 void RtspSession::SetState(State state) {
   state_ = state;
-  reading = state == State::kPlaying;
+  reading = state == State::kPlaying && !multicast_;
 }
 
 void RtspSession::SetupTcp(int track, int rtp_channel) {
@@ -48,6 +48,13 @@ void RtspSession::SetupUdp(int track,
   }
 }
 
+void RtspSession::SetupMulticast(int track,
+                                 const asio::ip::udp::endpoint& rtp,
+                                 const asio::ip::udp::endpoint& rtcp) {
+  multicast_ = true;
+  SetupUdp(track, rtp, rtcp);
+}
+
 bool RtspSession::TeardownTrack(int track) {
   if (track < 0 || track >= static_cast<int>(tracks_.size()) || !tracks_[track].setup ||
       SetupTrackCount() < 2) {
@@ -63,6 +70,13 @@ std::vector<RtpInfoEntry> RtspSession::Play(const std::string& base_url,
   RtspStream& stream = *stream_;
   std::vector<RtpInfoEntry> info;
   *wants_key_frame = false;
+  if (multicast_) {
+    for (RtspSessionTrack& track : tracks_) {
+      track.active = track.setup;
+    }
+    SetState(State::kPlaying);
+    return info;
+  }
   auto entry = [&](int t, uint16_t seq, long long rtp_time) {
     RtpInfoEntry e;
     e.url = base_url + "trackID=" + std::to_string(t);
@@ -129,7 +143,7 @@ void RtspSession::Pause() {
   // Packets of one record follow each other in the ring.
   const RtspStream& stream = *stream_;
   drain_end_ = read_index;
-  if (read_index > stream.begin_index()) {
+  if (!multicast_ && read_index > stream.begin_index()) {
     const RtpPacket& last = *stream.At(read_index - 1);
     while (drain_end_ < stream.end_index() && stream.At(drain_end_)->track == last.track &&
            stream.At(drain_end_)->record_ms == last.record_ms &&
@@ -171,6 +185,9 @@ bool RtspSession::HasTcpTrack() const {
 }
 
 bool RtspSession::HasUdpTrack() const {
+  if (multicast_) {
+    return false;
+  }
   for (const auto& t : tracks_) {
     if (t.setup && !t.tcp) {
       return true;

@@ -85,6 +85,14 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   // goes on playing and the track waits for the next PLAY.
   void SetupTcp(int track, int rtp_channel);
   void SetupUdp(int track, const asio::ip::udp::endpoint& rtp, const asio::ip::udp::endpoint& rtcp);
+  // SETUP of `track` as a member of its stream's multicast group (`rtp`
+  // and `rtcp`: the group's ports). A member's media and reports are its
+  // group's (see RtspMulticastGroups): it keeps no read position and sends
+  // nothing itself. A session is a member for its whole life, or never.
+  void SetupMulticast(int track,
+                      const asio::ip::udp::endpoint& rtp,
+                      const asio::ip::udp::endpoint& rtcp);
+  bool multicast() const { return multicast_; }
   // TEARDOWN of one track: false when it is the session's last set-up track
   // (the whole session ends instead).
   bool TeardownTrack(int track);
@@ -95,7 +103,8 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   // since become active, video at its next key frame, the others go on.
   // Returns the RTP-Info entries of the tracks whose first packet is known
   // (`base_url` + "trackID=N"); `*wants_key_frame` when a key frame must be
-  // asked for.
+  // asked for. A multicast member only becomes playing, its set-up tracks
+  // active: where it starts is its group's.
   std::vector<RtpInfoEntry> Play(const std::string& base_url,
                                  bool gop_cache,
                                  bool* wants_key_frame);
@@ -106,7 +115,7 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   // Whether the fan-out sends to this session: it plays, or it finishes its
   // record after a PAUSE (at once, unpaced); and up to which ring index (of
   // `stream_end`).
-  bool Sends() const { return playing() || read_index < drain_end_; }
+  bool Sends() const { return !multicast_ && (playing() || read_index < drain_end_); }
   uint64_t SendEnd(uint64_t stream_end) const {
     return playing() ? stream_end : std::min(stream_end, drain_end_);
   }
@@ -139,6 +148,8 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   const RtspReception& reception() const { return reception_; }
 
   bool HasTcpTrack() const;
+  // A set-up track goes over unicast UDP (a multicast member's go to its
+  // group: the server chose where, and nothing needs to answer from there).
   bool HasUdpTrack() const;
   int SetupTrackCount() const;
   // A set-up TCP track of this session uses the interleaved channel.
@@ -177,6 +188,7 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   uint64_t drain_end_ = 0;  // paused: what finishes the record being sent
   long long udp_heard_ms_ = 0;
   bool udp_answered_ = false;
+  bool multicast_ = false;
   RtspReception reception_;
 };
 

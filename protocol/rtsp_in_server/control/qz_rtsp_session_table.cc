@@ -36,11 +36,12 @@ void RtspSessionTable::Destroy(const std::string& id) {
   }
   std::shared_ptr<RtspSession> session = it->second;
   sessions_.erase(it);
-  session->stream().RemoveReader(session.get());
-  auto readers = by_stream_.find(&session->stream());
-  readers->second.erase(session.get());
-  if (readers->second.empty()) {
-    by_stream_.erase(readers);
+  Unlist(*session);
+  if (session->multicast()) {
+    if (std::shared_ptr<RtspSession> sender = multicast_.Leave(*session)) {
+      Unlist(*sender);  // the group is gone with its last member
+      sender->End();
+    }
   }
   for (const RtspSessionTrack& track : session->tracks()) {
     Route(*session, track, false);
@@ -57,6 +58,15 @@ std::shared_ptr<RtspSession> RtspSessionTable::Find(const std::string& id) const
   return it == sessions_.end() ? nullptr : it->second;
 }
 
+void RtspSessionTable::Unlist(RtspSession& session) {
+  session.stream().RemoveReader(&session);
+  auto readers = by_stream_.find(&session.stream());
+  readers->second.erase(&session);
+  if (readers->second.empty()) {
+    by_stream_.erase(readers);
+  }
+}
+
 const std::set<RtspSession*>& RtspSessionTable::SessionsOf(const RtspStream& stream) const {
   static const std::set<RtspSession*> kNone;
   auto it = by_stream_.find(&stream);
@@ -64,7 +74,7 @@ const std::set<RtspSession*>& RtspSessionTable::SessionsOf(const RtspStream& str
 }
 
 void RtspSessionTable::Route(RtspSession& session, const RtspSessionTrack& track, bool add) {
-  if (!track.setup || track.tcp) {
+  if (!track.setup || track.tcp || session.multicast()) {
     return;
   }
   for (const asio::ip::udp::endpoint& from : {track.rtp_endpoint, track.rtcp_endpoint}) {
@@ -85,6 +95,16 @@ void RtspSessionTable::SetupUdp(RtspSession& session,
   Route(session, session.tracks()[static_cast<size_t>(track)], true);
 }
 
+const RtspMulticastGroup& RtspSessionTable::SetupMulticast(RtspSession& session, int track) {
+  bool made = false;
+  RtspMulticastGroup& group = multicast_.Join(session, track, &made);
+  if (made) {
+    session.stream().AddReader(group.sender.get());
+    by_stream_[&session.stream()].insert(group.sender.get());
+  }
+  return group;
+}
+
 bool RtspSessionTable::TeardownTrack(RtspSession& session, int track) {
   if (track < 0 || track >= static_cast<int>(session.tracks().size())) {
     return false;
@@ -97,6 +117,9 @@ bool RtspSessionTable::TeardownTrack(RtspSession& session, int track) {
   // Another track may share the client's ports: keep its routes.
   for (const RtspSessionTrack& other : session.tracks()) {
     Route(session, other, true);
+  }
+  if (RtspMulticastGroup* group = session.multicast() ? multicast_.Of(session.stream()) : nullptr) {
+    multicast_.Update(*group);
   }
   return true;
 }

@@ -1,8 +1,8 @@
 // Every session of a server: ids from the injected random source, which
-// sessions read which stream, expiry, and the routing of what clients send
-// back over RTCP (UDP by the sender's address and port, TCP by connection
-// and channel) to the session it belongs to. Network thread only, except
-// count().
+// sessions read which stream, the multicast groups they share, expiry, and
+// the routing of what clients send back over RTCP (UDP by the sender's
+// address and port, TCP by connection and channel) to the session it
+// belongs to. Network thread only, except count().
 #ifndef PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SESSION_TABLE_H_
 #define PROTOCOL_RTSP_IN_SERVER_CONTROL_QZ_RTSP_SESSION_TABLE_H_
 
@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 
+#include "protocol/rtsp_in_server/control/qz_rtsp_multicast.h"
 #include "protocol/rtsp_in_server/control/qz_rtsp_session.h"
 #include "protocol/rtsp_in_server/media/qz_rtsp_seams.h"
 #include "protocol/rtsp_in_server/net/qz_udp_demux.h"
@@ -21,7 +22,8 @@ namespace qz_rtsp_internal_server {
 
 class RtspSessionTable {
  public:
-  explicit RtspSessionTable(RtspRandom& random) : random_(random) {}
+  explicit RtspSessionTable(RtspRandom& random, RtspMulticastConfig multicast = {})
+      : random_(random), multicast_(multicast, random) {}
   ~RtspSessionTable();
 
   // A new session of `client` on `stream` (Init state), with an id no
@@ -32,6 +34,8 @@ class RtspSessionTable {
   // Ends the session: it leaves its stream, its connection and the routes.
   void Destroy(const std::string& id);
   std::shared_ptr<RtspSession> Find(const std::string& id) const;
+  // The sessions that read `stream`: its viewers' and its multicast
+  // group's sender.
   const std::set<RtspSession*>& SessionsOf(const RtspStream& stream) const;
   const std::map<std::string, std::shared_ptr<RtspSession>>& sessions() const { return sessions_; }
   // Any thread.
@@ -42,6 +46,10 @@ class RtspSessionTable {
                 int track,
                 const asio::ip::udp::endpoint& rtp,
                 const asio::ip::udp::endpoint& rtcp);
+  // SETUP of a multicast track: the session joins its stream's group (see
+  // RtspMulticastGroups::Join), whose sender reads the stream from then on.
+  const RtspMulticastGroup& SetupMulticast(RtspSession& session, int track);
+  RtspMulticastGroups& multicast() { return multicast_; }
   // TEARDOWN of one track (see RtspSession::TeardownTrack), routes included.
   bool TeardownTrack(RtspSession& session, int track);
 
@@ -71,6 +79,7 @@ class RtspSessionTable {
 
  private:
   void Route(RtspSession& session, const RtspSessionTrack& track, bool add);
+  void Unlist(RtspSession& session);
   static bool ReadRtcp(RtspSession& session,
                        const uint8_t* data,
                        size_t size,
@@ -81,6 +90,7 @@ class RtspSessionTable {
   std::map<std::string, std::shared_ptr<RtspSession>> sessions_;
   std::map<const RtspStream*, std::set<RtspSession*>> by_stream_;
   UdpDemux udp_;
+  RtspMulticastGroups multicast_;
   std::atomic<int> count_{0};
 };
 

@@ -33,6 +33,9 @@ namespace qz_rtsp_internal_server {
 struct RtspRingReader {
   uint64_t read_index = 0;
   bool reading = false;
+  // A viewer's session; false for the server's own reader that sends a
+  // multicast group its packets, which the statistics do not count.
+  bool viewer = true;
 };
 
 // Delivery counters: written on the network thread, read from any.
@@ -119,12 +122,14 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
 
   // Network thread: the clients that read from this stream.
   void AddReader(RtspRingReader* reader) {
-    readers_.insert(reader);
-    session_count_ = static_cast<int>(readers_.size());
+    if (readers_.insert(reader).second && reader->viewer) {
+      ++session_count_;
+    }
   }
   void RemoveReader(RtspRingReader* reader) {
-    readers_.erase(reader);
-    session_count_ = static_cast<int>(readers_.size());
+    if (readers_.erase(reader) != 0 && reader->viewer) {
+      --session_count_;
+    }
   }
 
   void set_on_packets(std::function<void(RtspStream&)> f) { on_packets_ = std::move(f); }
@@ -145,6 +150,7 @@ class RtspStream : public std::enable_shared_from_this<RtspStream> {
   QZRtspStreamStats Stats() const;
   // Rate limit of key-frame requests: network thread only.
   long long last_key_request_ms = -1000000;
+  bool key_request_deferred = false;  // one waits for the interval's end
 
   // Network thread: records wait here from their post into the pipe until
   // every client that keeps up has written them; the time they waited goes

@@ -102,6 +102,47 @@ bool OpenUdpPortPair(asio::io_context& io,
   return false;
 }
 
+bool OpenMulticastSender(asio::io_context& io,
+                         const asio::ip::address& at,
+                         int ttl,
+                         std::unique_ptr<asio::ip::udp::socket>& socket,
+                         std::string& why) {
+  asio::ip::address_v4 local = asio::ip::address_v4::any();
+  if (at.is_v4()) {
+    local = at.to_v4();
+  } else if (at.to_v6().is_v4_mapped()) {
+    local = asio::ip::make_address_v4(asio::ip::v4_mapped, at.to_v6());
+  } else if (!at.is_unspecified()) {
+    why = "multicast is IPv4 only, and the server is bound to " + at.to_string();
+    return false;
+  }
+  auto s = std::make_unique<asio::ip::udp::socket>(io);
+  asio::error_code ec;
+  s->open(asio::ip::udp::v4(), ec);
+  if (!ec && !local.is_unspecified()) {
+    s->set_option(asio::ip::multicast::outbound_interface(local), ec);
+  }
+  if (!ec) {
+    s->bind(asio::ip::udp::endpoint(local, 0), ec);
+  }
+  if (!ec) {
+    s->set_option(asio::ip::multicast::hops(ttl), ec);
+  }
+  if (!ec) {
+    s->set_option(asio::ip::multicast::enable_loopback(true), ec);
+  }
+  if (!ec) {
+    s->non_blocking(true, ec);
+  }
+  if (ec) {
+    why = "multicast socket: " + ec.message();
+    return false;
+  }
+  s->set_option(asio::socket_base::send_buffer_size(1 << 20), ec);  // as the RTP socket's
+  socket = std::move(s);
+  return true;
+}
+
 std::vector<InterfaceAddress> ListInterfaceAddresses() {
   std::vector<InterfaceAddress> result;
 #ifdef QZ_HAVE_GETIFADDRS

@@ -41,6 +41,20 @@ bool OpenUdpPortPair(asio::io_context& io,
                      const std::function<uint32_t()>& random,
                      UdpPortPair& pair);
 
+// The socket multicast groups are sent from: IPv4, non-blocking, its
+// packets let through `ttl` routers (IP_MULTICAST_TTL), looped back to
+// receivers on this device (IP_MULTICAST_LOOP: a viewer on the phone
+// itself, and tests on the loopback interface). With `at` an IPv4 address
+// (the one the RTSP listener is bound to), it is bound there and its groups
+// leave through that address's interface (IP_MULTICAST_IF); unspecified,
+// the system routes them. An IPv6 `at` fails: multicast is IPv4 only. False
+// with the reason in `why`.
+bool OpenMulticastSender(asio::io_context& io,
+                         const asio::ip::address& at,
+                         int ttl,
+                         std::unique_ptr<asio::ip::udp::socket>& socket,
+                         std::string& why);
+
 // Every IPv4 and IPv6 address of the device's interfaces, in the system's
 // order, for RankUrlHosts; empty where the platform cannot list them. An
 // interface is up when the system says it is up and running (an Ethernet

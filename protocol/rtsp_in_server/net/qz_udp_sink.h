@@ -1,6 +1,7 @@
 // Where the server's UDP datagrams go. The fan-out and the sessions send
 // through this interface, so that tests read what would be sent without a
-// socket; SocketUdpSink is the server's own, on its RTP and RTCP sockets.
+// socket; SocketUdpSink is the server's own, on its RTP and RTCP sockets
+// and, for datagrams to a multicast group, its multicast socket.
 #ifndef PROTOCOL_RTSP_IN_SERVER_NET_QZ_UDP_SINK_H_
 #define PROTOCOL_RTSP_IN_SERVER_NET_QZ_UDP_SINK_H_
 
@@ -50,10 +51,15 @@ class UdpSink {
 
 // On two non-blocking sockets: media batched (see UdpBatch), RTCP one by
 // one. A dual-stack IPv6 socket reaches IPv4 clients at their mapped
-// address. The sockets must outlive the sink.
+// address. Datagrams to a multicast address go through `multicast` instead
+// (batched too), or are dropped without one. The sockets must outlive the
+// sink.
 class SocketUdpSink : public UdpSink {
  public:
-  SocketUdpSink(asio::ip::udp::socket& rtp, asio::ip::udp::socket& rtcp, bool gso);
+  SocketUdpSink(asio::ip::udp::socket& rtp,
+                asio::ip::udp::socket& rtcp,
+                bool gso,
+                asio::ip::udp::socket* multicast = nullptr);
 
   void Add(const asio::ip::udp::endpoint& to, const uint8_t* data, size_t size, void* tag) override;
   void Flush() override;
@@ -72,6 +78,9 @@ class SocketUdpSink : public UdpSink {
   bool v6_;
   bool gso_;  // cleared by the batch when the kernel refuses to segment
   UdpBatch batch_;
+  asio::ip::udp::socket* multicast_;
+  bool multicast_gso_;
+  std::unique_ptr<UdpBatch> multicast_batch_;  // null without a multicast socket
 };
 
 }  // namespace qz_rtsp_internal_server

@@ -91,6 +91,9 @@ bool ParseRtspTransportSpec(const std::string& spec, RtspTransport& transport) {
     } else if (EqualsNoCase(key, "client_port")) {
       if (!ParsePair(value, 65535, 1, t.client_rtp_port, t.client_rtcp_port))
         return false;
+    } else if (EqualsNoCase(key, "port")) {
+      if (!ParsePair(value, 65535, 1, t.multicast_rtp_port, t.multicast_rtcp_port))
+        return false;
     } else if (EqualsNoCase(key, "server_port")) {
       if (!ParsePair(value, 65535, 1, t.server_rtp_port, t.server_rtcp_port))
         return false;
@@ -145,7 +148,11 @@ bool ParseRtspTransports(const std::string& header, std::vector<RtspTransport>& 
 
 namespace {
 
-bool FirstServable(const std::string& header, RtspTransport& transport, bool tcp_only) {
+// Which transports a caller can serve: unicast UDP or TCP; TCP only (a
+// connection inside TLS); or unicast and UDP multicast.
+enum class Servable { kUnicast, kTcpOnly, kWithMulticast };
+
+bool FirstServable(const std::string& header, RtspTransport& transport, Servable servable) {
   // Spec by spec, so that one this server does not know (RTP/SAVP, say)
   // does not hide a later one it does.
   std::vector<std::string> specs;
@@ -154,11 +161,13 @@ bool FirstServable(const std::string& header, RtspTransport& transport, bool tcp
   }
   for (const std::string& spec : specs) {
     RtspTransport t;
-    if (!ParseRtspTransportSpec(spec, t) || t.multicast || t.record()) {
+    if (!ParseRtspTransportSpec(spec, t) || t.record()) {
       continue;
     }
-    if (t.kind == RtspTransport::Kind::kUdp &&
-        (tcp_only || t.client_rtp_port <= 0 || t.client_rtcp_port <= 0)) {
+    const bool udp = t.kind == RtspTransport::Kind::kUdp;
+    if (t.multicast ? servable != Servable::kWithMulticast || !udp
+                    : udp && (servable == Servable::kTcpOnly || t.client_rtp_port <= 0 ||
+                              t.client_rtcp_port <= 0)) {
       continue;
     }
     transport = t;
@@ -170,11 +179,15 @@ bool FirstServable(const std::string& header, RtspTransport& transport, bool tcp
 }  // namespace
 
 bool ParseRtspTransport(const std::string& header, RtspTransport& transport) {
-  return FirstServable(header, transport, false);
+  return FirstServable(header, transport, Servable::kUnicast);
 }
 
 bool ParseRtspTcpTransport(const std::string& header, RtspTransport& transport) {
-  return FirstServable(header, transport, true);
+  return FirstServable(header, transport, Servable::kTcpOnly);
+}
+
+bool ParseRtspTransportOrMulticast(const std::string& header, RtspTransport& transport) {
+  return FirstServable(header, transport, Servable::kWithMulticast);
 }
 
 std::string WriteRtspTransport(const RtspTransport& t) {
@@ -183,6 +196,7 @@ std::string WriteRtspTransport(const RtspTransport& t) {
   if (!t.destination.empty()) {
     out += ";destination=" + t.destination;
   }
+  out += Pair("port", t.multicast_rtp_port, t.multicast_rtcp_port);
   if (t.ttl >= 0) {
     out += ";ttl=" + std::to_string(t.ttl);
   }
@@ -207,7 +221,9 @@ bool operator==(const RtspTransport& a, const RtspTransport& b) {
          a.client_rtcp_port == b.client_rtcp_port && a.server_rtp_port == b.server_rtp_port &&
          a.server_rtcp_port == b.server_rtcp_port && a.interleaved_rtp == b.interleaved_rtp &&
          a.interleaved_rtcp == b.interleaved_rtcp && a.has_ssrc == b.has_ssrc && a.ssrc == b.ssrc &&
-         a.mode == b.mode && a.destination == b.destination && a.ttl == b.ttl;
+         a.mode == b.mode && a.destination == b.destination && a.ttl == b.ttl &&
+         a.multicast_rtp_port == b.multicast_rtp_port &&
+         a.multicast_rtcp_port == b.multicast_rtcp_port;
 }
 
 }  // namespace qz_rtsp_internal_server

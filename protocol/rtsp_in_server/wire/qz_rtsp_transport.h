@@ -27,6 +27,8 @@ struct RtspTransport {
   std::string mode;         // as given, without quotes; empty when absent (PLAY)
   std::string destination;  // empty when absent
   int ttl = -1;
+  int multicast_rtp_port = -1;  // port=a-b: a multicast group's pair
+  int multicast_rtcp_port = -1;
 
   bool has_destination() const { return !destination.empty(); }
   // mode=record (or receive): the client wants to publish, not to play.
@@ -45,6 +47,10 @@ bool ParseRtspTransport(const std::string& header, RtspTransport& transport);
 // The same, among the TCP transports only: for a connection inside TLS,
 // whose media must not leave it in clear.
 bool ParseRtspTcpTransport(const std::string& header, RtspTransport& transport);
+// The same for a server that also sends multicast: a UDP multicast
+// transport to play qualifies too, whatever destination, port and ttl it
+// asks for (the server chooses those).
+bool ParseRtspTransportOrMulticast(const std::string& header, RtspTransport& transport);
 std::string WriteRtspTransport(const RtspTransport& transport);
 
 // Value equality, for tests and the round-trip fuzzer.
