@@ -12,6 +12,7 @@ attack needs the server's TLS port in QZ_TLS_PORT.
 import base64
 import os
 import re
+import secrets
 import select
 import socket
 import ssl
@@ -447,7 +448,14 @@ class HostileTls:
             self.sock = connect(self.source, timeout=2, port=TLS_PORT)
             self.since = time.time()
             if self.kind == "garbage":
-                self.sock.sendall(b"\x16\x03\x01\x00\x20" + os.urandom(32))
+                # A handshake record of 32 random bytes, whose message type
+                # is anything but ClientHello (1): random bytes that begin a
+                # ClientHello declaring up to 128 KiB (1 connection in about
+                # 33 000, one attack run in 25) are, to any TLS server, a
+                # hello still arriving, a stall closed at the request time
+                # limit, not garbage to close at once.
+                kind = 2 + secrets.randbelow(254)
+                self.sock.sendall(b"\x16\x03\x01\x00\x20" + bytes([kind]) + os.urandom(31))
             elif self.kind == "tls1.0":
                 try:
                     tls_context(tls_1_0=True).wrap_socket(self.sock).close()
