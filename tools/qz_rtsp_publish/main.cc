@@ -13,6 +13,7 @@
 
 #include "protocol/rtsp_in_server/media/qz_delay_histogram.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
+#include "protocol/rtsp_push/qz_rtsp_pusher.h"
 #include "publisher/qz_rtsp_sinker.h"
 #include "tools/qz_rtsp_publish/file_source.h"
 #include "tools/qz_rtsp_publish/options.h"
@@ -27,6 +28,9 @@ extern "C" {
 
 namespace {
 
+using qz_rtsp_internal_server::QZRtspPusher;
+using qz_rtsp_internal_server::QZRtspPushOptions;
+using qz_rtsp_internal_server::QZRtspPushStats;
 using qz_rtsp_internal_server::QZRtspServer;
 using qz_rtsp_internal_server::QZRtspServerOptions;
 using qz_rtsp_internal_server::QZRtspServerStats;
@@ -241,6 +245,25 @@ int main(int argc, char** argv) {
     servers.push_back(std::move(server));
   }
 
+  std::vector<std::unique_ptr<QZRtspPusher>> pushers;
+  for (const std::string& url : options.push) {
+    QZRtspPushOptions push_options;
+    push_options.url = url;
+    push_options.udp = options.push_udp;
+    qz_tools::MediaSource* video_source = source.get();
+    push_options.on_key_frame_request = [video_source](const std::string&) {
+      video_source->RequestKeyFrame();
+    };
+    std::unique_ptr<QZRtspPusher> pusher(new QZRtspPusher(push_options));
+    if (!pusher->Start()) {
+      std::fprintf(stderr, "qz_rtsp_publish: cannot push to %s (the log says why)\n",
+                   pusher->GetStats().url.c_str());
+      return 2;
+    }
+    handles.push_back(pusher->Handle());
+    pushers.push_back(std::move(pusher));
+  }
+
   qz_top_common::EventMgr events;
   events.Init();
   qz_publisher::RtspSinker sinker(&events, options.name, source->has_audio(), source->has_video(),
@@ -322,6 +345,16 @@ int main(int argc, char** argv) {
                      stats.playing == 1 ? "" : "s",
                      (stats.bytes_sent - last_sent) * 8 / 1e6 / seconds, stats.packets_dropped,
                      stats.key_frame_requests, ReceptionSummary(stats.session_stats).c_str());
+        for (const auto& pusher : pushers) {
+          const QZRtspPushStats push = pusher->GetStats();
+          std::fprintf(
+              stderr, "  push %s: %s%s%s, %llu reconnects, %.1f MB sent, %llu dropped\n",
+              push.url.c_str(), push.state.c_str(),
+              push.retry_in_s > 0 ? (" in " + std::to_string(push.retry_in_s) + " s").c_str() : "",
+              push.last_error.empty() || push.recording ? ""
+                                                        : (" (" + push.last_error + ")").c_str(),
+              push.reconnects, push.bytes_sent / 1e6, push.packets_dropped);
+        }
       }
       last_bytes = bytes;
       last_frames = frames;
@@ -361,7 +394,19 @@ int main(int argc, char** argv) {
                    pushed.p99_ms, stream.push_delay.max_us / 1000.0);
     }
   }
+  for (const auto& pusher : pushers) {
+    const QZRtspPushStats push = pusher->GetStats();
+    std::fprintf(stderr,
+                 "push %s: %s, %llu attempts, %llu recordings, %llu packets sent (%llu bytes), "
+                 "%llu dropped, %llu key-frame requests, last error: %s\n",
+                 push.url.c_str(), push.state.c_str(), push.attempts, push.recordings,
+                 push.packets_sent, push.bytes_sent, push.packets_dropped, push.key_frame_requests,
+                 push.last_error.empty() ? "none" : push.last_error.c_str());
+  }
   sinker.Stop();
+  for (auto& pusher : pushers) {
+    pusher->Stop();
+  }
   for (auto& server : servers) {
     server->Stop();
   }

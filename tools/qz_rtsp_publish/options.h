@@ -3,6 +3,7 @@
 #define TOOLS_QZ_RTSP_PUBLISH_OPTIONS_H_
 
 #include <string>
+#include <vector>
 
 namespace qz_tools {
 
@@ -16,7 +17,7 @@ struct PublishOptions {
   int kbitrate = 2000;
   int gop_seconds = 2;
   int port = 8554;
-  int servers = 1;                  // servers on port, port+1, ...
+  int servers = 1;                  // servers on port, port+1, ... (0: push only)
   std::string bind;                 // empty: all interfaces
   int max_clients = 64;             // connections per server
   int max_clients_per_address = 8;  // of them from one address (0: no cap)
@@ -31,6 +32,8 @@ struct PublishOptions {
   bool multicast = false;           // RTP/AVP;multicast to a group per stream
   std::string multicast_group;      // the first group address; empty: the server's default
   int multicast_ttl = 16;
+  std::vector<std::string> push;  // relays to push the stream to (ANNOUNCE/RECORD)
+  bool push_udp = false;          // RTP to them over UDP rather than interleaved
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;

@@ -6,10 +6,12 @@
 #include <openssl/rand.h>
 #include <strings.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <random>
 
 #include "protocol/rtsp_in_server/wire/qz_rtsp_auth_header.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_lex.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 #include "utility/qz_base64.h"
 
@@ -259,6 +261,125 @@ RtspAuthenticator::Verdict RtspAuthenticator::Check(const RtspRequest& request,
     return Verdict::kOk;
   }
   return credentials_ok && own_nonce && !fresh ? Verdict::kStale : Verdict::kDenied;
+}
+
+}  // namespace qz_rtsp_internal_server
+
+// ---- client ---------------------------------------------------------------------------
+
+namespace qz_rtsp_internal_server {
+
+bool RtspClientAuth::OnChallenges(const std::vector<std::string>& challenges) {
+  if (user_.empty()) {
+    return false;
+  }
+  // Rank: Digest SHA-256 (2), Digest MD5 (1), Basic (0); -1: none usable.
+  int best_rank = -1;
+  RtspAuthHeader best;
+  RtspAuthenticator::Algorithm best_algorithm = RtspAuthenticator::Algorithm::kMd5;
+  for (const std::string& value : challenges) {
+    RtspAuthHeader challenge;
+    if (!ParseRtspAuth(value, challenge)) {
+      continue;
+    }
+    int rank = 0;
+    RtspAuthenticator::Algorithm algorithm = RtspAuthenticator::Algorithm::kMd5;
+    if (challenge.scheme == RtspAuthHeader::Scheme::kDigest) {
+      if (challenge.Param("nonce") == nullptr || !ParseAlgorithm(challenge, algorithm)) {
+        continue;
+      }
+      const bool sha = algorithm == RtspAuthenticator::Algorithm::kSha256 ||
+                       algorithm == RtspAuthenticator::Algorithm::kSha256Sess;
+      rank = sha ? 2 : 1;
+    }
+    if (rank > best_rank) {
+      best_rank = rank;
+      best = challenge;
+      best_algorithm = algorithm;
+    }
+  }
+  if (best_rank < 0) {
+    return false;
+  }
+  const std::string nonce = ParamOf(best, "nonce");
+  const bool stale = lex::EqualsNoCase(ParamOf(best, "stale"), "true");
+  // Refused with what was sent: a second try with the same credentials
+  // would fail again, unless the server only let the nonce age.
+  const bool refused_before =
+      has_challenge_ && (best_rank == 0 ? basic_ : (!basic_ && nonce == nonce_ && !stale));
+  has_challenge_ = true;
+  basic_ = best_rank == 0;
+  algorithm_ = best_algorithm;
+  const std::string* algorithm_name = best.Param("algorithm");
+  algorithm_name_ = algorithm_name == nullptr ? std::string() : *algorithm_name;
+  realm_ = ParamOf(best, "realm");
+  if (nonce != nonce_) {
+    nc_ = 0;
+  }
+  nonce_ = nonce;
+  opaque_ = ParamOf(best, "opaque");
+  qop_auth_ = false;
+  std::vector<std::string> qops;
+  if (lex::SplitQuoted(ParamOf(best, "qop"), ',', qops, false)) {
+    for (const std::string& qop : qops) {
+      qop_auth_ |= lex::EqualsNoCase(lex::Trim(qop), "auth");
+    }
+  }
+  return !refused_before;
+}
+
+std::string RtspClientAuth::scheme() const {
+  return !has_challenge_ ? std::string() : basic_ ? "Basic" : "Digest";
+}
+
+std::string RtspClientAuth::Authorize(const std::string& method, const std::string& uri) {
+  if (!has_challenge_) {
+    return std::string();
+  }
+  RtspAuthHeader answer;
+  if (basic_) {
+    const std::string pair = user_ + ":" + password_;
+    answer.scheme = RtspAuthHeader::Scheme::kBasic;
+    answer.token =
+        qz_utility::Base64Encode(reinterpret_cast<const uint8_t*>(pair.data()), pair.size());
+    return WriteRtspAuth(answer);
+  }
+  std::string nc;
+  std::string cnonce;
+  if (qop_auth_) {
+    char count[9];
+    snprintf(count, sizeof(count), "%08x", ++nc_);
+    nc = count;
+    unsigned char random[8];
+    if (RAND_bytes(random, sizeof(random)) != 1) {
+      std::random_device device;
+      for (unsigned char& byte : random) {
+        byte = static_cast<unsigned char>(device());
+      }
+    }
+    cnonce = qz_utility::HexEncode(random, sizeof(random));
+  }
+  const std::string response =
+      RtspAuthenticator::DigestResponse(algorithm_, user_, realm_, password_, method, uri, nonce_,
+                                        nc, cnonce, qop_auth_ ? "auth" : "");
+  answer.scheme = RtspAuthHeader::Scheme::kDigest;
+  answer.params.push_back({"username", user_, true});
+  answer.params.push_back({"realm", realm_, true});
+  answer.params.push_back({"nonce", nonce_, true});
+  answer.params.push_back({"uri", uri, true});
+  answer.params.push_back({"response", response, true});
+  if (!algorithm_name_.empty()) {
+    answer.params.push_back({"algorithm", algorithm_name_, false});
+  }
+  if (!opaque_.empty()) {
+    answer.params.push_back({"opaque", opaque_, true});
+  }
+  if (qop_auth_) {
+    answer.params.push_back({"qop", "auth", false});
+    answer.params.push_back({"nc", nc, false});
+    answer.params.push_back({"cnonce", cnonce, true});
+  }
+  return WriteRtspAuth(answer);
 }
 
 }  // namespace qz_rtsp_internal_server

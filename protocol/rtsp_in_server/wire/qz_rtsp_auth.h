@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qz_rtsp_internal_server {
@@ -89,6 +90,42 @@ class RtspAuthenticator {
   long long nonce_lifetime_ms_;
   std::string key_;  // random, per server
   uint64_t connections_ = 0;
+};
+
+// The client's side: answers a server's challenges with the credentials
+// given. Digest is preferred to Basic (which sends the password in clear),
+// and SHA-256 to MD5; qop=auth when the challenge offers it, with a random
+// client nonce and a count that grows with each request.
+class RtspClientAuth {
+ public:
+  RtspClientAuth() = default;
+  RtspClientAuth(std::string user, std::string password)
+      : user_(std::move(user)), password_(std::move(password)) {}
+
+  bool has_credentials() const { return !user_.empty(); }
+  // Takes the WWW-Authenticate values of a 401 and keeps the strongest
+  // challenge that can be answered. False when there are no credentials,
+  // when none can be answered, or when the same nonce was refused before
+  // without stale=true (the credentials are wrong: asking again with them
+  // would not help).
+  bool OnChallenges(const std::vector<std::string>& challenges);
+  // The Authorization value for a request; empty before a challenge.
+  std::string Authorize(const std::string& method, const std::string& uri);
+  // "Digest" or "Basic" once a challenge was taken; empty before.
+  std::string scheme() const;
+
+ private:
+  std::string user_;
+  std::string password_;
+  bool has_challenge_ = false;
+  bool basic_ = false;
+  RtspAuthenticator::Algorithm algorithm_ = RtspAuthenticator::Algorithm::kMd5;
+  std::string algorithm_name_;
+  std::string realm_;
+  std::string nonce_;
+  std::string opaque_;
+  bool qop_auth_ = false;
+  uint32_t nc_ = 0;
 };
 
 }  // namespace qz_rtsp_internal_server

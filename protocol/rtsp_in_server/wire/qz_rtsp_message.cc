@@ -154,6 +154,20 @@ RtspParseResult RtspRequestParser::Next() {
     }
     if (first) {
       first = false;
+      if (responses_ && line.compare(0, 5, "RTSP/") == 0) {
+        // "RTSP/1.0 200 OK": version, a three-digit code, a reason that
+        // may hold blanks or be empty.
+        const size_t s1 = line.find(' ');
+        long long code = 0;
+        if (s1 == std::string::npos || !lex::ParseNumber(line.substr(s1 + 1, 3), 3, 999, code) ||
+            code < 100 || (line.size() > s1 + 4 && line[s1 + 4] != ' ')) {
+          return Fail("malformed status line");
+        }
+        req.version = line.substr(0, s1);
+        req.status = static_cast<int>(code);
+        req.reason = line.size() > s1 + 5 ? line.substr(s1 + 5) : std::string();
+        continue;
+      }
       const size_t s1 = line.find(' ');
       const size_t s2 = s1 == std::string::npos ? s1 : line.find(' ', s1 + 1);
       if (s1 == std::string::npos || s2 == std::string::npos) {
@@ -210,8 +224,9 @@ RtspParseResult RtspRequestParser::Next() {
   req.body = buffer_.substr(body_start, body_len);
   pos_ = body_start + body_len;
   Compact();
+  const bool response = req.status != 0;
   request_ = std::move(req);
-  return RtspParseResult::kRequest;
+  return response ? RtspParseResult::kResponse : RtspParseResult::kRequest;
 }
 
 const char* RtspReason(int code) {
@@ -220,6 +235,8 @@ const char* RtspReason(int code) {
       return "OK";
     case 400:
       return "Bad Request";
+    case 403:
+      return "Forbidden";
     case 401:
       return "Unauthorized";
     case 404:
@@ -259,6 +276,27 @@ std::string WriteRtspResponse(int code,
   if (!cseq.empty()) {
     out += "CSeq: " + cseq + "\r\n";
   }
+  for (const auto& h : headers) {
+    out += h.first + ": " + h.second + "\r\n";
+  }
+  if (!body.empty()) {
+    out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  }
+  out += "\r\n";
+  out += body;
+  return out;
+}
+
+}  // namespace qz_rtsp_internal_server
+
+namespace qz_rtsp_internal_server {
+
+std::string WriteRtspRequest(const std::string& method,
+                             const std::string& uri,
+                             int cseq,
+                             const std::vector<std::pair<std::string, std::string>>& headers,
+                             const std::string& body) {
+  std::string out = method + " " + uri + " RTSP/1.0\r\nCSeq: " + std::to_string(cseq) + "\r\n";
   for (const auto& h : headers) {
     out += h.first + ": " + h.second + "\r\n";
   }

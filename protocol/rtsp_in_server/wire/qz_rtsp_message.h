@@ -1,5 +1,7 @@
-// RTSP 1.0 message codec (RFC 2326): an incremental request parser with hard
-// size limits, and a response writer. No sockets, no session knowledge.
+// RTSP 1.0 message codec (RFC 2326): an incremental parser with hard size
+// limits (of requests, for the server; of responses, and the odd request a
+// server sends, for a client), and writers of both. No sockets, no session
+// knowledge.
 #ifndef PROTOCOL_RTSP_IN_SERVER_WIRE_QZ_RTSP_MESSAGE_H_
 #define PROTOCOL_RTSP_IN_SERVER_WIRE_QZ_RTSP_MESSAGE_H_
 
@@ -11,10 +13,13 @@
 
 namespace qz_rtsp_internal_server {
 
+// A request, or with a status (a client's parser), a response.
 struct RtspRequest {
   std::string method;
   std::string uri;
   std::string version;
+  int status = 0;      // a response's status code (100..999); 0: a request
+  std::string reason;  // a response's reason phrase (may be empty)
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
 
@@ -35,6 +40,7 @@ struct RtspLimits {
 enum class RtspParseResult {
   kNeedMore,     // nothing complete yet
   kRequest,      // a request, in request()
+  kResponse,     // a response, in request() (status set): a client's parser only
   kInterleaved,  // a '$' frame: channel() and payload()
   kBadRequest,   // malformed or over a limit: answer 400 and close
 };
@@ -44,7 +50,10 @@ enum class RtspParseResult {
 // stays bounded by the limits: bytes beyond them are never buffered.
 class RtspRequestParser {
  public:
-  explicit RtspRequestParser(RtspLimits limits = RtspLimits()) : limits_(limits) {}
+  // `responses`: the parser of a client, which reads responses (a start
+  // line "RTSP/1.0 200 OK") and also requests (a server may send one).
+  explicit RtspRequestParser(RtspLimits limits = RtspLimits(), bool responses = false)
+      : limits_(limits), responses_(responses) {}
 
   void Feed(const char* data, size_t size);
   RtspParseResult Next();
@@ -62,6 +71,7 @@ class RtspRequestParser {
   void Compact();
 
   RtspLimits limits_;
+  bool responses_;
   std::string buffer_;
   size_t pos_ = 0;
   RtspRequest request_;
@@ -79,6 +89,14 @@ std::string WriteRtspResponse(int code,
                               const std::string& body = std::string());
 
 const char* RtspReason(int code);
+
+// Writes "<method> <uri> RTSP/1.0", CSeq, the headers, Content-Length when
+// there is a body, and the body.
+std::string WriteRtspRequest(const std::string& method,
+                             const std::string& uri,
+                             int cseq,
+                             const std::vector<std::pair<std::string, std::string>>& headers,
+                             const std::string& body = std::string());
 
 }  // namespace qz_rtsp_internal_server
 
