@@ -103,7 +103,6 @@ class RtspPushProtocol {
   int cseq_ = 0;
   int awaiting_cseq_ = 0;
   Sent last_;  // the request awaiting its answer, to send again with credentials
-  bool auth_retried_ = false;
   RtspClientAuth auth_;
   size_t setup_index_ = 0;
   std::vector<PushTrack> tracks_;

@@ -18,10 +18,10 @@ struct RtspRequest {
   std::string method;
   std::string uri;
   std::string version;
-  int status = 0;      // a response's status code (100..999); 0: a request
-  std::string reason;  // a response's reason phrase (may be empty)
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
+  int status = 0;      // a response's status code (100..999); 0: a request
+  std::string reason;  // a response's reason phrase (may be empty)
 
   // Value of the first header named `name` (case-insensitive), or null.
   const std::string* Header(const std::string& name) const;

@@ -106,7 +106,10 @@ std::string Header(const Answer& a) {
 }
 
 RtspRequest Request(const std::string& authorization, const std::string& uri = kTrack0) {
-  RtspRequest r{"SETUP", uri, "RTSP/1.0", {}, ""};
+  RtspRequest r;
+  r.method = "SETUP";
+  r.uri = uri;
+  r.version = "RTSP/1.0";
   if (!authorization.empty()) {
     r.headers.emplace_back("Authorization", authorization);
   }
@@ -232,6 +235,68 @@ TEST(RtspAuthTest, Challenges) {
       }
     }
   }
+}
+
+// The client's answers, checked by the server's own authenticator: the
+// strongest challenge offered is taken (SHA-256, then MD5, Basic only
+// alone), with and without qop; wrong passwords fail; a nonce refused once
+// is not answered again unless it went stale.
+TEST(RtspClientAuthTest, AnswersWhatTheServerAccepts) {
+  const struct {
+    const char* offered;  // of the server's challenges: s(ha), m(d5), b(asic), 2(069: md5, no qop)
+    const char* scheme;
+    const char* algorithm;  // "" when none is named
+  } cases[] = {
+      {"smb", "Digest", "SHA-256"}, {"mb", "Digest", "MD5"}, {"bm", "Digest", "MD5"},
+      {"b", "Basic", ""},           {"2", "Digest", ""},
+  };
+  for (const auto& c : cases) {
+    for (const char* password : {"secret", "wrong"}) {
+      RtspAuthenticator server("user", "secret", "qz", /*allow_basic=*/true);
+      RtspAuthState state;
+      const std::vector<std::string> all = server.Challenges(state, 1000, false);
+      std::vector<std::string> offered;
+      for (const char* k = c.offered; *k != '\0'; ++k) {
+        offered.push_back(*k == 's'   ? all[0]
+                          : *k == 'm' ? all[1]
+                          : *k == 'b' ? all[2]
+                                      : "Digest realm=\"qz\", nonce=\"" + NonceOf(all[1]) + "\"");
+      }
+      RtspClientAuth client("user", password);
+      ASSERT_TRUE(client.OnChallenges(offered)) << c.offered;
+      EXPECT_EQ(client.scheme(), c.scheme) << c.offered;
+      const std::string answer = client.Authorize("SETUP", kTrack0);
+      RtspAuthHeader parsed;
+      ASSERT_TRUE(ParseRtspAuth(answer, parsed)) << answer;
+      const std::string* algorithm = parsed.Param("algorithm");
+      EXPECT_EQ(algorithm == nullptr ? "" : *algorithm, c.algorithm) << answer;
+      const bool right = std::string(password) == "secret";
+      EXPECT_EQ(server.Check(Request(answer), state, 1000), right ? Verdict::kOk : Verdict::kDenied)
+          << c.offered << " " << answer;
+      if (right && parsed.Param("qop") != nullptr) {
+        // The next request counts on: accepted; the first one replayed is not.
+        EXPECT_EQ(server.Check(Request(client.Authorize("SETUP", kTrack0)), state, 1000),
+                  Verdict::kOk);
+        EXPECT_EQ(server.Check(Request(answer), state, 1000), Verdict::kDenied);
+      }
+      // Challenged again with the same nonce: the credentials are wrong.
+      EXPECT_FALSE(client.OnChallenges(offered)) << c.offered;
+    }
+  }
+  // A stale nonce is answered again; nothing is answered without credentials
+  // or without a challenge that parses.
+  RtspAuthenticator server("user", "secret", "qz", false);
+  RtspAuthState state;
+  RtspClientAuth client("user", "secret");
+  ASSERT_TRUE(client.OnChallenges(server.Challenges(state, 1000, false)));
+  EXPECT_TRUE(client.OnChallenges(server.Challenges(state, 1000 + 60001, true)));
+  EXPECT_EQ(server.Check(Request(client.Authorize("SETUP", kTrack0)), state, 1000 + 60001),
+            Verdict::kOk);
+  RtspClientAuth nobody;
+  EXPECT_FALSE(nobody.OnChallenges(server.Challenges(state, 1000, false)));
+  EXPECT_TRUE(nobody.Authorize("SETUP", kTrack0).empty());
+  RtspClientAuth garbage_only("user", "secret");
+  EXPECT_FALSE(garbage_only.OnChallenges({"Digest realm", "Negotiate abc", "Digest realm=\"x\""}));
 }
 
 }  // namespace

@@ -98,6 +98,60 @@ TEST(RequestParserTest, BufferedAndStaysFailedAfterABadRequest) {
   EXPECT_EQ(parser.buffered(), 0u);  // nothing kept
 }
 
+// A client's parser: responses as "status [reason] cseq body", requests a
+// server sends as "METHOD uri", frames and failures as above.
+TEST(ResponseParserTest, Inputs) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"RTSP/1.0 200 OK\r\nCSeq: 2\r\nContent-Length: 3\r\n\r\nv=0", "200 [OK] 2 v=0"},
+      {"RTSP/1.0 455 Method Not Valid in This State\r\nCSeq: 9\r\n\r\n",
+       "455 [Method Not Valid in This State] 9 "},
+      {"RTSP/1.0 200\r\nCSeq: 3\r\n\r\n", "200 [] 3 "},  // no reason phrase
+      // The relay's RTCP, a request of its own and an answer, pipelined.
+      {std::string("$\x01\x00\x02rr", 6) + "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n" +
+           "RTSP/1.0 401 Unauthorized\r\nCSeq: 4\r\n\r\n",
+       "$1 rr | OPTIONS * | 401 [Unauthorized] 4 "},
+      {"RTSP/1.0 2000 OK\r\n\r\n", "bad"},
+      {"RTSP/1.0 20 OK\r\n\r\n", "bad"},
+      {"RTSP/1.0 099 Low\r\n\r\n", "bad"},
+      {"RTSP/1.0 abc OK\r\n\r\n", "bad"},
+      {"RTSP/1.0\r\n\r\n", "bad"},
+      {"HTTP/1.1 200 OK\r\n\r\n", "bad"},
+      {"RTSP/1.0 200 OK\r\nContent-Length: 999999999\r\n\r\n", "bad"},
+  };
+  for (const auto& c : cases) {
+    RtspRequestParser parser(RtspLimits(), /*responses=*/true);
+    parser.Feed(c.first.data(), c.first.size());
+    std::string out;
+    for (RtspParseResult result; (result = parser.Next()) != RtspParseResult::kNeedMore;) {
+      out += out.empty() ? "" : " | ";
+      const RtspRequest& r = parser.request();
+      const std::string* cseq = r.Header("CSeq");
+      if (result == RtspParseResult::kBadRequest) {
+        out += "bad";
+        break;
+      }
+      out += result == RtspParseResult::kInterleaved
+                 ? "$" + std::to_string(parser.channel()) + " " + parser.payload()
+             : result == RtspParseResult::kRequest ? r.method + " " + r.uri
+                                                   : std::to_string(r.status) + " [" + r.reason +
+                                                         "] " + (cseq ? *cseq : "-") + " " + r.body;
+    }
+    EXPECT_EQ(out, c.second) << c.first.substr(0, 60);
+  }
+  // A server's parser takes no response.
+  RtspRequestParser server;
+  const std::string response = "RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n";
+  server.Feed(response.data(), response.size());
+  EXPECT_EQ(server.Next(), RtspParseResult::kBadRequest);
+}
+
+TEST(RequestWriterTest, GoldenRequest) {
+  EXPECT_EQ(WriteRtspRequest("ANNOUNCE", "rtsp://h:8554/p", 3,
+                             {{"Content-Type", "application/sdp"}}, "v=0\r\n"),
+            "ANNOUNCE rtsp://h:8554/p RTSP/1.0\r\nCSeq: 3\r\nContent-Type: application/sdp\r\n"
+            "Content-Length: 5\r\n\r\nv=0\r\n");
+}
+
 TEST(ResponseWriterTest, GoldenResponse) {
   EXPECT_EQ(
       WriteRtspResponse(200, "4", {{"Session", "AB;timeout=60"}}, "v=0\r\n"),
