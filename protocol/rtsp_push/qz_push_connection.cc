@@ -65,20 +65,41 @@ void PushConnection::Start() {
                      ": " + ec.message());
                 return;
               }
-              OnConnected();
+              Handshake();
             });
       });
 }
 
-void PushConnection::OnConnected() {
+void PushConnection::Handshake() {
   asio::error_code ec;
   socket_.set_option(asio::ip::tcp::no_delay(true), ec);
+  link_ = env_.tls != nullptr ? env_.tls->Wrap(std::move(socket_), env_.url.host)
+                              : MakeTcpLink(std::move(socket_));
+  if (!link_) {
+    Fail("cannot make a TLS link (out of memory)");
+    return;
+  }
+  auto self = shared_from_this();
+  link_->Handshake([this, self](const asio::error_code& ec) {
+    if (closed_) {
+      return;
+    }
+    if (ec) {
+      Fail("the TLS handshake with the relay failed: " + ec.message());
+      return;
+    }
+    OnConnected();
+  });
+}
+
+void PushConnection::OnConnected() {
+  asio::error_code ec;
   const StreamDescription desc = stream_->Describe();
   RtspPushProtocol::Config config;
   config.url = env_.url;
   config.udp = env_.udp;
   config.tracks = desc.Tracks();
-  const asio::ip::address local = socket_.local_endpoint(ec).address();
+  const asio::ip::address local = link_->socket().local_endpoint(ec).address();
   config.sdp = BuildSdp(desc, local.to_string(), RtspRandom::Crypto().Next32());
   if (env_.udp) {
     std::string why;
@@ -95,8 +116,8 @@ void PushConnection::OnConnected() {
 
 bool PushConnection::OpenUdpPorts(std::vector<std::pair<int, int>>& ports, std::string& why) {
   asio::error_code ec;
-  const asio::ip::address local = socket_.local_endpoint(ec).address();
-  const asio::ip::address relay = socket_.remote_endpoint(ec).address();
+  const asio::ip::address local = link_->socket().local_endpoint(ec).address();
+  const asio::ip::address relay = link_->socket().remote_endpoint(ec).address();
   const size_t tracks = stream_->Describe().Tracks().size();
   for (size_t t = 0; t < tracks; ++t) {
     // An even RTP port and the next for RTCP (RFC 3550 11), drawn at random
@@ -140,18 +161,18 @@ bool PushConnection::OpenUdpPorts(std::vector<std::pair<int, int>>& ports, std::
 
 void PushConnection::Read() {
   auto self = shared_from_this();
-  socket_.async_read_some(
-      asio::buffer(read_buffer_), [this, self](const asio::error_code& ec, size_t bytes) {
-        if (closed_) {
-          return;
-        }
-        if (ec) {
-          Fail(ec == asio::error::eof ? std::string("the relay closed the connection")
-                                      : "reading from the relay: " + ec.message());
-          return;
-        }
-        OnRead(bytes);
-      });
+  link_->ReadSome(asio::buffer(read_buffer_),
+                  [this, self](const asio::error_code& ec, size_t bytes) {
+                    if (closed_) {
+                      return;
+                    }
+                    if (ec) {
+                      Fail(ec == asio::error::eof ? std::string("the relay closed the connection")
+                                                  : "reading from the relay: " + ec.message());
+                      return;
+                    }
+                    OnRead(bytes);
+                  });
 }
 
 void PushConnection::OnRead(size_t bytes) {
@@ -380,7 +401,7 @@ void PushConnection::Flush() {
   writing_ = true;
   write_started_ms_ = NowMs();
   auto self = shared_from_this();
-  asio::async_write(socket_, buffers_, [this, self](const asio::error_code& ec, size_t written) {
+  link_->Write(buffers_, [this, self](const asio::error_code& ec, size_t written) {
     OnWritten(ec, written);
   });
 }
@@ -476,6 +497,9 @@ void PushConnection::Close() {
   asio::error_code ec;
   resolver_.cancel();
   socket_.close(ec);
+  if (link_) {
+    link_->Close();
+  }
   for (auto& socket : udp_rtp_) {
     socket->close(ec);
   }

@@ -17,6 +17,8 @@
 #include <vector>
 
 #include "protocol/rtsp_in_server/media/qz_rtsp_stream.h"
+#include "protocol/rtsp_in_server/net/qz_rtsp_link.h"
+#include "protocol/rtsp_in_server/tls/qz_tls_client.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_url.h"
 #include "protocol/rtsp_push/qz_push_protocol.h"
@@ -35,6 +37,8 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   struct Env {
     asio::io_context* io = nullptr;
     RtspUrl url;
+    // rtsps:// URLs: the TLS context that checks the relay.
+    TlsClientContext* tls = nullptr;
     bool udp = false;
     int response_timeout_ms = 10000;
     int write_stall_timeout_ms = 10000;
@@ -74,6 +78,7 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   long long NowMs() const { return stream_->clock().SteadyMs(); }
   void SetState(const std::string& state);
   void Fail(const std::string& error);
+  void Handshake();  // TLS's, over rtsps; at once over plain TCP
   void OnConnected();
   bool OpenUdpPorts(std::vector<std::pair<int, int>>& ports, std::string& why);
   void Read();
@@ -93,7 +98,8 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   Env env_;
   std::shared_ptr<RtspStream> stream_;
   asio::ip::tcp::resolver resolver_;
-  asio::ip::tcp::socket socket_;
+  asio::ip::tcp::socket socket_;  // until connected; then the link's
+  std::unique_ptr<RtspLink> link_;
   std::unique_ptr<RtspPushProtocol> protocol_;
   std::vector<RtpTrackInfo> announced_;
   RtspRequestParser parser_{RtspLimits(), true};

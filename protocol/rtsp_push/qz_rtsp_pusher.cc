@@ -10,6 +10,7 @@
 #include "protocol/rtsp_in_server/media/qz_rtsp_io_gate.h"
 #include "protocol/rtsp_in_server/media/qz_rtsp_stream.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+#include "protocol/rtsp_in_server/tls/qz_tls_client.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_url.h"
 #include "protocol/rtsp_push/qz_push_connection.h"
 #include "utility/qz_log.h"
@@ -45,6 +46,7 @@ class QZRtspPusher::Impl : public QZRtspPipeAcceptor {
 
   QZRtspPushOptions options_;
   RtspUrl url_;
+  std::unique_ptr<TlsClientContext> tls_;  // rtsps:// only
   asio::io_context io_;
   std::unique_ptr<asio::executor_work_guard<asio::io_context::executor_type>> work_;
   std::unique_ptr<asio::steady_timer> tick_;
@@ -118,15 +120,21 @@ bool QZRtspPusher::Impl::Start() {
     return true;
   }
   RtspUrl parsed;
-  const char* why = nullptr;
+  std::string why;
   if (!ParseRtspUrl(options_.url, parsed)) {
-    why = "not an rtsp:// URL with a host";
+    why = "not an rtsp:// or rtsps:// URL with a host";
+  } else if (parsed.tls && options_.udp) {
+    why = "an rtsps:// push sends its media inside TLS: UDP would send it in clear";
   } else if (parsed.tls) {
-    why = "rtsps:// is not supported for pushing yet";
+    TlsClientTrust trust;
+    trust.ca_file = options_.tls_ca_file;
+    trust.fingerprint = options_.tls_fingerprint;
+    trust.verify = options_.tls_verify;
+    tls_ = TlsClientContext::Create(trust, why);
   }
-  if (why != nullptr) {
+  if (!why.empty()) {
     LogFormat("VartoLogIOS [E] QZRtspPusher::Start cannot push to '%s': %s\n",
-              url_.WithoutCredentials().c_str(), why);
+              url_.WithoutCredentials().c_str(), why.c_str());
     return false;
   }
   if (thread_.joinable()) {
@@ -335,6 +343,7 @@ void QZRtspPusher::Impl::Connect() {
   PushConnection::Env env;
   env.io = &io_;
   env.url = url_;
+  env.tls = tls_.get();
   env.udp = options_.udp;
   env.response_timeout_ms = options_.response_timeout_ms;
   env.write_stall_timeout_ms = options_.write_stall_timeout_ms;

@@ -39,6 +39,18 @@ struct QZRtspPushOptions {
   // RTP from other ports), RTCP from the next; else interleaved in the RTSP
   // connection (the default: it passes every NAT and firewall).
   bool udp = false;
+  // rtsps:// relays (RTSP over TLS 1.2 or 1.3; the media interleaved inside
+  // it, so `udp` cannot be set): by default the relay's certificate chain
+  // is checked against the system's CAs and its name against the URL's
+  // host. `tls_ca_file` names a PEM file of CAs to trust instead (or the
+  // relay's own self-signed certificate); `tls_fingerprint` pins the
+  // relay's certificate by its SHA-256 digest in hex (what `openssl x509
+  // -fingerprint -sha256` prints), accepted whoever signed it;
+  // `tls_verify` false accepts any certificate (for tests: anyone on the
+  // path could pose as the relay).
+  std::string tls_ca_file;
+  std::string tls_fingerprint;
+  bool tls_verify = true;
   size_t rtp_payload_size = 1400;
   // Connecting, and each answer of the relay, may take this long.
   int response_timeout_ms = 10000;

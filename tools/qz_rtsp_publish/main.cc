@@ -250,6 +250,9 @@ int main(int argc, char** argv) {
     QZRtspPushOptions push_options;
     push_options.url = url;
     push_options.udp = options.push_udp;
+    push_options.tls_ca_file = options.push_tls_ca;
+    push_options.tls_fingerprint = options.push_tls_fingerprint;
+    push_options.tls_verify = !options.push_tls_insecure;
     qz_tools::MediaSource* video_source = source.get();
     push_options.on_key_frame_request = [video_source](const std::string&) {
       video_source->RequestKeyFrame();

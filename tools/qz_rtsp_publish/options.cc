@@ -55,6 +55,11 @@ const char kUsage[] =
     "                          with back-off when the relay refuses or goes away)\n"
     "      --push-transport T  tcp (default: RTP interleaved in the RTSP connection)\n"
     "                          or udp\n"
+    "      --push-tls-ca FILE  rtsps:// relays: trust these CAs (PEM; or the relay's\n"
+    "                          self-signed certificate) instead of the system's\n"
+    "      --push-tls-fingerprint HEX  accept only the relay certificate with this\n"
+    "                          SHA-256 fingerprint, whoever signed it\n"
+    "      --push-tls-insecure accept any certificate (tests only)\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
@@ -124,6 +129,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.udp_gso = false;
     } else if (arg == "--http-tunnel") {
       o.http_tunnel = true;
+    } else if (arg == "--push-tls-insecure") {
+      o.push_tls_insecure = true;
     } else if (arg == "--multicast") {
       o.multicast = true;
     } else if (arg == "-q" || arg == "--quiet") {
@@ -183,9 +190,14 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.tls_dir = v;
     } else if (arg == "--push") {
       o.push.push_back(v);
-      if (o.push.back().compare(0, 7, "rtsp://") != 0) {
-        return fail("--push takes an rtsp:// URL");
+      if (o.push.back().compare(0, 7, "rtsp://") != 0 &&
+          o.push.back().compare(0, 8, "rtsps://") != 0) {
+        return fail("--push takes an rtsp:// or rtsps:// URL");
       }
+    } else if (arg == "--push-tls-ca") {
+      o.push_tls_ca = v;
+    } else if (arg == "--push-tls-fingerprint") {
+      o.push_tls_fingerprint = v;
     } else if (arg == "--push-transport") {
       if (std::string(v) != "tcp" && std::string(v) != "udp") {
         return fail("--push-transport must be tcp or udp");

@@ -32,8 +32,11 @@ struct PublishOptions {
   bool multicast = false;           // RTP/AVP;multicast to a group per stream
   std::string multicast_group;      // the first group address; empty: the server's default
   int multicast_ttl = 16;
-  std::vector<std::string> push;  // relays to push the stream to (ANNOUNCE/RECORD)
-  bool push_udp = false;          // RTP to them over UDP rather than interleaved
+  std::vector<std::string> push;     // relays to push the stream to (ANNOUNCE/RECORD)
+  bool push_udp = false;             // RTP to them over UDP rather than interleaved
+  std::string push_tls_ca;           // rtsps:// relays: CAs to trust (PEM file) ...
+  std::string push_tls_fingerprint;  // ... or the relay's certificate, pinned
+  bool push_tls_insecure = false;    // ... or any certificate
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;

@@ -5,6 +5,8 @@
 
 #include <asio/ssl.hpp>
 
+#include "protocol/rtsp_in_server/tls/qz_tls_link.h"
+
 namespace qz_rtsp_internal_server {
 namespace {
 
@@ -25,47 +27,6 @@ constexpr long kSessionCacheSize = 256;
 int NoPassphrase(char*, int, int, void*) {
   return 0;
 }
-
-class TlsLink : public RtspLink {
- public:
-  TlsLink(asio::ip::tcp::socket socket, asio::ssl::context& context)
-      : stream_(std::move(socket), context) {}
-
-  asio::ip::tcp::socket& socket() override { return stream_.next_layer(); }
-
-  void Handshake(std::function<void(const asio::error_code& ec)> done) override {
-    stream_.async_handshake(asio::ssl::stream_base::server, std::move(done));
-  }
-
-  void ReadSome(asio::mutable_buffer into, Done done) override {
-    stream_.async_read_some(into, std::move(done));
-  }
-
-  // Encrypting needs the link's own buffer and may take several socket
-  // writes per call: every write goes through Write().
-  size_t WriteNow(const std::vector<asio::const_buffer>&, asio::error_code& ec) override {
-    ec.clear();
-    return 0;
-  }
-
-  // Asio hands OpenSSL up to 8 KiB at a time (gathered from the shared
-  // packets into one plaintext buffer), one TLS record each, and sends each
-  // record as it is made.
-  void Write(const std::vector<asio::const_buffer>& buffers, Done done) override {
-    asio::async_write(stream_, buffers, std::move(done));
-  }
-
-  // No close_notify: the connection is over, whoever ends it, and a client
-  // that stopped reading would never take it.
-  void Close() override {
-    asio::error_code ec;
-    stream_.next_layer().shutdown(asio::ip::tcp::socket::shutdown_both, ec);
-    stream_.next_layer().close(ec);
-  }
-
- private:
-  asio::ssl::stream<asio::ip::tcp::socket> stream_;
-};
 
 std::string Origin(const std::string& pem, const std::string& file) {
   return pem.empty() ? "file '" + file + "'" : "PEM text";
@@ -139,7 +100,7 @@ TlsServerContext::~TlsServerContext() = default;
 
 std::unique_ptr<RtspLink> TlsServerContext::Wrap(asio::ip::tcp::socket socket) {
   try {
-    return std::make_unique<TlsLink>(std::move(socket), *context_);
+    return std::make_unique<TlsLink>(std::move(socket), *context_, asio::ssl::stream_base::server);
   } catch (const std::exception&) {  // SSL_new() failed, or the allocation
     ERR_clear_error();
     return nullptr;

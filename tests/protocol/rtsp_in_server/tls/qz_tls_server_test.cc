@@ -10,6 +10,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 
 #include "gtest/gtest.h"
 #include "protocol/rtsp_in_server/qz_rtsp_server.h"
+#include "protocol/rtsp_in_server/tls/qz_tls_client.h"
 #include "tests/fakes/loopback_server.h"
 #include "tests/fakes/rtsp_test_client.h"
 #include "tests/fakes/test_support.h"
@@ -65,6 +67,12 @@ Credentials MakeCredentials() {
                              reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
   X509_set_issuer_name(cert.get(), name);
   X509_set_pubkey(cert.get(), key.get());
+  // Clients check an address against the certificate's subjectAltName.
+  X509V3_CTX v3;
+  X509V3_set_ctx(&v3, cert.get(), cert.get(), nullptr, nullptr, 0);
+  X509_EXTENSION* san = X509V3_EXT_conf_nid(nullptr, &v3, NID_subject_alt_name, "IP:127.0.0.1");
+  X509_add_ext(cert.get(), san, -1);
+  X509_EXTENSION_free(san);
   EXPECT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
   Credentials made;
   made.cert_pem = Pem([&cert](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
@@ -227,6 +235,78 @@ TEST(TlsServerStartTest, NeedsACertificateAndItsKey) {
   unlink(cert_file.c_str());
   unlink(key_file.c_str());
   rmdir(folder);
+}
+
+// A pusher's side of TLS against the server's TLS port: the relay's
+// certificate is accepted when pinned by its fingerprint, or when a trusted
+// CA signed it for the host connected to; otherwise the handshake fails.
+TEST_F(TlsServerTest, ClientTrustsOnlyWhatItIsTold) {
+  char ca_path[] = "/tmp/qz_tls_ca_XXXXXX";
+  const int fd = mkstemp(ca_path);
+  ASSERT_GE(fd, 0);
+  const std::string& pem = ServerCredentials().cert_pem;
+  ASSERT_EQ(write(fd, pem.data(), pem.size()), static_cast<ssize_t>(pem.size()));
+  close(fd);
+  Owned<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  Owned<X509> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  unsigned char digest[32];
+  unsigned int size = 0;
+  X509_digest(cert.get(), EVP_sha256(), digest, &size);
+  std::string pin;
+  for (unsigned i = 0; i < size; ++i) {
+    char hex[4];
+    std::snprintf(hex, sizeof(hex), i == 0 ? "%02X" : ":%02X", digest[i]);
+    pin += hex;
+  }
+  std::string wrong_pin = pin;
+  wrong_pin[0] = wrong_pin[0] == 'A' ? 'B' : 'A';
+  const struct {
+    const char* name;
+    std::string fingerprint;
+    std::string ca_file;
+    bool verify;
+    const char* host;
+    bool trusted;
+  } cases[] = {
+      {"pinned", pin, "", true, "127.0.0.1", true},
+      {"pinned_other", wrong_pin, "", true, "127.0.0.1", false},
+      {"ca_file", "", ca_path, true, "127.0.0.1", true},
+      {"ca_file_other_name", "", ca_path, true, "relay.example", false},
+      {"system_cas", "", "", true, "127.0.0.1", false},
+      {"no_check", "", "", false, "relay.example", true},
+  };
+  for (const auto& c : cases) {
+    TlsClientTrust trust;
+    trust.fingerprint = c.fingerprint;
+    trust.ca_file = c.ca_file;
+    trust.verify = c.verify;
+    std::string why;
+    std::unique_ptr<TlsClientContext> context = TlsClientContext::Create(trust, why);
+    ASSERT_TRUE(context) << c.name << ": " << why;
+    asio::io_context io;
+    asio::ip::tcp::socket socket(io);
+    socket.connect({asio::ip::make_address("127.0.0.1"), server_->TlsPort()});
+    std::unique_ptr<RtspLink> link = context->Wrap(std::move(socket), c.host);
+    ASSERT_TRUE(link) << c.name;
+    bool done = false;
+    asio::error_code result;
+    link->Handshake([&](const asio::error_code& ec) {
+      done = true;
+      result = ec;
+    });
+    io.run_for(std::chrono::seconds(5));
+    ASSERT_TRUE(done) << c.name;
+    EXPECT_EQ(!result, c.trusted) << c.name << ": " << result.message();
+  }
+  unlink(ca_path);
+  std::string why;
+  TlsClientTrust bad;
+  bad.fingerprint = "12:34";
+  EXPECT_FALSE(TlsClientContext::Create(bad, why));
+  EXPECT_NE(why.find("SHA-256"), std::string::npos) << why;
+  bad.fingerprint.clear();
+  bad.ca_file = "/nonexistent/ca.pem";
+  EXPECT_FALSE(TlsClientContext::Create(bad, why));
 }
 
 }  // namespace
