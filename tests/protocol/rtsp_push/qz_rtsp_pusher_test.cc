@@ -1,0 +1,268 @@
+// The pusher as the sinker meets it, against a relay played on loopback by
+// the test: the registry hands it one pipe, it records to the relay (Digest
+// included), starts the relay at a key frame, comes back after the relay
+// drops it, and says TEARDOWN when stopped.
+#include "protocol/rtsp_push/qz_rtsp_pusher.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
+#include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
+#include "tests/fakes/test_support.h"
+
+namespace qz_rtsp_internal_server {
+namespace {
+
+using qz_test::PacketData;
+using qz_test::WaitFor;
+
+// A relay that takes ANNOUNCE/RECORD on 127.0.0.1, asks for Digest
+// credentials, and notes per connection what it was sent: the methods in
+// order and the NAL unit type that starts its video.
+class FakeRelay {
+ public:
+  struct Connection {
+    std::vector<std::string> methods;
+    int first_video_nal = -1;  // -1: no video yet
+    int video_packets = 0;
+    bool recording = false;
+  };
+
+  FakeRelay() : auth_("user", "pw", "relay", /*allow_basic=*/false) {
+    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    EXPECT_EQ(listen(listen_fd_, 4), 0);
+    socklen_t size = sizeof(addr);
+    getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &size);
+    port_ = ntohs(addr.sin_port);
+    thread_ = std::thread([this] { Run(); });
+  }
+  ~FakeRelay() {
+    stop_ = true;
+    thread_.join();
+    close(listen_fd_);
+  }
+
+  int port() const { return port_; }
+  std::vector<Connection> connections() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return connections_;
+  }
+  // Closes the connection being served (the relay goes away).
+  void DropConnection() { drop_ = true; }
+
+ private:
+  void Run() {
+    while (!stop_) {
+      pollfd p{listen_fd_, POLLIN, 0};
+      if (poll(&p, 1, 50) != 1) {
+        continue;
+      }
+      const int fd = accept(listen_fd_, nullptr, nullptr);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        connections_.emplace_back();
+      }
+      Serve(fd);
+      close(fd);
+    }
+  }
+
+  void Serve(int fd) {
+    RtspRequestParser parser;
+    RtspAuthState state;
+    drop_ = false;
+    char buffer[65536];
+    while (!stop_ && !drop_) {
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 50) != 1) {
+        continue;
+      }
+      const ssize_t n = read(fd, buffer, sizeof(buffer));
+      if (n <= 0) {
+        return;
+      }
+      parser.Feed(buffer, static_cast<size_t>(n));
+      for (RtspParseResult r; (r = parser.Next()) != RtspParseResult::kNeedMore;) {
+        if (r == RtspParseResult::kBadRequest) {
+          ADD_FAILURE() << "the relay got a malformed request: " << parser.error();
+          return;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        Connection& c = connections_.back();
+        if (r == RtspParseResult::kInterleaved) {
+          const std::string& rtp = parser.payload();
+          if (parser.channel() == 0 && rtp.size() > 13) {
+            const int type = rtp[12] & 0x1f;  // FU-A (28): the fragment's type
+            if (c.first_video_nal < 0) {
+              c.first_video_nal = type == 28 ? rtp[13] & 0x1f : type;
+            }
+            ++c.video_packets;
+          }
+          continue;
+        }
+        const RtspRequest& request = parser.request();
+        c.methods.push_back(request.method);
+        const std::string reply = Answer(request, state);
+        c.recording |= request.method == "RECORD";
+        if (write(fd, reply.data(), reply.size()) != static_cast<ssize_t>(reply.size())) {
+          return;
+        }
+      }
+    }
+  }
+
+  std::string Answer(const RtspRequest& request, RtspAuthState& state) {
+    const std::string cseq = request.Header("CSeq") ? *request.Header("CSeq") : "";
+    if (request.method != "OPTIONS" &&
+        auth_.Check(request, state, 1000) != RtspAuthenticator::Verdict::kOk) {
+      std::vector<std::pair<std::string, std::string>> headers;
+      for (const std::string& challenge : auth_.Challenges(state, 1000, false)) {
+        headers.emplace_back("WWW-Authenticate", challenge);
+      }
+      return WriteRtspResponse(401, cseq, headers);
+    }
+    std::vector<std::pair<std::string, std::string>> headers;
+    if (request.method == "OPTIONS") {
+      headers.emplace_back("Public", "OPTIONS, ANNOUNCE, SETUP, RECORD, TEARDOWN");
+    } else if (request.method == "SETUP") {
+      headers.emplace_back("Session", "relay1;timeout=60");
+      headers.emplace_back("Transport", *request.Header("Transport"));
+    } else if (request.method == "RECORD") {
+      headers.emplace_back("Session", "relay1");
+    }
+    return WriteRtspResponse(200, cseq, headers);
+  }
+
+  RtspAuthenticator auth_;
+  int listen_fd_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> drop_{false};
+  std::mutex mutex_;  // guards connections_
+  std::vector<Connection> connections_;
+  std::thread thread_;
+};
+
+std::shared_ptr<QZRtspPacketPiple> H264Pipe(const std::string& name) {
+  auto piple = std::make_shared<QZRtspPacketPiple>(name);
+  piple->IsHasVideo(true);
+  piple->SetVideoCodecID(QZ_MEDIA_CODEC_ID_H264);
+  piple->SetSpsPps(qz_test::kH264Sps.data(), static_cast<QZ_UINT32>(qz_test::kH264Sps.size()),
+                   qz_test::kH264Pps.data(), static_cast<QZ_UINT32>(qz_test::kH264Pps.size()));
+  return piple;
+}
+
+// Posts 25 frames a second into `piple`, a key frame every 10, until stopped.
+class FramePoster {
+ public:
+  explicit FramePoster(std::shared_ptr<QZRtspPacketPiple> piple)
+      : thread_([this, piple] {
+          for (int i = 0; !stop_; ++i) {
+            auto record = std::make_shared<QZRtspVideoPacket>();
+            record->codec_id_ = QZ_MEDIA_CODEC_ID_H264;
+            record->is_key_frame_ = i % 10 == 0;
+            record->time_stamp_ = static_cast<QZ_UINT64>(i) * 40;
+            record->nal_units_.push_back(
+                PacketData(record->is_key_frame_ ? qz_test::kH264Idr : qz_test::kH264Slice));
+            piple->PostVideoPacket(record);
+            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+          }
+        }) {}
+  ~FramePoster() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+TEST(PusherTest, RecordsComesBackAndTearsDown) {
+  FakeRelay relay;
+  std::atomic<int> key_requests{0};
+  QZRtspPushOptions options;
+  options.url = "rtsp://user:pw@127.0.0.1:" + std::to_string(relay.port()) + "/phone";
+  options.on_key_frame_request = [&key_requests](const std::string&) { ++key_requests; };
+  QZRtspPusher pusher(options);
+  QZRtspServerMgr* registry = QZRtspServerMgr::Instance();
+  std::shared_ptr<QZRtspPacketPiple> piple = H264Pipe("cam");
+  std::shared_ptr<QZRtspPacketPiple> second = H264Pipe("other");
+  std::string why;
+  EXPECT_FALSE(registry->PostPiple(pusher.Handle(), piple, &why));
+  EXPECT_NE(why.find("not running"), std::string::npos) << why;
+  ASSERT_TRUE(pusher.Start());
+  ASSERT_TRUE(registry->PostPiple(pusher.Handle(), piple, &why)) << why;
+  EXPECT_FALSE(registry->PostPiple(pusher.Handle(), second, &why));
+  EXPECT_NE(why.find("one stream"), std::string::npos) << why;
+  EXPECT_EQ(piple->GetRtspURL(), "rtsp://127.0.0.1:" + std::to_string(relay.port()) + "/phone");
+
+  FramePoster poster(piple);
+  const auto recorded = [&relay](size_t connection) {
+    const auto all = relay.connections();
+    return all.size() > connection && all[connection].recording &&
+           all[connection].video_packets >= 10;
+  };
+  ASSERT_TRUE(WaitFor([&] { return recorded(0); })) << pusher.GetStats().last_error;
+  relay.DropConnection();
+  ASSERT_TRUE(WaitFor([&] { return recorded(1); })) << pusher.GetStats().last_error;
+
+  const std::vector<FakeRelay::Connection> connections = relay.connections();
+  for (const FakeRelay::Connection& c : connections) {
+    // ANNOUNCE was asked for credentials, answered, then the tracks set up.
+    const std::vector<std::string> want = {"OPTIONS", "ANNOUNCE", "ANNOUNCE", "SETUP", "RECORD"};
+    EXPECT_EQ(std::vector<std::string>(c.methods.begin(), c.methods.begin() + 5), want);
+    EXPECT_EQ(c.first_video_nal, 5) << "each recording starts at an IDR picture";
+  }
+  QZRtspPushStats stats = pusher.GetStats();
+  EXPECT_EQ(stats.state, "recording");
+  EXPECT_EQ(stats.recordings, 2u);
+  EXPECT_EQ(stats.reconnects, 1u);
+  EXPECT_NE(stats.last_error.find("closed the connection"), std::string::npos) << stats.last_error;
+  EXPECT_GE(key_requests.load(), 2) << "a key frame asked for at each start";
+  EXPECT_GT(stats.packets_sent, 20u);
+
+  pusher.Stop();
+  ASSERT_TRUE(WaitFor([&relay] {
+    const auto all = relay.connections();
+    return all.size() == 2 && !all[1].methods.empty() && all[1].methods.back() == "TEARDOWN";
+  }));
+  EXPECT_EQ(pusher.GetStats().state, "stopped");
+  EXPECT_FALSE(registry->PostPiple(pusher.Handle(), second, &why));
+}
+
+// A URL the pusher cannot use fails Start and says why.
+TEST(PusherTest, StartRefusesUnusableUrls) {
+  qz_test::LogCapture log;
+  for (const char* url : {"http://relay/x", "rtsp://", "rtsp://relay:99999/x"}) {
+    QZRtspPushOptions options;
+    options.url = url;
+    QZRtspPusher pusher(options);
+    EXPECT_FALSE(pusher.Start()) << url;
+  }
+  QZRtspPushOptions udp_in_tls;
+  udp_in_tls.url = "rtsps://relay/x";
+  udp_in_tls.udp = true;
+  EXPECT_FALSE(QZRtspPusher(udp_in_tls).Start());
+  EXPECT_EQ(log.Matching("VartoLogIOS [E] QZRtspPusher::Start cannot push to").size(), 4u);
+}
+
+}  // namespace
+}  // namespace qz_rtsp_internal_server
