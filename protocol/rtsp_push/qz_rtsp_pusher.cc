@@ -53,7 +53,7 @@ class QZRtspPusher::Impl : public QZRtspPipeAcceptor {
   std::thread thread_;
   std::atomic<bool> running_{false};
 
-  std::mutex mutex_;  // guards stream_ between the publisher's threads and Stop()
+  mutable std::mutex mutex_;  // guards stream_ between the publisher's threads and Stop()
   std::shared_ptr<RtspIoGate> gate_;
   std::shared_ptr<RtspStream> stream_;
 
@@ -397,6 +397,15 @@ void QZRtspPusher::Impl::RequestKeyFrame() {
 
 QZRtspPushStats QZRtspPusher::Impl::Stats() const {
   QZRtspPushStats stats;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stream_) {
+      const QZRtspStreamStats stream = stream_->Stats();
+      stats.frames_dropped_stalled = stream.frames_dropped_stalled;
+      stats.write_delay = stream.write_delay;
+      stats.push_delay = stream.push_delay;
+    }
+  }
   stats.url = url_.WithoutCredentials();
   stats.udp = options_.udp;
   stats.attempts = attempts_.load();

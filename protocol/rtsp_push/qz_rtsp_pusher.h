@@ -27,6 +27,8 @@
 #include <memory>
 #include <string>
 
+#include "protocol/rtsp_in_server/qz_rtsp_server.h"  // QZRtspDelayStats
+
 namespace qz_rtsp_internal_server {
 
 struct QZRtspPushOptions {
@@ -81,6 +83,15 @@ struct QZRtspPushStats {
   // to a key frame), or a UDP socket was full.
   unsigned long long packets_dropped = 0;
   unsigned long long key_frame_requests = 0;
+  // Frames not taken from the publisher because the pusher's network
+  // thread stalled (and, for video, what followed until the next key frame).
+  unsigned long long frames_dropped_stalled = 0;
+  // Of the stream taken now (zero before one): from a record posted into
+  // the pipe, and from its frame pushed into the sinker, until its last RTP
+  // packet was handed to the kernel for the relay (records skipped not
+  // counted).
+  QZRtspDelayStats write_delay;
+  QZRtspDelayStats push_delay;
   std::string last_error;  // why the last connection ended or failed; empty: none yet
   int retry_in_s = 0;      // while retrying: seconds to the next attempt
 };

@@ -401,9 +401,14 @@ int main(int argc, char** argv) {
     const QZRtspPushStats push = pusher->GetStats();
     std::fprintf(stderr,
                  "push %s: %s, %llu attempts, %llu recordings, %llu packets sent (%llu bytes), "
-                 "%llu dropped, %llu key-frame requests, last error: %s\n",
+                 "%llu dropped, %llu key-frame requests, posted-to-written delay p50 %.3f ms, "
+                 "p99 %.3f ms, max %.3f ms, pushed-to-written p50 %.3f ms, p99 %.3f ms, "
+                 "last error: %s\n",
                  push.url.c_str(), push.state.c_str(), push.attempts, push.recordings,
                  push.packets_sent, push.bytes_sent, push.packets_dropped, push.key_frame_requests,
+                 push.write_delay.p50_us / 1000.0, push.write_delay.p99_us / 1000.0,
+                 push.write_delay.max_us / 1000.0, push.push_delay.p50_us / 1000.0,
+                 push.push_delay.p99_us / 1000.0,
                  push.last_error.empty() ? "none" : push.last_error.c_str());
   }
   sinker.Stop();
