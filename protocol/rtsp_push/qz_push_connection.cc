@@ -98,6 +98,7 @@ void PushConnection::OnConnected() {
   RtspPushProtocol::Config config;
   config.url = env_.url;
   config.udp = env_.udp;
+  config.allow_basic_in_clear = env_.allow_basic_in_clear;
   config.tracks = desc.Tracks();
   const asio::ip::address local = link_->socket().local_endpoint(ec).address();
   config.sdp = BuildSdp(desc, local.to_string(), RtspRandom::Crypto().Next32());

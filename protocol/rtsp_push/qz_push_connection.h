@@ -40,6 +40,7 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
     // rtsps:// URLs: the TLS context that checks the relay.
     TlsClientContext* tls = nullptr;
     bool udp = false;
+    bool allow_basic_in_clear = false;
     int response_timeout_ms = 10000;
     int write_stall_timeout_ms = 10000;
     PushCounters* counters = nullptr;

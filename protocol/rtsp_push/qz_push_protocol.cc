@@ -173,8 +173,15 @@ RtspPushProtocol::Action RtspPushProtocol::OnResponse(const RtspRequest& respons
     if (!auth_.has_credentials()) {
       return Fail(last_.method + " answered 401: the relay wants credentials and none were given");
     }
-    if (!auth_.OnChallenges(HeaderValues(response, "WWW-Authenticate"))) {
-      return Fail(last_.method + " answered 401: the relay refused the credentials");
+    const std::vector<std::string> challenges = HeaderValues(response, "WWW-Authenticate");
+    const bool allow_basic = config_.url.tls || config_.allow_basic_in_clear;
+    if (!auth_.OnChallenges(challenges, allow_basic)) {
+      const bool basic_only = !allow_basic && auth_.scheme().empty() &&
+                              RtspClientAuth("u", "p").OnChallenges(challenges, true);
+      return Fail(last_.method + (basic_only ? " answered 401: the relay offers only Basic "
+                                               "authentication, which would send the password "
+                                               "in clear (use rtsps://, or allow it)"
+                                             : " answered 401: the relay refused the credentials"));
     }
     Sent again = last_;
     return Send(std::move(again));

@@ -43,6 +43,10 @@ class RtspPushProtocol {
     // UDP: our (RTP, RTCP) port pair of each track, in track order.
     std::vector<std::pair<int, int>> client_ports;
     std::string user_agent = "qz-rtsp-push";
+    // Answer a relay that offers only Basic authentication, which puts the
+    // password on the wire, over plain rtsp:// too (inside rtsps:// it is
+    // always answered).
+    bool allow_basic_in_clear = false;
   };
 
   enum class Step {

@@ -345,6 +345,7 @@ void QZRtspPusher::Impl::Connect() {
   env.url = url_;
   env.tls = tls_.get();
   env.udp = options_.udp;
+  env.allow_basic_in_clear = options_.allow_basic_in_clear;
   env.response_timeout_ms = options_.response_timeout_ms;
   env.write_stall_timeout_ms = options_.write_stall_timeout_ms;
   env.counters = &counters_;

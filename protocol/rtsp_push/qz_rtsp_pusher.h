@@ -37,6 +37,10 @@ struct QZRtspPushOptions {
   std::string url;
   std::string user;
   std::string password;
+  // A relay asking for credentials gets Digest answers; one that offers
+  // only Basic (the password readable by anyone on the path) is answered
+  // inside rtsps://, and over plain rtsp:// only when this is set.
+  bool allow_basic_in_clear = false;
   // RTP over UDP from a port pair of ours that SETUP announces (relays drop
   // RTP from other ports), RTCP from the next; else interleaved in the RTSP
   // connection (the default: it passes every NAT and firewall).

@@ -253,6 +253,7 @@ int main(int argc, char** argv) {
     push_options.tls_ca_file = options.push_tls_ca;
     push_options.tls_fingerprint = options.push_tls_fingerprint;
     push_options.tls_verify = !options.push_tls_insecure;
+    push_options.allow_basic_in_clear = options.push_basic_in_clear;
     qz_tools::MediaSource* video_source = source.get();
     push_options.on_key_frame_request = [video_source](const std::string&) {
       video_source->RequestKeyFrame();

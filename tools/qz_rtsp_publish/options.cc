@@ -60,6 +60,9 @@ const char kUsage[] =
     "      --push-tls-fingerprint HEX  accept only the relay certificate with this\n"
     "                          SHA-256 fingerprint, whoever signed it\n"
     "      --push-tls-insecure accept any certificate (tests only)\n"
+    "      --push-basic-in-clear  answer a relay that offers only Basic\n"
+    "                          authentication over plain rtsp:// too (the password\n"
+    "                          crosses the network readable; always inside rtsps://)\n"
     "  -n, --name NAME         stream name: rtsp://host:port/NAME (default live)\n"
     "      --user NAME         require RTSP Digest authentication with this user ...\n"
     "      --password TEXT     ... and this password\n"
@@ -129,6 +132,8 @@ bool ParseOptions(int argc, char** argv, PublishOptions& o, int* exit_code) {
       o.udp_gso = false;
     } else if (arg == "--http-tunnel") {
       o.http_tunnel = true;
+    } else if (arg == "--push-basic-in-clear") {
+      o.push_basic_in_clear = true;
     } else if (arg == "--push-tls-insecure") {
       o.push_tls_insecure = true;
     } else if (arg == "--multicast") {

@@ -37,6 +37,7 @@ struct PublishOptions {
   std::string push_tls_ca;           // rtsps:// relays: CAs to trust (PEM file) ...
   std::string push_tls_fingerprint;  // ... or the relay's certificate, pinned
   bool push_tls_insecure = false;    // ... or any certificate
+  bool push_basic_in_clear = false;  // answer Basic-only relays over plain rtsp://
   std::string name = "live";
   std::string user;  // RTSP authentication (Digest); empty: none
   std::string password;

@@ -269,7 +269,7 @@ RtspAuthenticator::Verdict RtspAuthenticator::Check(const RtspRequest& request,
 
 namespace qz_rtsp_internal_server {
 
-bool RtspClientAuth::OnChallenges(const std::vector<std::string>& challenges) {
+bool RtspClientAuth::OnChallenges(const std::vector<std::string>& challenges, bool allow_basic) {
   if (user_.empty()) {
     return false;
   }
@@ -280,6 +280,9 @@ bool RtspClientAuth::OnChallenges(const std::vector<std::string>& challenges) {
   for (const std::string& value : challenges) {
     RtspAuthHeader challenge;
     if (!ParseRtspAuth(value, challenge)) {
+      continue;
+    }
+    if (challenge.scheme == RtspAuthHeader::Scheme::kBasic && !allow_basic) {
       continue;
     }
     int rank = 0;

@@ -104,11 +104,12 @@ class RtspClientAuth {
 
   bool has_credentials() const { return !user_.empty(); }
   // Takes the WWW-Authenticate values of a 401 and keeps the strongest
-  // challenge that can be answered. False when there are no credentials,
-  // when none can be answered, or when the same nonce was refused before
-  // without stale=true (the credentials are wrong: asking again with them
-  // would not help).
-  bool OnChallenges(const std::vector<std::string>& challenges);
+  // challenge that can be answered; Basic only when `allow_basic` (it puts
+  // the password on the wire: only inside TLS, or when the application
+  // accepts that). False when there are no credentials, when none can be
+  // answered, or when the same nonce was refused before without stale=true
+  // (the credentials are wrong: asking again with them would not help).
+  bool OnChallenges(const std::vector<std::string>& challenges, bool allow_basic = true);
   // The Authorization value for a request; empty before a challenge.
   std::string Authorize(const std::string& method, const std::string& uri);
   // "Digest" or "Basic" once a challenge was taken; empty before.

@@ -295,6 +295,13 @@ TEST(RtspClientAuthTest, AnswersWhatTheServerAccepts) {
   RtspClientAuth nobody;
   EXPECT_FALSE(nobody.OnChallenges(server.Challenges(state, 1000, false)));
   EXPECT_TRUE(nobody.Authorize("SETUP", kTrack0).empty());
+  // Basic refused by the caller: Digest when offered too, else nothing.
+  RtspAuthenticator with_basic("user", "secret", "qz", true);
+  const std::vector<std::string> offers = with_basic.Challenges(state, 1000, false);
+  RtspClientAuth no_basic("user", "secret");
+  EXPECT_FALSE(no_basic.OnChallenges({offers[2]}, /*allow_basic=*/false));
+  EXPECT_TRUE(no_basic.OnChallenges({offers[2], offers[1]}, /*allow_basic=*/false));
+  EXPECT_EQ(no_basic.scheme(), "Digest");
   RtspClientAuth garbage_only("user", "secret");
   EXPECT_FALSE(garbage_only.OnChallenges({"Digest realm", "Negotiate abc", "Digest realm=\"x\""}));
 }
