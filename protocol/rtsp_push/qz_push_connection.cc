@@ -247,6 +247,9 @@ void PushConnection::StartRecording() {
   reader_.read_index = fresh ? stream_->last_key_index() : stream_->end_index();
   wait_key_ = stream_->has_video() && !fresh;
   reader_.reading = true;
+  // What was posted before this recording began waited for no relay: the
+  // write delays count from here on.
+  stream_->ForgetUnwritten();
   stream_->AddReader(&reader_);
   reader_added_ = true;
   if (env_.request_key_frame) {
