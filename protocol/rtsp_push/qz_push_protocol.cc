@@ -173,19 +173,25 @@ RtspPushProtocol::Action RtspPushProtocol::OnResponse(const RtspRequest& respons
     if (!auth_.has_credentials()) {
       return Fail(last_.method + " answered 401: the relay wants credentials and none were given");
     }
+    // One new try per request: its first 401 brings the challenge (or a
+    // fresh nonce for a stale one); a second one refuses the credentials,
+    // whatever nonce it offers. Asking on would loop as fast as a relay
+    // that challenges every answer can answer.
     const std::vector<std::string> challenges = HeaderValues(response, "WWW-Authenticate");
     const bool allow_basic = config_.url.tls || config_.allow_basic_in_clear;
-    if (!auth_.OnChallenges(challenges, allow_basic)) {
-      const bool basic_only = !allow_basic && auth_.scheme().empty() &&
+    if (auth_retried_ || !auth_.OnChallenges(challenges, allow_basic)) {
+      const bool basic_only = !auth_retried_ && !allow_basic && auth_.scheme().empty() &&
                               RtspClientAuth("u", "p").OnChallenges(challenges, true);
       return Fail(last_.method + (basic_only ? " answered 401: the relay offers only Basic "
                                                "authentication, which would send the password "
                                                "in clear (use rtsps://, or allow it)"
                                              : " answered 401: the relay refused the credentials"));
     }
+    auth_retried_ = true;
     Sent again = last_;
     return Send(std::move(again));
   }
+  auth_retried_ = false;
   if (state_ == State::kRecording) {
     // Keep-alives: a relay without GET_PARAMETER is asked with OPTIONS from
     // now on; one that lost the session ends this connection.

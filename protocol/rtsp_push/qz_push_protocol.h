@@ -106,7 +106,8 @@ class RtspPushProtocol {
   State state_ = State::kIdle;
   int cseq_ = 0;
   int awaiting_cseq_ = 0;
-  Sent last_;  // the request awaiting its answer, to send again with credentials
+  Sent last_;                  // the request awaiting its answer, to send again with credentials
+  bool auth_retried_ = false;  // the request awaiting its answer was sent again after a 401
   RtspClientAuth auth_;
   size_t setup_index_ = 0;
   std::vector<PushTrack> tracks_;
