@@ -459,7 +459,12 @@ void PushConnection::Tick() {
   }
   if (now >= next_keepalive_ms_) {
     next_keepalive_ms_ = now + protocol_->keepalive_ms();
-    request_sent_ms_ = now;
+    // A keep-alive still unanswered keeps its time: keep-alives come every
+    // half session timeout, which may be shorter than the response timeout,
+    // and the next one must not restart the wait for an answer.
+    if (!protocol_->awaiting()) {
+      request_sent_ms_ = now;
+    }
     Queue(protocol_->KeepAlive());
     Flush();
   }
