@@ -251,6 +251,7 @@ void PushConnection::StartRecording() {
   // write delays count from here on.
   stream_->ForgetUnwritten();
   stream_->AddReader(&reader_);
+  SizeSendBuffer();
   reader_added_ = true;
   if (env_.request_key_frame) {
     env_.request_key_frame();
@@ -284,6 +285,28 @@ void PushConnection::Resync() {
     } else {
       ++reader_.read_index;
     }
+  }
+}
+
+void PushConnection::SizeSendBuffer() {
+  // Left to the kernel, the buffer grows to megabytes (Linux: tcp_wmem, 4
+  // MiB): a relay that stopped reading then takes tens of seconds of the
+  // stream before a write blocks and the stall timeout can start, and a
+  // relay that reads too slowly is fed video that old instead of being
+  // cut back to a key frame in the ring.
+  if (env_.udp) {
+    return;
+  }
+  const size_t want =
+      std::clamp(stream_->byte_rate() * kSendBufferMs / 1000, kMinSendBuffer, kMaxSendBuffer);
+  if (send_buffer_bytes_ != 0 && want * 4 > send_buffer_bytes_ * 3 &&
+      want * 4 < send_buffer_bytes_ * 5) {
+    return;  // within 25 %
+  }
+  asio::error_code ec;
+  socket_.set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
+  if (!ec) {
+    send_buffer_bytes_ = want;
   }
 }
 
@@ -471,6 +494,7 @@ void PushConnection::Tick() {
   if (now >= next_report_ms_) {
     next_report_ms_ = now + kReportIntervalMs;
     SendReports(false);
+    SizeSendBuffer();  // the bit rate may have changed
   }
 }
 

@@ -75,6 +75,11 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   static constexpr size_t kMaxBuffers = 64;
   static constexpr size_t kMaxBytes = 256 * 1024;
   static constexpr long long kReportIntervalMs = 5000;
+  // The kernel's send buffer holds about this much of the stream, within
+  // these bounds (as a server's TCP viewers get).
+  static constexpr size_t kSendBufferMs = 500;
+  static constexpr size_t kMinSendBuffer = 64 * 1024;
+  static constexpr size_t kMaxSendBuffer = 2 * 1024 * 1024;
 
   long long NowMs() const { return stream_->clock().SteadyMs(); }
   void SetState(const std::string& state);
@@ -95,6 +100,8 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   // the connection waits for.
   void Resync();
   void SendReports(bool start);
+  // TCP: sizes the socket's send buffer to the stream's bit rate.
+  void SizeSendBuffer();
 
   Env env_;
   std::shared_ptr<RtspStream> stream_;
@@ -126,6 +133,7 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   bool wait_key_ = false;
   long long next_keepalive_ms_ = 0;
   long long next_report_ms_ = 0;
+  size_t send_buffer_bytes_ = 0;  // as asked for; 0: left to the kernel so far
 
   // UDP: per track, our RTP and RTCP sockets and the relay's ports.
   std::vector<std::unique_ptr<asio::ip::udp::socket>> udp_rtp_;
