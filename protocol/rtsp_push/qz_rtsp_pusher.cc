@@ -34,6 +34,12 @@ class QZRtspPusher::Impl : public QZRtspPipeAcceptor {
 
  private:
   static constexpr int kTickMs = 250;
+  // A recording that lasted this long proved the relay: the failure that
+  // ends it starts the back-off again at 1 s. One that ended sooner (a
+  // relay that drops every push right after RECORD) counts as one more
+  // failure in a row, or such a relay would be asked every second, each
+  // time with a new key frame from the encoder.
+  static constexpr long long kProvenRecordingMs = 30000;
   // Network thread.
   void OnTick();
   void Connect();
@@ -60,7 +66,8 @@ class QZRtspPusher::Impl : public QZRtspPipeAcceptor {
   // Network thread.
   std::shared_ptr<RtspStream> pushing_;  // the stream the connections send
   std::shared_ptr<PushConnection> connection_;
-  int failures_ = 0;  // attempts in a row that did not reach RECORD
+  int failures_ = 0;  // attempts in a row that did not record for kProvenRecordingMs
+  long long recording_since_ms_ = -1;  // of the current connection; -1: not recording
   long long retry_at_ms_ = 0;
   long long last_key_request_ms_ = -1000000;
   bool key_request_deferred_ = false;
@@ -340,6 +347,7 @@ void QZRtspPusher::Impl::Connect() {
     return;  // the tick looks again
   }
   ++attempts_;
+  recording_since_ms_ = -1;
   PushConnection::Env env;
   env.io = &io_;
   env.url = url_;
@@ -358,7 +366,7 @@ void QZRtspPusher::Impl::Connect() {
 }
 
 void QZRtspPusher::Impl::OnRecording() {
-  failures_ = 0;
+  recording_since_ms_ = NowMs();
   if (++recordings_ > 1) {
     LogFormat("VartoLogIOS [I] QZRtspPusher recording to %s again (%s)\n",
               url_.WithoutCredentials().c_str(), options_.udp ? "UDP" : "TCP");
@@ -371,6 +379,9 @@ void QZRtspPusher::Impl::OnRecording() {
 void QZRtspPusher::Impl::OnFailed(const std::string& error) {
   // Let the connection's handlers unwind before it goes.
   asio::post(io_, [connection = std::move(connection_)] {});
+  if (recording_since_ms_ >= 0 && NowMs() - recording_since_ms_ >= kProvenRecordingMs) {
+    failures_ = 0;
+  }
   ++failures_;
   const int delay_s = PushRetryDelayS(failures_, options_.max_retry_delay_s);
   retry_at_ms_ = NowMs() + delay_s * 1000LL;
