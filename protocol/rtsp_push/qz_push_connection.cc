@@ -417,9 +417,9 @@ void PushConnection::Flush() {
   }
   if (buffers_.empty()) {
     if (finishing_) {
+      auto done = std::move(finished_);
       Close();
-      if (finished_) {
-        auto done = std::move(finished_);
+      if (done) {
         done();
       }
     }
@@ -527,6 +527,8 @@ void PushConnection::Close() {
     return;
   }
   closed_ = true;
+  // `done` of Finish() holds this connection: kept, neither would go.
+  finished_ = nullptr;
   asio::error_code ec;
   resolver_.cancel();
   socket_.close(ec);

@@ -64,7 +64,8 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   // Sends TEARDOWN when recording and closes once it is written (or at
   // once); `done` runs when closed. No on_failed after this.
   void Finish(std::function<void()> done);
-  // Closes at once, without a word to the relay or a callback.
+  // Closes at once, without a word to the relay or a callback (the `done`
+  // of a Finish() under way is dropped, not called).
   void Close();
 
   bool recording() const { return protocol_ && protocol_->recording(); }

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -72,6 +73,10 @@ class QZRtspPusher::Impl : public QZRtspPipeAcceptor {
   long long last_key_request_ms_ = -1000000;
   bool key_request_deferred_ = false;
   std::vector<RtpTrackInfo> announced_;
+  // The EndPush()es whose connection has not closed yet, by number; Stop()
+  // ends them at once: a socket must close while the io_context still runs.
+  std::map<int, std::function<void()>> ending_;
+  int endings_ = 0;
 
   PushCounters counters_;
   std::atomic<unsigned long long> attempts_{0};
@@ -183,6 +188,13 @@ void QZRtspPusher::Impl::Stop() {
   gate_->Close();
   auto shutdown = [this](std::function<void()> done) {
     tick_->cancel();
+    // A TEARDOWN still under way (the stream was withdrawn just before, and
+    // the relay does not read) is cut short.
+    auto ending = std::move(ending_);
+    ending_.clear();
+    for (auto& end : ending) {
+      end.second();
+    }
     EndPush([this, done] {
       pushing_.reset();
       SetState("stopped");
@@ -219,7 +231,9 @@ void QZRtspPusher::Impl::EndPush(std::function<void()> done) {
   }
   auto once = std::make_shared<std::function<void()>>(std::move(done));
   auto timer = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(500));
-  auto finish = [once, timer, connection] {
+  const int number = ++endings_;
+  auto finish = [this, number, once, timer, connection] {
+    ending_.erase(number);
     timer->cancel();
     connection->Close();
     if (*once) {
@@ -233,6 +247,7 @@ void QZRtspPusher::Impl::EndPush(std::function<void()> done) {
       finish();
     }
   });
+  ending_[number] = finish;
   connection->Finish(finish);
 }
 
