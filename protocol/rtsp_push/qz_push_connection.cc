@@ -278,8 +278,14 @@ void PushConnection::Fail(const std::string& error) {
   if (closed_) {
     return;
   }
+  // Ending anyway (the TEARDOWN could not be written): finished, not failed.
+  std::function<void()> done = finishing_ ? std::move(finished_) : nullptr;
   Close();
-  if (env_.on_failed) {
+  if (finishing_) {
+    if (done) {
+      done();
+    }
+  } else if (env_.on_failed) {
     env_.on_failed(error);
   }
 }

@@ -178,6 +178,9 @@ RtspPushProtocol::Action RtspPushProtocol::OnResponse(const RtspRequest& respons
     // whatever nonce it offers. Asking on would loop as fast as a relay
     // that challenges every answer can answer.
     const std::vector<std::string> challenges = HeaderValues(response, "WWW-Authenticate");
+    if (challenges.empty()) {
+      return Fail(last_.method + " answered 401 without a challenge (no WWW-Authenticate)");
+    }
     const bool allow_basic = config_.url.tls || config_.allow_basic_in_clear;
     if (auth_retried_ || !auth_.OnChallenges(challenges, allow_basic)) {
       const bool basic_only = !auth_retried_ && !allow_basic && auth_.scheme().empty() &&

@@ -81,7 +81,7 @@ struct QZRtspPushStats {
   unsigned long long attempts = 0;      // connections begun
   unsigned long long recordings = 0;    // of them that reached RECORD
   unsigned long long reconnects = 0;    // recordings after the first
-  unsigned long long bytes_sent = 0;    // RTP and RTCP, every connection
+  unsigned long long bytes_sent = 0;    // requests, RTP and RTCP, every connection
   unsigned long long packets_sent = 0;  // RTP
   // Packets skipped because the relay did not take them in time (cut back
   // to a key frame), or a UDP socket was full.

@@ -74,7 +74,7 @@ CASES = [
     case("setup_no_transport",
          answer_with({"SETUP": lambda p, r: good_answer(p, r, transport=False)}), media=True),
     case("auth_no_challenge", answer_with({"OPTIONS": lambda p, r: response(r, 401)}),
-         "OPTIONS answered 401: the relay refused the credentials", credentials=True),
+         "OPTIONS answered 401 without a challenge", credentials=True),
     case("auth_no_credentials",
          answer_with({"OPTIONS": lambda p, r: response(r, 401, [challenge()])}),
          "OPTIONS answered 401: the relay wants credentials and none were given"),
