@@ -9,6 +9,7 @@
 WORK=$(mktemp -d)
 PUB_PID=""       # the publisher while it runs
 PUB_STOPPED=""   # set when the test itself stopped it
+HELPER_PIDS=""   # other processes a case started (relays): killed on exit
 FAILURES=0
 QUIET=-q         # the publisher's option for no status line; "" keeps it
 
@@ -50,6 +51,14 @@ on_exit() {
     kill -KILL "$PUB_PID" 2>/dev/null
     wait "$PUB_PID" 2>/dev/null
   fi
+  local pid
+  for pid in $HELPER_PIDS; do
+    if kill -0 "$pid" 2>/dev/null; then
+      [ "$status" -ne 0 ] && echo "process $pid was still running: killed"
+      kill -KILL "$pid" 2>/dev/null
+      wait "$pid" 2>/dev/null
+    fi
+  done
   if [ "$status" -ne 0 ]; then
     local file
     for file in "$WORK"/*.out "$WORK"/*.err "$WORK"/*.log; do

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # End-to-end tests: start qz_rtsp_publish as a user would (a real process on
 # a free port) and pull from it with ffprobe, ffmpeg (UDP and TCP) and
-# GStreamer. Usage: run_e2e.sh CASE PATH_TO_qz_rtsp_publish
+# GStreamer, and push to a relay. Usage: run_e2e.sh CASE PATH_TO_qz_rtsp_publish
 set -uo pipefail
 
 CASE=$1
 PUBLISH=$2
 source "$(dirname "$0")/common.sh"
 source "$(dirname "$0")/multicast.sh"
+source "$(dirname "$0")/push_relay.sh"
 
 # Stops the publisher with SIGINT: it must exit 0 and print its summary
 # (-q hides only the status line), and FFmpeg's informational messages
@@ -556,6 +557,9 @@ case "$CASE" in
     ;;
   multicast)
     run_multicast_case  # tests/e2e/multicast.sh: within a network namespace of its own
+    ;;
+  push_gst_record_tcp | push_gst_record_udp)
+    run_push_case "${CASE#push_gst_record_}"  # tests/e2e/push_relay.sh
     ;;
   record_roundtrip)
     # $PUBLISH is the record_roundtrip program here. Real encoder output goes
