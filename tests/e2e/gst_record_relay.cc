@@ -12,6 +12,7 @@
 // dialogue as the relay answered it ("relay: ANNOUNCE ... -> 401 ..."), the
 // announced payloads, the first decoded caps of each kind, and at the end
 //   relay: 250 video frames, 470 audio buffers, first after 0.4 s
+//   relay: 2500 RTP packets, 0 lost
 //   relay: stopped: <why>
 // and, when it failed, "relay: FAILED: <why>". stderr: every error and
 // warning message posted on a media pipeline's bus.
@@ -56,6 +57,15 @@ struct Counters {
   std::atomic<int> ended{0};              // 1: TEARDOWN, 2: connection closed
   std::atomic<bool> video_caps_shown{false};
   std::atomic<bool> audio_caps_shown{false};
+  // RTP as it reaches the decoders, after the server's jitter buffer.
+  std::atomic<long> rtp_packets{0};
+  std::atomic<long> rtp_lost{0};  // sequence numbers skipped
+};
+
+// One stream's RTP sequence, followed on its streaming thread only.
+struct RtpSequence {
+  bool started = false;
+  guint16 last = 0;
 };
 
 Counters counters;
@@ -124,6 +134,33 @@ void OnSyncMessage(GstBus*, GstMessage* message, gpointer) {
   g_free(debug);
 }
 
+// Counts the RTP packets that enter a decodebin and the sequence numbers
+// missing between them (lost, or dropped late by the jitter buffer).
+GstPadProbeReturn OnRtp(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+  guint8 header[4];
+  if (buffer == nullptr || gst_buffer_extract(buffer, 0, header, 4) != 4) {
+    return GST_PAD_PROBE_OK;
+  }
+  auto* sequence = static_cast<RtpSequence*>(data);
+  const guint16 seq = static_cast<guint16>(header[2] << 8 | header[3]);
+  const guint16 step = static_cast<guint16>(seq - sequence->last);
+  // A step back (a duplicate or a late packet) counts as no loss.
+  if (sequence->started && step > 1 && step < 0x8000) {
+    counters.rtp_lost.fetch_add(step - 1);
+  }
+  if (!sequence->started || (step != 0 && step < 0x8000)) {
+    sequence->last = seq;
+  }
+  sequence->started = true;
+  counters.rtp_packets.fetch_add(1);
+  return GST_PAD_PROBE_OK;
+}
+
+void FreeRtpSequence(gpointer data) {
+  delete static_cast<RtpSequence*>(data);
+}
+
 void OnMediaConstructed(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer) {
   GstElement* element = gst_rtsp_media_get_element(media);
   for (int i = 0; i < options.streams; ++i) {
@@ -133,6 +170,15 @@ void OnMediaConstructed(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer) {
     if (sink != nullptr) {
       g_signal_connect(sink, "handoff", G_CALLBACK(OnHandoff), nullptr);
       gst_object_unref(sink);
+    }
+    name = g_strdup_printf("depay%d", i);
+    GstElement* decoder = gst_bin_get_by_name(GST_BIN(element), name);
+    g_free(name);
+    if (decoder != nullptr) {
+      GstPad* pad = gst_element_get_static_pad(decoder, "sink");
+      gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, OnRtp, new RtpSequence, FreeRtpSequence);
+      gst_object_unref(pad);
+      gst_object_unref(decoder);
     }
   }
   // The launch line's bin sits in the pipeline the media made for it; the
@@ -353,6 +399,8 @@ int main(int argc, char** argv) {
     std::printf("relay: %ld video frames, %ld audio buffers, %s\n", video, audio,
                 record != 0 ? "no video frame after RECORD" : "no RECORD");
   }
+  std::printf("relay: %ld RTP packets, %ld lost\n", counters.rtp_packets.load(),
+              counters.rtp_lost.load());
   std::printf("relay: stopped: %s\n", stop_reason.c_str());
   int status = 0;
   if (video == 0 || audio == 0) {
