@@ -8,10 +8,16 @@
 //   qz_gst_record_relay --port 0 --path /phone [--user U --password P]
 //       [--streams 2] [--video-frames N] [--seconds S] [--timeout T]
 //
+// --streams: how many streams the publisher announces (2: video and
+// audio). A record-mode media has one stream per element named depay<i>,
+// fixed when the media is made, and the server answers an ANNOUNCE whose
+// SDP has another number of media with 415.
+//
 // stdout: "port N" first (the bound port, for scripts), then the RTSP
 // dialogue as the relay answered it ("relay: ANNOUNCE ... -> 401 ..."), the
 // announced payloads, the first decoded caps of each kind, and at the end
 //   relay: 250 video frames, 470 audio buffers, first after 0.4 s
+// (the first video frame, counted from the RECORD the relay accepted)
 //   relay: 2500 RTP packets, 0 lost
 //   relay: stopped: <why>
 // and, when it failed, "relay: FAILED: <why>". stderr: every error and
