@@ -162,6 +162,18 @@ std::vector<Dialogue> Dialogues() {
          {"Authorization: Digest username=\"us:er\"", "nonce=\"n1\"", "qop=auth", "nc=00000001"}},
         {"200 OK", "", "ANNOUNCE", {"Authorization: Digest", "nc=00000002"}},
         {"401 Unauthorized", digest, "", {}, Step::kFail, "refused the credentials"}}},
+      // A relay that challenges every answer with a new nonce (never stale)
+      // refuses the credentials: one new try per request, no more.
+      {"digest_fresh_nonce_refused",
+       false,
+       "rtsp://u:p@relay/phone",
+       {{"401 Unauthorized", digest, "OPTIONS", {"nonce=\"n1\""}},
+        {"401 Unauthorized",
+         "WWW-Authenticate: Digest realm=\"r\", nonce=\"n2\"\r\n",
+         "",
+         {},
+         Step::kFail,
+         "refused the credentials"}}},
       {"basic_refused_in_clear",
        false,
        "rtsp://u:p@relay/phone",
