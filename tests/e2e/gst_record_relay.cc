@@ -6,7 +6,10 @@
 // says), and counts what comes out of the decoders.
 //
 //   qz_gst_record_relay --port 0 --path /phone [--user U --password P]
-//       [--streams 2] [--video-frames N] [--seconds S] [--timeout T]
+//       [--tls-cert FILE --tls-key FILE] [--streams 2] [--video-frames N]
+//       [--seconds S] [--timeout T]
+//
+// --tls-cert and --tls-key (PEM files): RTSP over TLS (rtsps://) only.
 //
 // --streams: how many streams the publisher announces (2: video and
 // audio). A record-mode media has one stream per element named depay<i>,
@@ -45,6 +48,8 @@ struct Options {
   std::string path = "/phone";
   std::string user;
   std::string password;
+  std::string tls_cert;
+  std::string tls_key;
   int streams = 2;
   long video_frames = 0;  // 0: no frame target
   double seconds = 30;
@@ -308,6 +313,10 @@ bool ParseOptions(int argc, char** argv) {
       options.user = value;
     } else if (arg == "--password") {
       options.password = value;
+    } else if (arg == "--tls-cert") {
+      options.tls_cert = value;
+    } else if (arg == "--tls-key") {
+      options.tls_key = value;
     } else if (arg == "--streams") {
       options.streams = std::atoi(value);
     } else if (arg == "--video-frames") {
@@ -323,10 +332,13 @@ bool ParseOptions(int argc, char** argv) {
   }
   if (options.path.empty() || options.path[0] != '/' || options.streams < 1 ||
       options.streams > 8 || options.seconds <= 0 || options.timeout <= 0 ||
-      options.user.empty() != options.password.empty()) {
+      options.user.empty() != options.password.empty() ||
+      options.tls_cert.empty() != options.tls_key.empty() ||
+      (!options.tls_cert.empty() && options.user.empty())) {
     std::fprintf(stderr,
                  "qz_gst_record_relay: --path must start with /, --streams be 1 to 8, "
-                 "--seconds and --timeout above 0, --user and --password go together\n");
+                 "--seconds and --timeout above 0, --user and --password go together, "
+                 "--tls-cert and --tls-key too (and need --user)\n");
     return false;
   }
   return true;
@@ -344,6 +356,17 @@ void AddAuth(GstRTSPServer* server, GstRTSPMediaFactory* factory) {
       gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, "publisher", nullptr);
   gst_rtsp_auth_add_digest(auth, options.user.c_str(), options.password.c_str(), token);
   gst_rtsp_token_unref(token);
+  if (!options.tls_cert.empty()) {
+    GError* error = nullptr;
+    GTlsCertificate* cert = g_tls_certificate_new_from_files(options.tls_cert.c_str(),
+                                                             options.tls_key.c_str(), &error);
+    if (cert == nullptr) {
+      std::printf("relay: FAILED: cannot load the TLS certificate: %s\n", error->message);
+      std::exit(2);
+    }
+    gst_rtsp_auth_set_tls_certificate(auth, cert);
+    g_object_unref(cert);
+  }
   gst_rtsp_server_set_auth(server, auth);
   g_object_unref(auth);
 }

@@ -558,7 +558,7 @@ case "$CASE" in
   multicast)
     run_multicast_case  # tests/e2e/multicast.sh: within a network namespace of its own
     ;;
-  push_gst_record_tcp | push_gst_record_udp | push_gst_record_wrong_password)
+  push_gst_record_tcp | push_gst_record_udp | push_gst_record_wrong_password | push_gst_record_tls)
     run_push_case "${CASE#push_gst_record_}"  # tests/e2e/push_relay.sh
     ;;
   record_roundtrip)
