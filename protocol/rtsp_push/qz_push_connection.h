@@ -76,11 +76,9 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   static constexpr size_t kMaxBuffers = 64;
   static constexpr size_t kMaxBytes = 256 * 1024;
   static constexpr long long kReportIntervalMs = 5000;
-  // The kernel's send buffer holds about this much of the stream, within
-  // these bounds (as a server's TCP viewers get).
-  static constexpr size_t kSendBufferMs = 500;
-  static constexpr size_t kMinSendBuffer = 64 * 1024;
-  static constexpr size_t kMaxSendBuffer = 2 * 1024 * 1024;
+  // The kernel's send buffer holds about this much of the stream (as a
+  // server's TCP viewers get by default).
+  static constexpr int kSendBufferMs = 500;
 
   long long NowMs() const { return stream_->clock().SteadyMs(); }
   void SetState(const std::string& state);

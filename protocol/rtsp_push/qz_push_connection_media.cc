@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "protocol/rtsp_in_server/media/qz_rtsp_seams.h"
+#include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 #include "protocol/rtsp_push/qz_push_connection.h"  // IWYU pragma: associated
 
 namespace qz_rtsp_internal_server {
@@ -28,41 +29,17 @@ bool PushConnection::OpenUdpPorts(std::vector<std::pair<int, int>>& ports, std::
   const asio::ip::address relay = link_->socket().remote_endpoint(ec).address();
   const size_t tracks = stream_->Describe().Tracks().size();
   for (size_t t = 0; t < tracks; ++t) {
-    // An even RTP port and the next for RTCP (RFC 3550 11), drawn at random
-    // from the dynamic range until a free pair turns up.
-    bool bound = false;
-    for (int attempt = 0; attempt < 64 && !bound; ++attempt) {
-      const int port = 20000 + 2 * static_cast<int>(RtspRandom::Crypto().Next32() % 20000);
-      auto rtp = std::unique_ptr<asio::ip::udp::socket>(new asio::ip::udp::socket(*env_.io));
-      auto rtcp = std::unique_ptr<asio::ip::udp::socket>(new asio::ip::udp::socket(*env_.io));
-      const asio::ip::udp::endpoint rtp_at(local, static_cast<unsigned short>(port));
-      const asio::ip::udp::endpoint rtcp_at(local, static_cast<unsigned short>(port + 1));
-      rtp->open(rtp_at.protocol(), ec);
-      if (!ec) {
-        rtp->bind(rtp_at, ec);
-      }
-      if (!ec) {
-        rtcp->open(rtcp_at.protocol(), ec);
-      }
-      if (!ec) {
-        rtcp->bind(rtcp_at, ec);
-      }
-      if (ec) {
-        continue;
-      }
-      rtp->non_blocking(true, ec);
-      rtcp->non_blocking(true, ec);
-      udp_rtp_.push_back(std::move(rtp));
-      udp_rtcp_.push_back(std::move(rtcp));
-      ports.emplace_back(port, port + 1);
-      rtp_to_.emplace_back(relay, 0);
-      rtcp_to_.emplace_back(relay, 0);
-      bound = true;
-    }
-    if (!bound) {
+    UdpPortPair pair;
+    if (!OpenUdpPortPair(
+            *env_.io, local, [] { return RtspRandom::Crypto().Next32(); }, pair)) {
       why = "no free UDP port pair on " + local.to_string();
       return false;
     }
+    ports.emplace_back(pair.rtp_port, pair.rtp_port + 1);
+    udp_rtp_.push_back(std::move(pair.rtp));
+    udp_rtcp_.push_back(std::move(pair.rtcp));
+    rtp_to_.emplace_back(relay, 0);
+    rtcp_to_.emplace_back(relay, 0);
   }
   return true;
 }
@@ -96,17 +73,8 @@ void PushConnection::SizeSendBuffer() {
   if (env_.udp) {
     return;
   }
-  const size_t want =
-      std::clamp(stream_->byte_rate() * kSendBufferMs / 1000, kMinSendBuffer, kMaxSendBuffer);
-  if (send_buffer_bytes_ != 0 && want * 4 > send_buffer_bytes_ * 3 &&
-      want * 4 < send_buffer_bytes_ * 5) {
-    return;  // within 25 %
-  }
-  asio::error_code ec;
-  link_->socket().set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
-  if (!ec) {
-    send_buffer_bytes_ = want;
-  }
+  qz_rtsp_internal_server::SizeSendBuffer(link_->socket(), stream_->byte_rate(), kSendBufferMs,
+                                          send_buffer_bytes_);
 }
 
 void PushConnection::OnPackets() {

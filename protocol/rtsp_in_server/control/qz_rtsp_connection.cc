@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 #include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
 
 namespace qz_rtsp_internal_server {
@@ -320,11 +321,10 @@ bool RtspConnection::SendInterleaved(uint8_t channel, const std::vector<uint8_t>
 }
 
 void RtspConnection::SizeSendBuffer() {
-  // The cap holds a second of a 16 Mbit/s stream, however many sessions the
-  // connection has: sixty connections with eight sessions each that never
-  // read held 45 MB of send queues on a 6 Mbit/s stream (tests/security).
-  constexpr size_t kMinSendBuffer = 64 * 1024;
-  constexpr size_t kMaxSendBuffer = 2 * 1024 * 1024;
+  // The cap (2 MiB) holds a second of a 16 Mbit/s stream, however many
+  // sessions the connection has: sixty connections with eight sessions
+  // each that never read held 45 MB of send queues on a 6 Mbit/s stream
+  // (tests/security).
   const int ms = core_.options().tcp_send_buffer_ms;
   std::set<const RtspStream*> streams;
   size_t rate = 0;
@@ -337,19 +337,7 @@ void RtspConnection::SizeSendBuffer() {
   if (ms <= 0 || streams.empty() || closed_) {
     return;
   }
-  const size_t want =
-      std::clamp(rate * static_cast<size_t>(ms) / 1000, kMinSendBuffer, kMaxSendBuffer);
-  if (send_buffer_bytes_ != 0 && want * 4 > send_buffer_bytes_ * 3 &&
-      want * 4 < send_buffer_bytes_ * 5) {
-    return;  // within 25 %
-  }
-  asio::error_code ec;
-  // Linux doubles the value for its bookkeeping; what it reports back is
-  // not what it holds of payload, so the value asked for is remembered.
-  link_->socket().set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
-  if (!ec) {
-    send_buffer_bytes_ = want;
-  }
+  qz_rtsp_internal_server::SizeSendBuffer(link_->socket(), rate, ms, send_buffer_bytes_);
 }
 
 void RtspConnection::KickWrite() {

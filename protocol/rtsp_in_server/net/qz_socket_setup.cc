@@ -1,5 +1,7 @@
 #include "protocol/rtsp_in_server/net/qz_socket_setup.h"
 
+#include <algorithm>
+
 #include <cstring>
 
 // getifaddrs: every POSIX system the library is for, Android from API 24.
@@ -53,6 +55,24 @@ bool OpenRtspListener(asio::ip::tcp::acceptor& acceptor,
     return false;
   }
   return true;
+}
+
+void SizeSendBuffer(asio::ip::tcp::socket& socket,
+                    size_t bytes_per_second,
+                    int ms,
+                    size_t& current) {
+  constexpr size_t kMinSendBuffer = 64 * 1024;
+  constexpr size_t kMaxSendBuffer = 2 * 1024 * 1024;
+  const size_t want =
+      std::clamp(bytes_per_second * static_cast<size_t>(ms) / 1000, kMinSendBuffer, kMaxSendBuffer);
+  if (current != 0 && want * 4 > current * 3 && want * 4 < current * 5) {
+    return;  // within 25 %
+  }
+  asio::error_code ec;
+  socket.set_option(asio::socket_base::send_buffer_size(static_cast<int>(want)), ec);
+  if (!ec) {
+    current = want;
+  }
 }
 
 bool OpenUdpPortPair(asio::io_context& io,

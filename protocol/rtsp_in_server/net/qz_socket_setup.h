@@ -41,6 +41,18 @@ bool OpenUdpPortPair(asio::io_context& io,
                      const std::function<uint32_t()>& random,
                      UdpPortPair& pair);
 
+// Sizes a TCP socket's kernel send buffer to hold about `ms` of a stream of
+// `bytes_per_second` (64 KiB to 2 MiB), so that a reader that cannot keep
+// up falls behind in the stream's packet ring, where it is cut back to a
+// key frame, not in a deep socket buffer holding seconds of stale video.
+// `current` is what was set last (0: nothing yet); a change within 25 % is
+// not made. Linux doubles the value for its bookkeeping and reports that
+// back, so the value asked for is what `current` keeps.
+void SizeSendBuffer(asio::ip::tcp::socket& socket,
+                    size_t bytes_per_second,
+                    int ms,
+                    size_t& current);
+
 // The socket multicast groups are sent from: IPv4, non-blocking, its
 // packets let through `ttl` routers (IP_MULTICAST_TTL), looped back to
 // receivers on this device (IP_MULTICAST_LOOP: a viewer on the phone

@@ -64,19 +64,11 @@ std::unique_ptr<TlsClientContext> TlsClientContext::Create(const TlsClientTrust&
       return nullptr;
     }
   }
-  SSL_CTX* native = SSL_CTX_new(TLS_client_method());
-  if (native == nullptr) {
-    why = "OpenSSL cannot make a TLS context";
-    ERR_clear_error();
+  std::unique_ptr<asio::ssl::context> context = MakeTlsContext(TLS_client_method(), why);
+  if (!context) {
     return nullptr;
   }
-  auto context = std::make_unique<asio::ssl::context>(native);  // owns `native`
-  SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
-  long options = SSL_OP_NO_COMPRESSION;
-#ifdef SSL_OP_NO_RENEGOTIATION
-  options |= SSL_OP_NO_RENEGOTIATION;
-#endif
-  SSL_CTX_set_options(native, options);
+  SSL_CTX* native = context->native_handle();
   if (fingerprint.empty() && trust.verify) {
     asio::error_code ec;
     if (trust.ca_file.empty()) {

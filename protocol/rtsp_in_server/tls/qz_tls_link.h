@@ -3,14 +3,40 @@
 #ifndef PROTOCOL_RTSP_IN_SERVER_TLS_QZ_TLS_LINK_H_
 #define PROTOCOL_RTSP_IN_SERVER_TLS_QZ_TLS_LINK_H_
 
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
 #include <asio.hpp>
 #include <asio/ssl.hpp>
 #include <functional>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "protocol/rtsp_in_server/net/qz_rtsp_link.h"
 
 namespace qz_rtsp_internal_server {
+
+// A context for either side with what both keep to: TLS 1.2 and up, no
+// compression, no renegotiation. Null, with the reason in `why`, when
+// OpenSSL cannot make one.
+inline std::unique_ptr<asio::ssl::context> MakeTlsContext(const SSL_METHOD* method,
+                                                          std::string& why) {
+  SSL_CTX* native = SSL_CTX_new(method);
+  if (native == nullptr) {
+    why = "OpenSSL cannot make a TLS context";
+    ERR_clear_error();
+    return nullptr;
+  }
+  auto context = std::make_unique<asio::ssl::context>(native);  // owns `native`
+  SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
+  long options = SSL_OP_NO_COMPRESSION;
+#ifdef SSL_OP_NO_RENEGOTIATION
+  options |= SSL_OP_NO_RENEGOTIATION;
+#endif
+  SSL_CTX_set_options(native, options);
+  return context;
+}
 
 class TlsLink : public RtspLink {
  public:

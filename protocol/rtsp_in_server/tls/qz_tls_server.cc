@@ -44,20 +44,11 @@ std::unique_ptr<TlsServerContext> TlsServerContext::Create(const TlsCredentials&
     why = "no private key given (tls_key_pem or tls_key_file)";
     return nullptr;
   }
-  SSL_CTX* native = SSL_CTX_new(TLS_server_method());
-  if (native == nullptr) {
-    why = "OpenSSL cannot make a TLS context";
-    ERR_clear_error();
+  std::unique_ptr<asio::ssl::context> context = MakeTlsContext(TLS_server_method(), why);
+  if (!context) {
     return nullptr;
   }
-  // Owns `native` from here on.
-  auto context = std::make_unique<asio::ssl::context>(native);
-  SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
-  long options = SSL_OP_NO_COMPRESSION;
-#ifdef SSL_OP_NO_RENEGOTIATION
-  options |= SSL_OP_NO_RENEGOTIATION;
-#endif
-  SSL_CTX_set_options(native, options);
+  SSL_CTX* native = context->native_handle();
   SSL_CTX_sess_set_cache_size(native, kSessionCacheSize);
   SSL_CTX_set_default_passwd_cb(native, NoPassphrase);
   if (SSL_CTX_set_cipher_list(native, kTls12Ciphers) != 1) {

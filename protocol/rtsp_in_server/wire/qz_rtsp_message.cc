@@ -25,6 +25,21 @@ bool IsVisibleWord(const std::string& s) {
   return true;
 }
 
+// The header lines, Content-Length when there is a body, the blank line
+// and the body.
+void AppendHeadersAndBody(const std::vector<std::pair<std::string, std::string>>& headers,
+                          const std::string& body,
+                          std::string& out) {
+  for (const auto& h : headers) {
+    out += h.first + ": " + h.second + "\r\n";
+  }
+  if (!body.empty()) {
+    out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  }
+  out += "\r\n";
+  out += body;
+}
+
 }  // namespace
 
 const std::string* RtspRequest::Header(const std::string& name) const {
@@ -276,20 +291,9 @@ std::string WriteRtspResponse(int code,
   if (!cseq.empty()) {
     out += "CSeq: " + cseq + "\r\n";
   }
-  for (const auto& h : headers) {
-    out += h.first + ": " + h.second + "\r\n";
-  }
-  if (!body.empty()) {
-    out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
-  }
-  out += "\r\n";
-  out += body;
+  AppendHeadersAndBody(headers, body, out);
   return out;
 }
-
-}  // namespace qz_rtsp_internal_server
-
-namespace qz_rtsp_internal_server {
 
 std::string WriteRtspRequest(const std::string& method,
                              const std::string& uri,
@@ -297,14 +301,7 @@ std::string WriteRtspRequest(const std::string& method,
                              const std::vector<std::pair<std::string, std::string>>& headers,
                              const std::string& body) {
   std::string out = method + " " + uri + " RTSP/1.0\r\nCSeq: " + std::to_string(cseq) + "\r\n";
-  for (const auto& h : headers) {
-    out += h.first + ": " + h.second + "\r\n";
-  }
-  if (!body.empty()) {
-    out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
-  }
-  out += "\r\n";
-  out += body;
+  AppendHeadersAndBody(headers, body, out);
   return out;
 }
 
