@@ -518,12 +518,12 @@ case "$CASE" in
     ;;
   push_ffmpeg)
     # The publisher pushes to FFmpeg as the relay (ANNOUNCE/RECORD) beside
-    # its local server: H.264 and AAC interleaved over TCP, H.265 and G.711
-    # over UDP, each decoded 8 s; then the relay is killed mid-push and
-    # started again, and the publisher, retrying, must be recording to it
-    # again within 3 s.
+    # its local server: H.265 and G.711 interleaved over TCP, H.264 and AAC
+    # over UDP (the GStreamer relay's cases take the other pairings), each
+    # decoded 8 s; then the relay is killed mid-push and started again, and
+    # the publisher, retrying, must be recording to it again within 3 s.
     QUIET=""
-    for push in "tcp h264 aac" "udp h265 pcma"; do
+    for push in "tcp h265 pcma" "udp h264 aac"; do
       read -r transport video audio <<< "$push"
       RELAY_PORT=$(free_port)
       start_ffmpeg_relay "$RELAY_PORT" 8 "$transport"
