@@ -1,6 +1,9 @@
 # shellcheck shell=bash
 # The cases that push to a relay, sourced by run_e2e.sh (which has pass,
-# fail and the work folder): the publisher runs without a server of its own
+# fail and the work folder).
+#   push_ffmpeg: to FFmpeg in listen mode beside the local server (see
+#     run_push_ffmpeg_case below).
+# In the others the publisher runs without a server of its own
 # (--servers 0) and pushes its built-in source to qz_gst_record_relay,
 # GStreamer's RTSP server in RECORD mode behind Digest authentication,
 # which decodes whatever arrives.
@@ -233,4 +236,92 @@ run_push_wrong_password_case() {
   [ "$RELAY_STATUS" -eq 1 ] && grep -q '^relay: FAILED: nothing decoded$' "$RELAY_OUT" &&
     pass "the relay decoded nothing" || fail "relay exit $RELAY_STATUS: $(tail -1 "$RELAY_OUT")"
   expect_no_relay_errors
+}
+
+# A free TCP port on the loopback (free when asked: a race with another
+# process is possible but unlikely on a test machine).
+free_port() {
+  python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+# FFmpeg in listen mode as the relay the publisher pushes to: it takes one
+# ANNOUNCE/RECORD on 127.0.0.1:$1/phone and decodes $2 seconds into a frame
+# CRC list ($WORK/relay_$3.crc: a line per decoded frame, "0," video, "1,"
+# audio). Sets RELAY_PID.
+start_ffmpeg_relay() {
+  local port=$1 seconds=$2 name=$3
+  timeout $((seconds + 30)) ffmpeg -nostdin -v error -rtsp_flags listen -min_port 20000 \
+    -i "rtsp://127.0.0.1:$port/phone" -t "$seconds" -map 0 -f framecrc "$WORK/relay_$name.crc" \
+    > "$WORK/relay_$name.log" 2>&1 &
+  RELAY_PID=$!
+  # Listening once the port is (not connecting to it: the relay takes the
+  # first connection only).
+  for _ in $(seq 1 50); do
+    ss -Hltn "sport = :$port" 2>/dev/null | grep -q . && break
+    sleep 0.1
+  done
+}
+
+# The relay $1 ended by itself and decoded at least $2 video frames and some
+# audio, without an error line. FFmpeg's listen mode opens each track's UDP
+# ports probing upward from -min_port for every SETUP, so over UDP the
+# second track's first bind always fails once per port tried
+# ("bind failed: Address already in use"): those lines alone are allowed,
+# and counted.
+expect_relay_decoded() {
+  local name=$1 min_video=$2 status=0
+  wait "$RELAY_PID"; status=$?
+  local video audio errors probes
+  video=$(grep -c '^0,' "$WORK/relay_$name.crc" 2>/dev/null)
+  audio=$(grep -c '^1,' "$WORK/relay_$name.crc" 2>/dev/null)
+  probes=$(grep -c -E '^\[udp @ 0x[0-9a-f]+\] bind failed: Address already in use$' "$WORK/relay_$name.log")
+  errors=$(grep -v -c -E '^\[udp @ 0x[0-9a-f]+\] bind failed: Address already in use$' "$WORK/relay_$name.log")
+  if [ "$status" -eq 0 ] && [ "$video" -ge "$min_video" ] && [ "$audio" -gt 0 ] && [ "$errors" -eq 0 ]; then
+    pass "relay $name decoded $video video and $audio audio frames without error ($probes port probes)"
+  else
+    fail "relay $name: exit $status, $video video frames (want $min_video), $audio audio frames, $errors error lines"
+  fi
+}
+
+run_push_ffmpeg_case() {
+  # The publisher pushes to FFmpeg as the relay (ANNOUNCE/RECORD) beside
+  # its local server: H.265 and G.711 interleaved over TCP, H.264 and AAC
+  # over UDP (the GStreamer relay's cases take the other pairings), each
+  # decoded 8 s; then the relay is killed mid-push and started again, and
+  # the publisher, retrying, must be recording to it again within 3 s.
+  QUIET=""
+  for push in "tcp h265 pcma" "udp h264 aac"; do
+    read -r transport video audio <<< "$push"
+    RELAY_PORT=$(free_port)
+    start_ffmpeg_relay "$RELAY_PORT" 8 "$transport"
+    start_publisher --video "$video" --audio "$audio" --size 640x360 \
+      --push "rtsp://127.0.0.1:$RELAY_PORT/phone" --push-transport "$transport"
+    expect_relay_decoded "$transport" 190
+    stop_publisher
+    grep -q "QZRtspPusher recording to rtsp://127.0.0.1:$RELAY_PORT/phone (${transport^^})" "$PUB_OUT" &&
+      pass "the publisher logged recording over $transport" || fail "no recording line over $transport"
+    # Whether the built-in encoder keeps real time is not the push's
+    # business (the sinker takes frames without waiting on any output;
+    # in the AddressSanitizer build, Debug, the source drops a frame or two
+    # at its start):
+    # what the push must not do is make the sinker drop video.
+    expect_whole_first_gop
+  done
+  RELAY_PORT=$(free_port)
+  start_ffmpeg_relay "$RELAY_PORT" 30 killed
+  start_publisher --size 320x240 --push "rtsp://127.0.0.1:$RELAY_PORT/phone"
+  sleep 3
+  pkill -KILL -P "$RELAY_PID" ffmpeg; wait "$RELAY_PID" 2>/dev/null  # FFmpeg, under timeout
+  sleep 2  # the publisher finds the relay gone and retries, refused, with back-off
+  back=$(date +%s%N)
+  start_ffmpeg_relay "$RELAY_PORT" 4 restarted
+  expect_relay_decoded restarted 90
+  took=$(( ($(date +%s%N) - back) / 1000000 ))
+  # 4 s of media decoded, so recording began within took - 4000 ms.
+  [ "$took" -le 7500 ] && pass "recording again $((took - 4000)) ms after the relay was back (4 s decoded)" ||
+    fail "the relay back at 0 ms decoded 4 s only after $took ms"
+  stop_publisher
+  grep -q "QZRtspPusher recording to rtsp://127.0.0.1:$RELAY_PORT/phone again" "$PUB_OUT" &&
+    pass "the publisher logged recording again" || fail "no second recording line"
+  grep -E "push rtsp://127.0.0.1:$RELAY_PORT/phone: .*recordings" "$PUB_ERR" | head -1
 }
