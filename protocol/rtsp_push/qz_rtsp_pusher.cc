@@ -1,6 +1,7 @@
 #include "protocol/rtsp_push/qz_rtsp_pusher.h"
 
 #include <asio.hpp>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -326,13 +327,29 @@ void QZRtspPusher::Impl::SetState(const std::string& state) {
   state_ = state;
 }
 
+namespace {
+
+// Whether a relay told of `announced` can take the stream that now has
+// `tracks`: the same tracks, each with its codec, clock and channels. New
+// parameter sets of the same codec travel in band with the key frames.
+bool SameTracks(const std::vector<RtpTrackInfo>& tracks,
+                const std::vector<RtpTrackInfo>& announced) {
+  return std::equal(tracks.begin(), tracks.end(), announced.begin(), announced.end(),
+                    [](const RtpTrackInfo& a, const RtpTrackInfo& b) {
+                      return a.is_video == b.is_video && a.codec == b.codec &&
+                             a.clock_rate == b.clock_rate && a.channels == b.channels;
+                    });
+}
+
+}  // namespace
+
 void QZRtspPusher::Impl::OnTick() {
   const long long now = NowMs();
   if (connection_) {
     connection_->Tick();
     // New codecs or tracks need a new ANNOUNCE: the relay's SDP is stale.
     if (connection_ && connection_->recording() && pushing_ &&
-        pushing_->Describe().Tracks().size() != connection_->announced().size()) {
+        !SameTracks(pushing_->Describe().Tracks(), connection_->announced())) {
       LogFormat("VartoLogIOS [I] QZRtspPusher %s: the stream's tracks changed; announcing again\n",
                 url_.WithoutCredentials().c_str());
       EndPush([] {});
