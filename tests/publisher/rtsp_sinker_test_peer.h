@@ -45,7 +45,6 @@ class RtspSinkerTestPeer {
 
   // Session.
   bool InitRtsp() { return s_.InitRtsp(); }
-  void UnInitRtsp() { s_.UnInitRtsp(); }
   void NotifyRtspURLs() { s_.NotifyRtspURLs(); }
   size_t PipleCount() const { return s_.handle_2_piple_.size(); }
   std::shared_ptr<QZRtspPacketPiple> Piple(void* handle) {

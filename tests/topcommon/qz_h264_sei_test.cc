@@ -25,29 +25,43 @@ Bytes Unescape(const Bytes& in) {
   return out;
 }
 
-// A binary and a text message, each under its own UUID, as complete NAL units.
+// A binary and a text message, each under its own UUID, as complete NAL
+// units behind a four-byte, a three-byte or no start code; nothing from bad
+// arguments.
 TEST(H264SeiTest, GoldenBytes) {
+  const Bytes data = {0xAB, 0xCD};
   for (bool text : {false, true}) {
     H264Sei sei;
     Bytes message;
-    const Bytes data = {0xAB, 0xCD};
     ASSERT_TRUE(text ? sei.WriteQZSDKSeiMessage(message, std::string(data.begin(), data.end()))
                      : sei.WriteQZSDKSeiMessage(message, data.data(), 2));
     sei.WriteRbspTrailingBits(message);
-    Bytes nal;
-    sei.WriteSeiNalUnit(nal, message.data(), static_cast<QZ_INT32>(message.size()), false, false,
-                        false);
-    Bytes expected = {0x00, 0x00, 0x00, 0x01,  // four-byte start code
-                      0x06,                    // forbidden 0 | nal_ref_idc 00 | type 00110 (SEI)
-                      0x05,                    // payloadType 5: user_data_unregistered
-                      18};                     // payloadSize: 16-byte UUID + 2 bytes
+    Bytes unit = {0x06,  // forbidden 0 | nal_ref_idc 00 | type 00110 (SEI)
+                  0x05,  // payloadType 5: user_data_unregistered
+                  18};   // payloadSize: 16-byte UUID + 2 bytes
     const QZ_BYTE* uuid = text ? H264Sei::kTextUuid : H264Sei::kBinaryUuid;
-    expected.insert(expected.end(), uuid, uuid + 16);
-    expected.insert(expected.end(), {0xAB, 0xCD, 0x80});  // data, rbsp_stop_one_bit + alignment
-    EXPECT_EQ(nal, expected) << (text ? "text" : "binary");
+    unit.insert(unit.end(), uuid, uuid + 16);
+    unit.insert(unit.end(), {0xAB, 0xCD, 0x80});  // data, rbsp_stop_one_bit + alignment
+    const std::pair<Bytes, bool> starts[] = {{{0, 0, 0, 1}, false}, {{0, 0, 1}, true}, {{}, false}};
+    for (const auto& start : starts) {
+      Bytes nal;
+      sei.WriteSeiNalUnit(nal, message.data(), static_cast<QZ_INT32>(message.size()),
+                          start.first.empty(), start.second, false);
+      Bytes expected = start.first;
+      expected.insert(expected.end(), unit.begin(), unit.end());
+      EXPECT_EQ(nal, expected) << (text ? "text" : "binary") << ", start code of "
+                               << start.first.size();
+    }
   }
   EXPECT_NE(Bytes(H264Sei::kTextUuid, H264Sei::kTextUuid + 16),
             Bytes(H264Sei::kBinaryUuid, H264Sei::kBinaryUuid + 16));
+  H264Sei sei;
+  Bytes nal = {1}, message;
+  sei.WriteSeiNalUnit(nal, nullptr, 3, false, false, false);
+  EXPECT_TRUE(nal.empty());
+  EXPECT_FALSE(sei.WriteQZSDKSeiMessage(message, nullptr, 4));
+  EXPECT_FALSE(sei.WriteQZSDKSeiMessage(message, data.data(), -1));
+  EXPECT_TRUE(message.empty());
 }
 
 // payloadSize of 255 and more is coded as 0xFF runs plus a last byte.
@@ -95,23 +109,6 @@ TEST(H264SeiTest, EmulationPreventionRoundTrips) {
   // 00 00 00 -> 00 00 03 00 at the start of the payload.
   const size_t data_at = 1 + 2 + 16;
   EXPECT_EQ(Bytes(nal.begin() + data_at, nal.begin() + data_at + 4), Bytes({0, 0, 3, 0}));
-}
-
-// A three-byte start code or none; nothing from bad arguments.
-TEST(H264SeiTest, StartCodeFlagsAndBadArguments) {
-  H264Sei sei;
-  const Bytes rbsp = {0x05, 0x10, 0x80};
-  Bytes nal;
-  sei.WriteSeiNalUnit(nal, rbsp.data(), 3, false, true, false);
-  EXPECT_EQ(Bytes(nal.begin(), nal.begin() + 4), Bytes({0, 0, 1, 0x06}));
-  sei.WriteSeiNalUnit(nal, rbsp.data(), 3, true, false, false);
-  EXPECT_EQ(nal[0], 0x06);
-  sei.WriteSeiNalUnit(nal, nullptr, 3, false, false, false);
-  EXPECT_TRUE(nal.empty());
-  Bytes message;
-  EXPECT_FALSE(sei.WriteQZSDKSeiMessage(message, nullptr, 4));
-  EXPECT_FALSE(sei.WriteQZSDKSeiMessage(message, reinterpret_cast<const QZ_BYTE*>("x"), -1));
-  EXPECT_TRUE(message.empty());
 }
 
 }  // namespace

@@ -14,44 +14,55 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Words = std::vector<uint32_t>;
 
-uint32_t Read32(const Bytes& b, size_t at) {
-  return (uint32_t{b[at]} << 24) | (uint32_t{b[at + 1]} << 16) | (uint32_t{b[at + 2]} << 8) |
-         b[at + 3];
-}
-
-// One RTCP packet: first octet (V|P|count), type, and the 32-bit words that
-// follow the header; the length field counts those words.
-Bytes Packet(uint8_t first, uint8_t type, const Words& words) {
-  Bytes b = {first, type, static_cast<uint8_t>(words.size() >> 8),
-             static_cast<uint8_t>(words.size())};
+// One RTCP packet: first octet (V|P|count), type, then the 32-bit words that
+// follow the header and any further bytes; the length field counts them in
+// words.
+Bytes Packet(uint8_t first, uint8_t type, const Words& words, const Bytes& tail = {}) {
+  const size_t length = words.size() + tail.size() / 4;
+  Bytes b = {first, type, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length)};
   for (uint32_t w : words) {
     b.insert(b.end(), {static_cast<uint8_t>(w >> 24), static_cast<uint8_t>(w >> 16),
                        static_cast<uint8_t>(w >> 8), static_cast<uint8_t>(w)});
   }
+  b.insert(b.end(), tail.begin(), tail.end());
   return b;
 }
 
-template <typename T>
-std::vector<T> Join(std::initializer_list<std::vector<T>> parts) {
-  std::vector<T> out;
+Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
   for (const auto& p : parts) {
     out.insert(out.end(), p.begin(), p.end());
   }
   return out;
 }
 
-// Report block fields in wire order; `lost` is the raw 24-bit field.
+// Report block fields in wire order; `lost` is the raw 24-bit field. Every
+// block has jitter 77 and DLSR 0x10000.
 Words Block(uint32_t ssrc, uint32_t fraction, uint32_t lost, uint32_t seq, uint32_t lsr) {
   return {ssrc, (fraction << 24) | lost, seq, 77, lsr, 0x10000};
 }
 
-using BlockView = std::tuple<uint32_t, int, int32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
+const Words kSenderInfo = {0xE0000000, 0x80000000, 1234, 10, 2000};
 
-BlockView View(const RtcpReportBlock& b) {
-  return {b.ssrc, b.fraction_lost, b.cumulative_lost, b.highest_seq, b.jitter, b.lsr, b.dlsr};
+// An RR (201) or SR (200, with kSenderInfo) from 0xAAAA holding `blocks`;
+// its count field claims `extra` blocks more than it holds.
+Bytes Report(uint8_t type, std::initializer_list<Words> blocks, uint8_t extra = 0) {
+  Words words = {0xAAAA};
+  if (type == 200) {
+    words.insert(words.end(), kSenderInfo.begin(), kSenderInfo.end());
+  }
+  for (const Words& block : blocks) {
+    words.insert(words.end(), block.begin(), block.end());
+  }
+  return Packet(static_cast<uint8_t>(0x80 + blocks.size() + extra), type, words);
 }
 
-const Words kSenderInfo = {0xE0000000, 0x80000000, 1234, 10, 2000};
+using BlockView = std::tuple<uint32_t, int, int32_t, uint32_t, uint32_t, uint32_t, uint32_t>;
+
+// A parsed block as Block() wrote it, with `lost` as the signed count.
+BlockView Seen(uint32_t ssrc, int fraction, int32_t lost, uint32_t seq, uint32_t lsr) {
+  return {ssrc, fraction, lost, seq, 77, lsr, 0x10000};
+}
 
 TEST(RtcpParseTest, CompoundPackets) {
   const Bytes sdes = Packet(0x81, 202, {0xAAAA, 0x01027177, 0});  // CNAME "qw"
@@ -64,34 +75,28 @@ TEST(RtcpParseTest, CompoundPackets) {
   };
   const Case cases[] = {
       {"rr_one_block_negative_loss",
-       Packet(0x81, 201,
-              Join<uint32_t>({{0xAAAA}, Block(0x1111, 0x40, 0xFFFFFD, 0x10005, 0xB7052000)})),
-       {BlockView{0x1111, 0x40, -3, 0x10005, 77, 0xB7052000, 0x10000}}},
+       Report(201, {Block(0x1111, 0x40, 0xFFFFFD, 0x10005, 0xB7052000)}),
+       {Seen(0x1111, 0x40, -3, 0x10005, 0xB7052000)}},
       {"rr_two_blocks",
-       Packet(0x82, 201,
-              Join<uint32_t>(
-                  {{0xAAAA}, Block(0x1111, 0, 0x7FFFFF, 9, 0), Block(0x2222, 0xFF, 5, 8, 3)})),
-       {BlockView{0x1111, 0, 0x7FFFFF, 9, 77, 0, 0x10000},
-        BlockView{0x2222, 0xFF, 5, 8, 77, 3, 0x10000}}},
+       Report(201, {Block(0x1111, 0, 0x7FFFFF, 9, 0), Block(0x2222, 0xFF, 5, 8, 3)}),
+       {Seen(0x1111, 0, 0x7FFFFF, 9, 0), Seen(0x2222, 0xFF, 5, 8, 3)}},
       {"sr_then_rr",
-       Join<uint8_t>(
-           {Packet(0x81, 200, Join<uint32_t>({{0xAAAA}, kSenderInfo, Block(0x1111, 1, 2, 3, 4)})),
-            Packet(0x81, 201, Join<uint32_t>({{0xAAAA}, Block(0x2222, 5, 6, 7, 8)}))}),
-       {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}, BlockView{0x2222, 5, 6, 7, 77, 8, 0x10000}}},
+       Cat({Report(200, {Block(0x1111, 1, 2, 3, 4)}), Report(201, {Block(0x2222, 5, 6, 7, 8)})}),
+       {Seen(0x1111, 1, 2, 3, 4), Seen(0x2222, 5, 6, 7, 8)}},
       {"rr_without_blocks_sdes_bye",
-       Join<uint8_t>({Packet(0x80, 201, {0xAAAA}), sdes, Packet(0x81, 203, {0xAAAA})}),
+       Cat({Report(201, {}), sdes, Packet(0x81, 203, {0xAAAA})}),
        {},
        true,
        {0xAAAA}},
       {"bye_sources_and_reason", Packet(0x83, 203, {1, 2, 3, 0x03627965}), {}, true, {1, 2, 3}},
       {"app_in_the_middle",
-       Join<uint8_t>({Packet(0x81, 201, Join<uint32_t>({{0xAAAA}, Block(0x1111, 1, 2, 3, 4)})),
-                      Packet(0x80, 204, {0xAAAA, 0x71777A31, 0xDEADBEEF}), Packet(0x80, 203, {})}),
-       {BlockView{0x1111, 1, 2, 3, 77, 4, 0x10000}},
+       Cat({Report(201, {Block(0x1111, 1, 2, 3, 4)}),
+            Packet(0x80, 204, {0xAAAA, 0x71777A31, 0xDEADBEEF}), Packet(0x80, 203, {})}),
+       {Seen(0x1111, 1, 2, 3, 4)},
        true},
       // P set on the last packet: its final octet (4) drops the last word.
       {"padding_on_last",
-       Join<uint8_t>({Packet(0x80, 201, {0xAAAA}), Packet(0xA1, 203, {0xBBBB, 4})}),
+       Cat({Report(201, {}), Packet(0xA1, 203, {0xBBBB, 4})}),
        {},
        true,
        {0xBBBB}},
@@ -101,7 +106,8 @@ TEST(RtcpParseTest, CompoundPackets) {
     ASSERT_TRUE(ParseRtcp(c.bytes.data(), c.bytes.size(), out)) << c.name;
     std::vector<BlockView> blocks;
     for (const auto& b : out.blocks) {
-      blocks.push_back(View(b));
+      blocks.emplace_back(b.ssrc, b.fraction_lost, b.cumulative_lost, b.highest_seq, b.jitter,
+                          b.lsr, b.dlsr);
     }
     EXPECT_EQ(blocks, c.blocks) << c.name;
     EXPECT_EQ(out.bye, c.bye) << c.name;
@@ -110,7 +116,7 @@ TEST(RtcpParseTest, CompoundPackets) {
 }
 
 TEST(RtcpParseTest, MalformedPacketsFail) {
-  const Bytes rr = Packet(0x80, 201, {0xAAAA});
+  const Bytes rr = Report(201, {});
   struct Case {
     const char* name;
     Bytes bytes;
@@ -118,15 +124,15 @@ TEST(RtcpParseTest, MalformedPacketsFail) {
   const Case cases[] = {
       {"empty", {}},
       {"version_1", Packet(0x40, 201, {0xAAAA})},
-      {"version_1_second", Join<uint8_t>({rr, Packet(0x40, 203, {})})},
+      {"version_1_second", Cat({rr, Packet(0x40, 203, {})})},
       {"length_past_end", Bytes{0x80, 201, 0, 7, 0, 0, 0xAA, 0xAA}},
-      {"rr_count_past_length", Packet(0x82, 201, Join<uint32_t>({{0xAAAA}, Block(1, 2, 3, 4, 5)}))},
-      {"sr_count_past_length", Packet(0x81, 200, Join<uint32_t>({{0xAAAA}, kSenderInfo}))},
+      {"rr_count_past_length", Report(201, {Block(1, 2, 3, 4, 5)}, 1)},
+      {"sr_count_past_length", Report(200, {}, 1)},
       {"sr_without_sender_info", Packet(0x80, 200, {0xAAAA, 1, 2})},
       {"bye_count_past_length", Packet(0x83, 203, {1, 2})},
-      {"truncated_header", Join<uint8_t>({rr, Bytes{0x80, 203}})},
+      {"truncated_header", Cat({rr, Bytes{0x80, 203}})},
       {"rr_zero_length", Packet(0x80, 201, {})},
-      {"padding_not_last", Join<uint8_t>({Packet(0xA0, 201, {0xAAAA, 4}), rr})},
+      {"padding_not_last", Cat({Packet(0xA0, 201, {0xAAAA, 4}), rr})},
       {"padding_zero", Packet(0xA0, 201, {0xAAAA, 0})},
       {"padding_past_packet", Packet(0xA0, 201, {0xAAAA, 9})},
       {"padding_eats_ssrc", Packet(0xA0, 201, {0xAAAA, 8})},
@@ -155,18 +161,14 @@ TEST(RtcpSenderReportTest, Golden) {
   };
   for (const Case& c : cases) {
     const Bytes sr = BuildRtcpSenderReport(0xAABBCCDD, c.ntp_us, 1234, 10, 2000, c.cname);
+    // SDES items: CNAME (1), its length and text, a null item, zeros to a word.
     const std::string name = c.cname.substr(0, 255);
     Bytes items = {1, static_cast<uint8_t>(name.size())};
     items.insert(items.end(), name.begin(), name.end());
     items.resize((items.size() + 1 + 3) / 4 * 4, 0);
-    Words sdes = {0xAABBCCDD};
-    for (size_t i = 0; i < items.size(); i += 4) {
-      sdes.push_back(Read32(items, i));
-    }
     EXPECT_EQ(sr,
-              Join<uint8_t>(
-                  {Packet(0x80, 200, {0xAABBCCDD, c.ntp_seconds, c.ntp_fraction, 1234, 10, 2000}),
-                   Packet(0x81, 202, sdes)}))
+              Cat({Packet(0x80, 200, {0xAABBCCDD, c.ntp_seconds, c.ntp_fraction, 1234, 10, 2000}),
+                   Packet(0x81, 202, {0xAABBCCDD}, items)}))
         << c.cname;
     RtcpReceived out;
     EXPECT_TRUE(ParseRtcp(sr.data(), sr.size(), out));
