@@ -79,10 +79,6 @@ class FakeRelay {
         continue;
       }
       const int fd = accept(listen_fd_, nullptr, nullptr);
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        connections_.emplace_back();
-      }
       Serve(fd);
       close(fd);
     }
@@ -92,6 +88,10 @@ class FakeRelay {
     RtspRequestParser parser;
     RtspAuthState state;
     drop_ = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      connections_.emplace_back();
+    }
     char buffer[65536];
     while (!stop_ && !drop_) {
       if (!Readable(fd)) {
@@ -226,12 +226,13 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   relay.DropConnection();
   ASSERT_TRUE(WaitFor([&] { return recorded(1); })) << pusher.GetStats().last_error;
 
-  const std::vector<FakeRelay::Connection> connections = relay.connections();
-  for (const FakeRelay::Connection& c : connections) {
+  unsigned long long received = 0;
+  for (const FakeRelay::Connection& c : relay.connections()) {
     // ANNOUNCE was asked for credentials, answered, then the tracks set up.
     const std::vector<std::string> want = {"OPTIONS", "ANNOUNCE", "ANNOUNCE", "SETUP", "RECORD"};
     EXPECT_EQ(std::vector<std::string>(c.methods.begin(), c.methods.begin() + 5), want);
     EXPECT_EQ(c.first_video_nal, 5) << "each recording starts at an IDR picture";
+    received += static_cast<unsigned long long>(c.video_packets);
   }
   QZRtspPushStats stats = pusher.GetStats();
   EXPECT_EQ(stats.state, "recording");
@@ -241,10 +242,6 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   EXPECT_GE(key_requests.load(), 2) << "a key frame asked for at each start";
   // A write is counted when its completion runs, which may come after the relay
   // has read the bytes: the count catches up with what the relay received.
-  unsigned long long received = 0;
-  for (const FakeRelay::Connection& c : connections) {
-    received += static_cast<unsigned long long>(c.video_packets);
-  }
   EXPECT_TRUE(WaitFor([&] { return pusher.GetStats().packets_sent >= received; }))
       << pusher.GetStats().packets_sent << " counted, " << received << " received";
 
