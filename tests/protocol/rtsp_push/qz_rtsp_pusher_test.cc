@@ -41,14 +41,13 @@ class FakeRelay {
     bool recording = false;
   };
 
-  FakeRelay() : auth_("user", "pw", "relay", /*allow_basic=*/false) {
-    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+  FakeRelay() {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    EXPECT_EQ(listen(listen_fd_, 4), 0);
     socklen_t size = sizeof(addr);
+    EXPECT_EQ(bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), size), 0);
+    EXPECT_EQ(listen(listen_fd_, 4), 0);
     getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &size);
     port_ = ntohs(addr.sin_port);
     thread_ = std::thread([this] { Run(); });
@@ -68,17 +67,18 @@ class FakeRelay {
   void DropConnection() { drop_ = true; }
 
  private:
+  // Whether `fd` can be read within 50 ms (so that stop_ is seen soon).
+  static bool Readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 50) == 1;
+  }
+
   void Run() {
     while (!stop_) {
-      pollfd p{listen_fd_, POLLIN, 0};
-      if (poll(&p, 1, 50) != 1) {
+      if (!Readable(listen_fd_)) {
         continue;
       }
       const int fd = accept(listen_fd_, nullptr, nullptr);
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        connections_.emplace_back();
-      }
       Serve(fd);
       close(fd);
     }
@@ -88,10 +88,13 @@ class FakeRelay {
     RtspRequestParser parser;
     RtspAuthState state;
     drop_ = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      connections_.emplace_back();
+    }
     char buffer[65536];
     while (!stop_ && !drop_) {
-      pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, 50) != 1) {
+      if (!Readable(fd)) {
         continue;
       }
       const ssize_t n = read(fd, buffer, sizeof(buffer));
@@ -130,15 +133,14 @@ class FakeRelay {
 
   std::string Answer(const RtspRequest& request, RtspAuthState& state) {
     const std::string cseq = request.Header("CSeq") ? *request.Header("CSeq") : "";
+    std::vector<std::pair<std::string, std::string>> headers;
     if (request.method != "OPTIONS" &&
         auth_.Check(request, state, 1000) != RtspAuthenticator::Verdict::kOk) {
-      std::vector<std::pair<std::string, std::string>> headers;
       for (const std::string& challenge : auth_.Challenges(state, 1000, false)) {
         headers.emplace_back("WWW-Authenticate", challenge);
       }
       return WriteRtspResponse(401, cseq, headers);
     }
-    std::vector<std::pair<std::string, std::string>> headers;
     if (request.method == "OPTIONS") {
       headers.emplace_back("Public", "OPTIONS, ANNOUNCE, SETUP, RECORD, TEARDOWN");
     } else if (request.method == "SETUP") {
@@ -150,8 +152,8 @@ class FakeRelay {
     return WriteRtspResponse(200, cseq, headers);
   }
 
-  RtspAuthenticator auth_;
-  int listen_fd_ = -1;
+  RtspAuthenticator auth_{"user", "pw", "relay", /*allow_basic=*/false};
+  int listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
   int port_ = 0;
   std::atomic<bool> stop_{false};
   std::atomic<bool> drop_{false};
@@ -224,12 +226,13 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   relay.DropConnection();
   ASSERT_TRUE(WaitFor([&] { return recorded(1); })) << pusher.GetStats().last_error;
 
-  const std::vector<FakeRelay::Connection> connections = relay.connections();
-  for (const FakeRelay::Connection& c : connections) {
+  unsigned long long received = 0;
+  for (const FakeRelay::Connection& c : relay.connections()) {
     // ANNOUNCE was asked for credentials, answered, then the tracks set up.
     const std::vector<std::string> want = {"OPTIONS", "ANNOUNCE", "ANNOUNCE", "SETUP", "RECORD"};
     EXPECT_EQ(std::vector<std::string>(c.methods.begin(), c.methods.begin() + 5), want);
     EXPECT_EQ(c.first_video_nal, 5) << "each recording starts at an IDR picture";
+    received += static_cast<unsigned long long>(c.video_packets);
   }
   QZRtspPushStats stats = pusher.GetStats();
   EXPECT_EQ(stats.state, "recording");
@@ -239,10 +242,6 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   EXPECT_GE(key_requests.load(), 2) << "a key frame asked for at each start";
   // A write is counted when its completion runs, which may come after the relay
   // has read the bytes: the count catches up with what the relay received.
-  unsigned long long received = 0;
-  for (const FakeRelay::Connection& c : connections) {
-    received += static_cast<unsigned long long>(c.video_packets);
-  }
   EXPECT_TRUE(WaitFor([&] { return pusher.GetStats().packets_sent >= received; }))
       << pusher.GetStats().packets_sent << " counted, " << received << " received";
 
@@ -257,18 +256,20 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
 
 // A URL the pusher cannot use fails Start and says why.
 TEST(PusherTest, StartRefusesUnusableUrls) {
-  qz_test::LogCapture log;
-  for (const char* url : {"http://relay/x", "rtsp://", "rtsp://relay:99999/x"}) {
+  // (url, over UDP): UDP cannot go inside TLS.
+  const std::pair<const char*, bool> cases[] = {{"http://relay/x", false},
+                                                {"rtsp://", false},
+                                                {"rtsp://relay:99999/x", false},
+                                                {"rtsps://relay/x", true}};
+  for (const auto& c : cases) {
+    qz_test::LogCapture log;
     QZRtspPushOptions options;
-    options.url = url;
-    QZRtspPusher pusher(options);
-    EXPECT_FALSE(pusher.Start()) << url;
+    options.url = c.first;
+    options.udp = c.second;
+    EXPECT_FALSE(QZRtspPusher(options).Start()) << c.first;
+    EXPECT_EQ(log.Matching("VartoLogIOS [E] QZRtspPusher::Start cannot push to").size(), 1u)
+        << c.first;
   }
-  QZRtspPushOptions udp_in_tls;
-  udp_in_tls.url = "rtsps://relay/x";
-  udp_in_tls.udp = true;
-  EXPECT_FALSE(QZRtspPusher(udp_in_tls).Start());
-  EXPECT_EQ(log.Matching("VartoLogIOS [E] QZRtspPusher::Start cannot push to").size(), 4u);
 }
 
 }  // namespace

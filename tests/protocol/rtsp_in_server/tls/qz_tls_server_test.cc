@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -46,12 +47,12 @@ struct Credentials {
   std::string key_pem;
 };
 
+// What `write` put into a memory BIO.
 std::string Pem(const std::function<int(BIO*)>& write) {
   Owned<BIO> bio(BIO_new(BIO_s_mem()));
   EXPECT_EQ(write(bio.get()), 1);
   char* data = nullptr;
-  const long size = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(size));
+  return std::string(data, static_cast<size_t>(BIO_get_mem_data(bio.get(), &data)));
 }
 
 // A P-256 key and a certificate for it, self-signed, valid for a day.
@@ -74,12 +75,10 @@ Credentials MakeCredentials() {
   X509_add_ext(cert.get(), san, -1);
   X509_EXTENSION_free(san);
   EXPECT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
-  Credentials made;
-  made.cert_pem = Pem([&cert](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); });
-  made.key_pem = Pem([&key](BIO* bio) {
-    return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-  });
-  return made;
+  return {Pem([&cert](BIO* bio) { return PEM_write_bio_X509(bio, cert.get()); }),
+          Pem([&key](BIO* bio) {
+            return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+          })};
 }
 
 const Credentials& ServerCredentials() {
@@ -87,27 +86,47 @@ const Credentials& ServerCredentials() {
   return credentials;
 }
 
-// A client context that trusts only the server's certificate (a handshake
-// with any other fails), up to TLS 1.3.
-Owned<SSL_CTX> TrustingContext(int max_version = TLS1_3_VERSION) {
-  Owned<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
+Owned<X509> ServerCertificate() {
   const std::string& pem = ServerCredentials().cert_pem;
   Owned<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  Owned<X509> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-  X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), cert.get());
-  SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
-  SSL_CTX_set_max_proto_version(context.get(), max_version);
-  return context;
+  return Owned<X509>(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
 }
 
-// A client that offers TLS 1.0 and 1.1 only (OpenSSL 3 needs security level
-// 0 to offer them at all).
-Owned<SSL_CTX> Tls11Context() {
+// The server's certificate and key in files of a folder of their own,
+// removed with it.
+struct CredentialFiles {
+  CredentialFiles() {
+    char made[] = "/tmp/qz_tls_test_XXXXXX";
+    EXPECT_NE(mkdtemp(made), nullptr);
+    folder = made;
+    std::ofstream(cert()) << ServerCredentials().cert_pem;
+    std::ofstream(key()) << ServerCredentials().key_pem;
+  }
+  ~CredentialFiles() {
+    unlink(cert().c_str());
+    unlink(key().c_str());
+    rmdir(folder.c_str());
+  }
+  std::string cert() const { return folder + "/cert.pem"; }
+  std::string key() const { return folder + "/key.pem"; }
+  std::string folder;
+};
+
+// A client context up to `max_version` that trusts only the server's
+// certificate (a handshake with any other fails); or, with `max_version`
+// below TLS 1.2, one that offers TLS 1.0 and 1.1 only (OpenSSL 3 needs
+// security level 0 to offer them at all).
+Owned<SSL_CTX> ClientContext(int max_version = TLS1_3_VERSION) {
   Owned<SSL_CTX> context(SSL_CTX_new(TLS_client_method()));
-  SSL_CTX_set_security_level(context.get(), 0);
-  SSL_CTX_set_cipher_list(context.get(), "DEFAULT:@SECLEVEL=0");
-  SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
-  SSL_CTX_set_max_proto_version(context.get(), TLS1_1_VERSION);
+  SSL_CTX_set_max_proto_version(context.get(), max_version);
+  if (max_version < TLS1_2_VERSION) {
+    SSL_CTX_set_security_level(context.get(), 0);
+    SSL_CTX_set_cipher_list(context.get(), "DEFAULT:@SECLEVEL=0");
+    SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
+    return context;
+  }
+  X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), ServerCertificate().get());
+  SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
   return context;
 }
 
@@ -124,7 +143,7 @@ class TlsServerTest : public LoopbackServerTest {
     url_ = server_->TlsUrlFor("live");
   }
 
-  Owned<SSL_CTX> trusting_ = TrustingContext();
+  Owned<SSL_CTX> trusting_ = ClientContext();
 };
 
 // A viewer plays inside TLS, under the rtsps:// URL: offered UDP first, it is
@@ -134,7 +153,7 @@ class TlsServerTest : public LoopbackServerTest {
 // fails, within the request limit when it stalls. The viewer keeps getting
 // media throughout, and the RTSP port stays plain.
 TEST_F(TlsServerTest, HandshakesThatFailOrStallAreClosed) {
-  Owned<SSL_CTX> tls12 = TrustingContext(TLS1_2_VERSION), tls11 = Tls11Context();
+  Owned<SSL_CTX> tls12 = ClientContext(TLS1_2_VERSION), tls11 = ClientContext(TLS1_1_VERSION);
   const struct {
     const char* name;
     SSL_CTX* tls;       // null: a plain TCP connection
@@ -181,17 +200,7 @@ TEST_F(TlsServerTest, HandshakesThatFailOrStallAreClosed) {
 // them (the client trusts only that certificate), or fails, leaving nothing
 // running, and logs why.
 TEST(TlsServerStartTest, NeedsACertificateAndItsKey) {
-  char folder[] = "/tmp/qz_tls_test_XXXXXX";
-  ASSERT_NE(mkdtemp(folder), nullptr);
-  const std::string cert_file = std::string(folder) + "/cert.pem";
-  const std::string key_file = std::string(folder) + "/key.pem";
-  for (const auto& file : {std::make_pair(cert_file, ServerCredentials().cert_pem),
-                           std::make_pair(key_file, ServerCredentials().key_pem)}) {
-    FILE* f = std::fopen(file.first.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    std::fputs(file.second.c_str(), f);
-    std::fclose(f);
-  }
+  const CredentialFiles files;
   const Credentials& good = ServerCredentials();
   const std::string other_key = MakeCredentials().key_pem;
   const struct {
@@ -200,13 +209,13 @@ TEST(TlsServerStartTest, NeedsACertificateAndItsKey) {
     const char* why;  // null: it starts
   } cases[] = {
       {"pem", good.cert_pem, good.key_pem, "", "", nullptr},
-      {"files", "", "", cert_file, key_file, nullptr},
+      {"files", "", "", files.cert(), files.key(), nullptr},
       {"no_key", good.cert_pem, "", "", "", "no private key given"},
       {"garbage_certificate", "not a certificate", good.key_pem, "", "", "the certificate (PEM"},
-      {"missing_file", "", good.key_pem, cert_file + ".missing", "", "the certificate (file '"},
+      {"missing_file", "", good.key_pem, files.cert() + ".missing", "", "the certificate (file '"},
       {"another_key", good.cert_pem, other_key, "", "", "the private key (PEM text)"},
   };
-  Owned<SSL_CTX> trusting = TrustingContext();
+  Owned<SSL_CTX> trusting = ClientContext();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     QZRtspServerOptions options;
@@ -232,26 +241,16 @@ TEST(TlsServerStartTest, NeedsACertificateAndItsKey) {
       EXPECT_NE(errors[0].find(c.why), std::string::npos) << errors[0];
     }
   }
-  unlink(cert_file.c_str());
-  unlink(key_file.c_str());
-  rmdir(folder);
 }
 
 // A pusher's side of TLS against the server's TLS port: the relay's
 // certificate is accepted when pinned by its fingerprint, or when a trusted
 // CA signed it for the host connected to; otherwise the handshake fails.
 TEST_F(TlsServerTest, ClientTrustsOnlyWhatItIsTold) {
-  char ca_path[] = "/tmp/qz_tls_ca_XXXXXX";
-  const int fd = mkstemp(ca_path);
-  ASSERT_GE(fd, 0);
-  const std::string& pem = ServerCredentials().cert_pem;
-  ASSERT_EQ(write(fd, pem.data(), pem.size()), static_cast<ssize_t>(pem.size()));
-  close(fd);
-  Owned<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  Owned<X509> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+  const CredentialFiles files;  // the certificate is its own CA
   unsigned char digest[32];
   unsigned int size = 0;
-  X509_digest(cert.get(), EVP_sha256(), digest, &size);
+  X509_digest(ServerCertificate().get(), EVP_sha256(), digest, &size);
   std::string pin;
   for (unsigned i = 0; i < size; ++i) {
     char hex[4];
@@ -267,27 +266,33 @@ TEST_F(TlsServerTest, ClientTrustsOnlyWhatItIsTold) {
     bool verify;
     const char* host;
     bool trusted;
+    const char* why;  // what Create() says when it refuses the trust (null: it takes it)
   } cases[] = {
-      {"pinned", pin, "", true, "127.0.0.1", true},
-      {"pinned_other", wrong_pin, "", true, "127.0.0.1", false},
-      {"ca_file", "", ca_path, true, "127.0.0.1", true},
-      {"ca_file_other_name", "", ca_path, true, "relay.example", false},
-      {"system_cas", "", "", true, "127.0.0.1", false},
-      {"no_check", "", "", false, "relay.example", true},
+      {"pinned", pin, "", true, "127.0.0.1", true, nullptr},
+      {"pinned_other", wrong_pin, "", true, "127.0.0.1", false, nullptr},
+      {"ca_file", "", files.cert(), true, "127.0.0.1", true, nullptr},
+      {"ca_file_other_name", "", files.cert(), true, "relay.example", false, nullptr},
+      {"system_cas", "", "", true, "127.0.0.1", false, nullptr},
+      {"no_check", "", "", false, "relay.example", true, nullptr},
+      {"short_fingerprint", "12:34", "", true, "127.0.0.1", false, "SHA-256"},
+      {"missing_ca_file", "", "/nonexistent/ca.pem", true, "127.0.0.1", false, ""},
   };
   for (const auto& c : cases) {
-    TlsClientTrust trust;
-    trust.fingerprint = c.fingerprint;
-    trust.ca_file = c.ca_file;
-    trust.verify = c.verify;
+    SCOPED_TRACE(c.name);
     std::string why;
-    std::unique_ptr<TlsClientContext> context = TlsClientContext::Create(trust, why);
-    ASSERT_TRUE(context) << c.name << ": " << why;
+    std::unique_ptr<TlsClientContext> context =
+        TlsClientContext::Create({c.fingerprint, c.ca_file, c.verify}, why);
+    if (c.why != nullptr) {
+      EXPECT_FALSE(context);
+      EXPECT_NE(why.find(c.why), std::string::npos) << why;
+      continue;
+    }
+    ASSERT_TRUE(context) << why;
     asio::io_context io;
     asio::ip::tcp::socket socket(io);
     socket.connect({asio::ip::make_address("127.0.0.1"), server_->TlsPort()});
     std::unique_ptr<RtspLink> link = context->Wrap(std::move(socket), c.host);
-    ASSERT_TRUE(link) << c.name;
+    ASSERT_TRUE(link);
     bool done = false;
     asio::error_code result;
     link->Handshake([&](const asio::error_code& ec) {
@@ -295,18 +300,9 @@ TEST_F(TlsServerTest, ClientTrustsOnlyWhatItIsTold) {
       result = ec;
     });
     io.run_for(std::chrono::seconds(5));
-    ASSERT_TRUE(done) << c.name;
-    EXPECT_EQ(!result, c.trusted) << c.name << ": " << result.message();
+    ASSERT_TRUE(done) << "the handshake did not end within 5 s";
+    EXPECT_EQ(!result, c.trusted) << result.message();
   }
-  unlink(ca_path);
-  std::string why;
-  TlsClientTrust bad;
-  bad.fingerprint = "12:34";
-  EXPECT_FALSE(TlsClientContext::Create(bad, why));
-  EXPECT_NE(why.find("SHA-256"), std::string::npos) << why;
-  bad.fingerprint.clear();
-  bad.ca_file = "/nonexistent/ca.pem";
-  EXPECT_FALSE(TlsClientContext::Create(bad, why));
 }
 
 }  // namespace

@@ -23,17 +23,11 @@ TEST(RtspAuthHeaderTest, ParseAndWrite) {
           // and live555 send the same without those three and cnonce.
           {"Digest username=\"u\", realm=\"r\", nonce=\"n\", uri=\"rtsp://h/live/\", qop=auth, "
            "nc=00000001, cnonce=\"0a4f113b\", response=\"abc\", algorithm=MD5",
-           {kDigest,
-            "",
-            {{"username", "u"},
-             {"realm", "r"},
-             {"nonce", "n"},
-             {"uri", "rtsp://h/live/"},
-             {"qop", "auth", false},
-             {"nc", "00000001", false},
-             {"cnonce", "0a4f113b"},
-             {"response", "abc"},
-             {"algorithm", "MD5", false}}}},
+           // clang-format off
+           {kDigest, "", {{"username", "u"}, {"realm", "r"}, {"nonce", "n"}, {"uri", "rtsp://h/live/"},
+                          {"qop", "auth", false}, {"nc", "00000001", false}, {"cnonce", "0a4f113b"},
+                          {"response", "abc"}, {"algorithm", "MD5", false}}}},
+          // clang-format on
           // Escapes, an empty quoted value, names apart only in case.
           {"Digest a=1, A=\"2\", b=\"x\\\\y\\\"z\", c=\"\"",
            {kDigest, "", {{"a", "1", false}, {"A", "2"}, {"b", "x\\y\"z"}, {"c", ""}}}},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "gtest/gtest.h"
 
@@ -17,31 +18,35 @@ std::string Options(const std::string& headers, const std::string& body = "") {
 
 // Everything complete in what the parser was fed, joined by " | ": a request
 // as "METHOD uri cseq body" (the CSeq looked up in another case than it was
-// sent in), a frame as "$channel payload", and "bad" (the last then).
+// sent in), a response as "status [reason] cseq body", a frame as "$channel
+// payload", and "bad" (the last then).
 std::string Drain(RtspRequestParser& parser) {
   std::string out;
   for (RtspParseResult result; (result = parser.Next()) != RtspParseResult::kNeedMore;) {
     out += out.empty() ? "" : " | ";
     const RtspRequest& r = parser.request();
-    const std::string* cseq = r.Header("CSEQ");
+    const std::string cseq = r.Header("CSEQ") ? *r.Header("CSEQ") : "-";
     if (result == RtspParseResult::kBadRequest) {
       return out + "bad";
     }
     out += result == RtspParseResult::kInterleaved
                ? "$" + std::to_string(parser.channel()) + " " + parser.payload()
-               : r.method + " " + r.uri + " " + (cseq ? *cseq : "-") + " " + r.body;
+           : result == RtspParseResult::kResponse
+               ? std::to_string(r.status) + " [" + r.reason + "] " + cseq + " " + r.body
+               : r.method + " " + r.uri + " " + cseq + " " + r.body;
   }
   return out;
 }
 
-// Each input fed whole, a byte at a time and 7 bytes at a time: the same
-// results, limits included.
-TEST(RequestParserTest, Inputs) {
+// Each input fed to a server's parser (requests) and a client's parser
+// (responses, and requests a relay sends), whole, a byte at a time and 7
+// bytes at a time: the same results, limits included.
+TEST(ParserTest, Inputs) {
   std::string many_headers;
   for (int i = 0; i < 100; ++i) {
     many_headers += "X" + std::to_string(i) + ": y\r\n";
   }
-  const std::pair<std::string, std::string> cases[] = {
+  const std::vector<std::pair<std::string, std::string>> requests = {
       {"OPTIONS rtsp://h/live RTSP/1.0\r\nCSeq: 1\r\n\r\n", "OPTIONS rtsp://h/live 1 "},
       {"DESCRIBE /live RTSP/1.0\nCSeq: 7\nAccept: application/sdp\n\n", "DESCRIBE /live 7 "},
       {"OPTIONS * RTSP/1.0\r\ncseq:   9  \r\n\r\n", "OPTIONS * 9 "},
@@ -66,19 +71,39 @@ TEST(RequestParserTest, Inputs) {
       {Options("Transfer-Encoding: chunked\r\n", "5\r\nhello\r\n0\r\n\r\n"), "bad"},
       {"GET / HTTP/1.1\r\nHost: x\r\n\r\n", "bad"},
       {std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\r\n\r\n", 14), "bad"},  // TLS hello
-      {std::string(70 * 1024, 'A'), "bad"},  // a line that never ends
+      {std::string(70 * 1024, 'A'), "bad"},           // a line that never ends
+      {"RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n", "bad"},  // a server takes no response
   };
-  for (const auto& c : cases) {
-    for (size_t chunk : {c.first.size(), size_t{1}, size_t{7}}) {
-      RtspRequestParser parser;
-      std::string seen;
-      for (size_t at = 0; at < c.first.size() && seen.find("bad") == std::string::npos;
-           at += chunk) {
-        parser.Feed(c.first.data() + at, std::min(chunk, c.first.size() - at));
-        const std::string parsed = Drain(parser);
-        seen += (seen.empty() || parsed.empty() ? "" : " | ") + parsed;
+  const std::vector<std::pair<std::string, std::string>> responses = {
+      {"RTSP/1.0 200 OK\r\nCSeq: 2\r\nContent-Length: 3\r\n\r\nv=0", "200 [OK] 2 v=0"},
+      {"RTSP/1.0 455 Method Not Valid in This State\r\nCSeq: 9\r\n\r\n",
+       "455 [Method Not Valid in This State] 9 "},
+      {"RTSP/1.0 200\r\nCSeq: 3\r\n\r\n", "200 [] 3 "},  // no reason phrase
+      // The relay's RTCP, a request of its own and an answer, pipelined.
+      {std::string("$\x01\x00\x02rr", 6) + "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n" +
+           "RTSP/1.0 401 Unauthorized\r\nCSeq: 4\r\n\r\n",
+       "$1 rr | OPTIONS * 1  | 401 [Unauthorized] 4 "},
+      {"RTSP/1.0 2000 OK\r\n\r\n", "bad"},
+      {"RTSP/1.0 20 OK\r\n\r\n", "bad"},
+      {"RTSP/1.0 099 Low\r\n\r\n", "bad"},
+      {"RTSP/1.0 abc OK\r\n\r\n", "bad"},
+      {"RTSP/1.0\r\n\r\n", "bad"},
+      {"HTTP/1.1 200 OK\r\n\r\n", "bad"},
+      {"RTSP/1.0 200 OK\r\nContent-Length: 999999999\r\n\r\n", "bad"},
+  };
+  for (const bool client : {false, true}) {
+    for (const auto& c : client ? responses : requests) {
+      for (size_t chunk : {c.first.size(), size_t{1}, size_t{7}}) {
+        RtspRequestParser parser(RtspLimits(), /*responses=*/client);
+        std::string seen;
+        for (size_t at = 0; at < c.first.size() && seen.find("bad") == std::string::npos;
+             at += chunk) {
+          parser.Feed(c.first.data() + at, std::min(chunk, c.first.size() - at));
+          const std::string parsed = Drain(parser);
+          seen += (seen.empty() || parsed.empty() ? "" : " | ") + parsed;
+        }
+        EXPECT_EQ(seen, c.second) << c.first.substr(0, 80) << " fed by " << chunk;
       }
-      EXPECT_EQ(seen, c.second) << c.first.substr(0, 80) << " fed by " << chunk;
     }
   }
 }
@@ -98,61 +123,11 @@ TEST(RequestParserTest, BufferedAndStaysFailedAfterABadRequest) {
   EXPECT_EQ(parser.buffered(), 0u);  // nothing kept
 }
 
-// A client's parser: responses as "status [reason] cseq body", requests a
-// server sends as "METHOD uri", frames and failures as above.
-TEST(ResponseParserTest, Inputs) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"RTSP/1.0 200 OK\r\nCSeq: 2\r\nContent-Length: 3\r\n\r\nv=0", "200 [OK] 2 v=0"},
-      {"RTSP/1.0 455 Method Not Valid in This State\r\nCSeq: 9\r\n\r\n",
-       "455 [Method Not Valid in This State] 9 "},
-      {"RTSP/1.0 200\r\nCSeq: 3\r\n\r\n", "200 [] 3 "},  // no reason phrase
-      // The relay's RTCP, a request of its own and an answer, pipelined.
-      {std::string("$\x01\x00\x02rr", 6) + "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n" +
-           "RTSP/1.0 401 Unauthorized\r\nCSeq: 4\r\n\r\n",
-       "$1 rr | OPTIONS * | 401 [Unauthorized] 4 "},
-      {"RTSP/1.0 2000 OK\r\n\r\n", "bad"},
-      {"RTSP/1.0 20 OK\r\n\r\n", "bad"},
-      {"RTSP/1.0 099 Low\r\n\r\n", "bad"},
-      {"RTSP/1.0 abc OK\r\n\r\n", "bad"},
-      {"RTSP/1.0\r\n\r\n", "bad"},
-      {"HTTP/1.1 200 OK\r\n\r\n", "bad"},
-      {"RTSP/1.0 200 OK\r\nContent-Length: 999999999\r\n\r\n", "bad"},
-  };
-  for (const auto& c : cases) {
-    RtspRequestParser parser(RtspLimits(), /*responses=*/true);
-    parser.Feed(c.first.data(), c.first.size());
-    std::string out;
-    for (RtspParseResult result; (result = parser.Next()) != RtspParseResult::kNeedMore;) {
-      out += out.empty() ? "" : " | ";
-      const RtspRequest& r = parser.request();
-      const std::string* cseq = r.Header("CSeq");
-      if (result == RtspParseResult::kBadRequest) {
-        out += "bad";
-        break;
-      }
-      out += result == RtspParseResult::kInterleaved
-                 ? "$" + std::to_string(parser.channel()) + " " + parser.payload()
-             : result == RtspParseResult::kRequest ? r.method + " " + r.uri
-                                                   : std::to_string(r.status) + " [" + r.reason +
-                                                         "] " + (cseq ? *cseq : "-") + " " + r.body;
-    }
-    EXPECT_EQ(out, c.second) << c.first.substr(0, 60);
-  }
-  // A server's parser takes no response.
-  RtspRequestParser server;
-  const std::string response = "RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n";
-  server.Feed(response.data(), response.size());
-  EXPECT_EQ(server.Next(), RtspParseResult::kBadRequest);
-}
-
-TEST(RequestWriterTest, GoldenRequest) {
+TEST(WriterTest, GoldenRequestAndResponses) {
   EXPECT_EQ(WriteRtspRequest("ANNOUNCE", "rtsp://h:8554/p", 3,
                              {{"Content-Type", "application/sdp"}}, "v=0\r\n"),
             "ANNOUNCE rtsp://h:8554/p RTSP/1.0\r\nCSeq: 3\r\nContent-Type: application/sdp\r\n"
             "Content-Length: 5\r\n\r\nv=0\r\n");
-}
-
-TEST(ResponseWriterTest, GoldenResponse) {
   EXPECT_EQ(
       WriteRtspResponse(200, "4", {{"Session", "AB;timeout=60"}}, "v=0\r\n"),
       "RTSP/1.0 200 OK\r\nCSeq: 4\r\nSession: AB;timeout=60\r\nContent-Length: 5\r\n\r\nv=0\r\n");

@@ -42,30 +42,19 @@ TEST(RtspTransportTest, ParseAndWrite) {
           {" RTP/AVP ; unicast ; client_port = 0 - 1 ; x-foo=\"a;b\" ; ssrc=1f ",
            "RTP/AVP;unicast;client_port=0-1;ssrc=0000001F"},
       },
-      {"",
-       "RTP/SAVP;unicast",
-       "RAW/RAW/UDP;client_port=5000-5001",
-       "RTP/AVP;client_port=70000-70001",
-       "RTP/AVP;client_port=65535",
-       "RTP/AVP;client_port=0-0",
-       "RTP/AVP;client_port=a-b",
-       "RTP/AVP;client_port=5000-",
-       "RTP/AVP;server_port=",
-       "RTP/AVP/TCP;interleaved=255-256",
-       "RTP/AVP/TCP;interleaved=255",
-       "RTP/AVP;ssrc=123456789",
-       "RTP/AVP;ssrc=xyz",
-       "RTP/AVP;ttl=256",
-       "RTP/AVP;ttl=1000",
-       "RTP/AVP;multicast;port=65535",
-       "RTP/AVP;multicast;port=5000-70000",
-       "RTP/AVP;mode=\"PLAY",
-       "RTP/AVP;mode=PL\"AY\"",
+      // clang-format off
+      {"", "RTP/SAVP;unicast", "RAW/RAW/UDP;client_port=5000-5001",
+       "RTP/AVP;client_port=70000-70001", "RTP/AVP;client_port=65535", "RTP/AVP;client_port=0-0",
+       "RTP/AVP;client_port=a-b", "RTP/AVP;client_port=5000-", "RTP/AVP;server_port=",
+       "RTP/AVP/TCP;interleaved=255-256", "RTP/AVP/TCP;interleaved=255", "RTP/AVP;ssrc=123456789",
+       "RTP/AVP;ssrc=xyz", "RTP/AVP;ttl=256", "RTP/AVP;ttl=1000", "RTP/AVP;multicast;port=65535",
+       "RTP/AVP;multicast;port=5000-70000", "RTP/AVP;mode=\"PLAY", "RTP/AVP;mode=PL\"AY\"",
        "RTP/AVP;destination=\"a b\""},
+      // clang-format on
       ParseRtspTransportSpec, WriteRtspTransport);
 }
 
-TEST(RtspTransportTest, ListAndTheSpecServed) {
+TEST(RtspTransportTest, ListAndTheOneServed) {
   // Every transport of the header, in the client's order.
   const std::pair<std::string, std::string> lists[] = {
       {"RTP/AVP;multicast, RTP/AVP/TCP;interleaved=0-1,",

@@ -105,6 +105,9 @@ TEST(TunnelTest, Base64IsDecodedAcrossReads) {
       {"YWJj=", "bad"},
       {"YW*j", "bad"},
       {"YWJj-_", "bad"},  // the URL-safe alphabet is not this one
+      // Refused once, it decodes nothing more (fed by 1 or 3, the good
+      // pieces after '@' must be refused too).
+      {"@YWJj", "bad"},
   };
   for (const auto& c : cases) {
     for (size_t chunk : {c.first.size(), size_t{1}, size_t{3}}) {
@@ -118,12 +121,6 @@ TEST(TunnelTest, Base64IsDecodedAcrossReads) {
       EXPECT_EQ(decoder.failed(), !good);
     }
   }
-  // A decoder that refused something decodes nothing more.
-  Base64StreamDecoder decoder;
-  std::string out;
-  EXPECT_FALSE(decoder.Decode("@", 1, out));
-  EXPECT_FALSE(decoder.Decode("YWJj", 4, out));
-  EXPECT_EQ(out, "");
 }
 
 }  // namespace
