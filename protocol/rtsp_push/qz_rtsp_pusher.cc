@@ -1,7 +1,7 @@
 #include "protocol/rtsp_push/qz_rtsp_pusher.h"
 
-#include <asio.hpp>
 #include <algorithm>
+#include <asio.hpp>
 #include <atomic>
 #include <chrono>
 #include <future>

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -39,6 +40,7 @@ class FakeRelay {
     int first_video_nal = -1;  // -1: no video yet
     int video_packets = 0;
     bool recording = false;
+    std::string sdp;  // what ANNOUNCE described
   };
 
   FakeRelay() {
@@ -122,6 +124,9 @@ class FakeRelay {
         }
         const RtspRequest& request = parser.request();
         c.methods.push_back(request.method);
+        if (request.method == "ANNOUNCE") {
+          c.sdp = request.body;
+        }
         const std::string reply = Answer(request, state);
         c.recording |= request.method == "RECORD";
         if (write(fd, reply.data(), reply.size()) != static_cast<ssize_t>(reply.size())) {
@@ -171,18 +176,21 @@ std::shared_ptr<QZRtspPacketPiple> H264Pipe(const std::string& name) {
   return piple;
 }
 
-// Posts 25 frames a second into `piple`, a key frame every 10, until stopped.
+// Posts 25 frames a second of `codec` (H.264 or H.265) into `piple`, a key
+// frame every 10, until stopped.
 class FramePoster {
  public:
-  explicit FramePoster(std::shared_ptr<QZRtspPacketPiple> piple)
-      : thread_([this, piple] {
+  FramePoster(std::shared_ptr<QZRtspPacketPiple> piple, QZ_MEDIA_CODEC_ID codec)
+      : thread_([this, piple, codec] {
+          const bool h265 = codec == QZ_MEDIA_CODEC_ID_H265;
           for (int i = 0; !stop_; ++i) {
             auto record = std::make_shared<QZRtspVideoPacket>();
-            record->codec_id_ = QZ_MEDIA_CODEC_ID_H264;
+            record->codec_id_ = codec;
             record->is_key_frame_ = i % 10 == 0;
             record->time_stamp_ = static_cast<QZ_UINT64>(i) * 40;
-            record->nal_units_.push_back(
-                PacketData(record->is_key_frame_ ? qz_test::kH264Idr : qz_test::kH264Slice));
+            record->nal_units_.push_back(PacketData(
+                record->is_key_frame_ ? (h265 ? qz_test::kH265Idr : qz_test::kH264Idr)
+                                      : (h265 ? qz_test::kH265Trail : qz_test::kH264Slice)));
             piple->PostVideoPacket(record);
             std::this_thread::sleep_for(std::chrono::milliseconds(40));
           }
@@ -216,7 +224,7 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   EXPECT_NE(why.find("one stream"), std::string::npos) << why;
   EXPECT_EQ(piple->GetRtspURL(), "rtsp://127.0.0.1:" + std::to_string(relay.port()) + "/phone");
 
-  FramePoster poster(piple);
+  auto poster = std::make_unique<FramePoster>(piple, QZ_MEDIA_CODEC_ID_H264);
   const auto recorded = [&relay](size_t connection) {
     const auto all = relay.connections();
     return all.size() > connection && all[connection].recording &&
@@ -245,10 +253,24 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   EXPECT_TRUE(WaitFor([&] { return pusher.GetStats().packets_sent >= received; }))
       << pusher.GetStats().packets_sent << " counted, " << received << " received";
 
+  // The encoder turns to H.265 on the same track: the relay's SDP says
+  // H.264, so the pusher announces the stream again.
+  poster.reset();
+  piple->SetVideoCodecID(QZ_MEDIA_CODEC_ID_H265);
+  piple->SetVpsSpsPps(qz_test::kH265Vps.data(), static_cast<QZ_UINT32>(qz_test::kH265Vps.size()),
+                      qz_test::kH265Sps.data(), static_cast<QZ_UINT32>(qz_test::kH265Sps.size()),
+                      qz_test::kH265Pps.data(), static_cast<QZ_UINT32>(qz_test::kH265Pps.size()));
+  poster = std::make_unique<FramePoster>(piple, QZ_MEDIA_CODEC_ID_H265);
+  ASSERT_TRUE(WaitFor([&] { return recorded(2); })) << pusher.GetStats().last_error;
+  const std::vector<FakeRelay::Connection> all = relay.connections();
+  EXPECT_NE(all[1].sdp.find("H264/90000"), std::string::npos) << all[1].sdp;
+  EXPECT_NE(all[2].sdp.find("H265/90000"), std::string::npos) << all[2].sdp;
+  EXPECT_EQ(all[1].methods.back(), "TEARDOWN") << "the stale recording is ended";
+
   pusher.Stop();
   ASSERT_TRUE(WaitFor([&relay] {
     const auto all = relay.connections();
-    return all.size() == 2 && !all[1].methods.empty() && all[1].methods.back() == "TEARDOWN";
+    return all.size() == 3 && !all[2].methods.empty() && all[2].methods.back() == "TEARDOWN";
   }));
   EXPECT_EQ(pusher.GetStats().state, "stopped");
   EXPECT_FALSE(registry->PostPiple(pusher.Handle(), second, &why));
