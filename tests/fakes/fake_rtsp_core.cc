@@ -123,7 +123,9 @@ Reply FakeRtspCore::SetupReply(FakeClient& client,
                                const std::string& transport,
                                const std::string& session) {
   std::string value = "RTP/AVP/TCP;unicast;interleaved=" + transport;
-  if (transport.compare(0, 4, "udp:") == 0) {
+  if (transport.compare(0, 4, "RTP/") == 0) {
+    value = transport;
+  } else if (transport.compare(0, 4, "udp:") == 0) {
     const int port = std::atoi(transport.c_str() + 4);
     value = "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
   }

@@ -108,8 +108,9 @@ class FakeRtspCore {
            const std::string& url_suffix = "");
   // The raw text of a request, for requests that are not well formed.
   Reply SendRaw(FakeClient& client, const std::string& text);
-  // SETUP of `track` (TCP on `channels`, "udp:<port>" for UDP) on the
-  // session, or a new one; Setup() returns the session id.
+  // SETUP of `track` (TCP on `channels`, "udp:<port>" for UDP, or a whole
+  // Transport value beginning "RTP/") on the session, or a new one; Setup()
+  // returns the session id.
   Reply SetupReply(FakeClient& client,
                    int track,
                    const std::string& transport,
@@ -183,6 +184,9 @@ std::vector<uint8_t> ReceiverReport(uint32_t ssrc,
                                     bool bye = false);
 // The RTP sequence number of a packet's bytes.
 int SeqOf(const std::string& rtp);
+inline bool IsSenderReport(const std::string& rtcp) {
+  return rtcp.size() > 1 && static_cast<uint8_t>(rtcp[1]) == 200;
+}
 
 }  // namespace qz_test
 

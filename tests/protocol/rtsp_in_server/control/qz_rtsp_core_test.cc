@@ -22,6 +22,7 @@ namespace {
 using qz_test::FakeClient;
 using qz_test::FakeRtspCore;
 using qz_test::Frames;
+using qz_test::IsSenderReport;
 using qz_test::Reply;
 using qz_test::SeqOf;
 using qz_test::Written;
@@ -53,10 +54,6 @@ long long RtpTimeOf(const std::string& rtp) {
   return t;
 }
 
-bool IsSenderReport(const std::string& rtcp) {
-  return rtcp.size() > 1 && static_cast<uint8_t>(rtcp[1]) == 200;
-}
-
 // An H.264 STAP-A: a key frame's parameter sets, its first packet.
 bool IsStapA(const std::string& rtp) {
   return (static_cast<uint8_t>(rtp[12]) & 0x1F) == 24;
@@ -68,13 +65,17 @@ struct RequestCase {
   const char* name;
   std::string request;
   int status;
-  const char* header = "";  // a header the answer must have ("Name: part of its value")
-  // Requests sent first, each answered 200 ("{S}": the session id so far).
-  std::vector<std::string> before = {};
-  int client = 0;  // kOverLimit: a connection the server's limits refused; kTls: one inside TLS
+  std::string header = "";  // a header the answer must have ("Name: part of its value")
+  // Requests sent first, one after the other, each answered 200 ("{S}": the
+  // session id so far).
+  std::string before = "";
+  // kOverLimit: a connection the server's limits refused; kTls: one inside
+  // TLS; kMulticast: a server that offers multicast; kOther: `before` is sent
+  // on another connection.
+  int client = 0;
 };
 
-constexpr int kOverLimit = 1, kTls = 2;
+constexpr int kOverLimit = 1, kTls = 2, kMulticast = 3, kOther = 4;
 
 std::string Req(const std::string& line, const std::string& extra = "") {
   return line + " RTSP/1.0\r\nCSeq: 1\r\n" + extra + "\r\n";
@@ -89,7 +90,10 @@ std::string SetupOf(const std::string& url, const std::string& transport) {
 const std::string kU = FakeRtspCore::kUrl;
 const std::string kT0 = kU + "/trackID=0";
 const std::string kS = "Session: {S}\r\n";
+const std::string kT1 = kU + "/trackID=1";
 const std::string kTcpSetup = SetupOf(kT0, "RTP/AVP/TCP;interleaved=0-1");
+const std::string kPlaying = kTcpSetup + Req("PLAY " + kU, kS);
+const std::string kUdp = "RTP/AVP;unicast;client_port=7000-7001";
 
 const RequestCase kRequestCases[] = {
     {"options", Req("OPTIONS " + kU), 200,
@@ -119,40 +123,51 @@ const RequestCase kRequestCases[] = {
     {"keepalive_unknown_session", Req("GET_PARAMETER " + kU, "Session: FFFF\r\n"), 454},
     {"options_unknown_session", Req("OPTIONS " + kU, "Session: FFFF\r\n"), 200},
     {"setup_unknown_session", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: FFFF"), 454},
-    {"keepalive", Req("GET_PARAMETER " + kU, kS), 200, "Session: ;timeout=60", {kTcpSetup}},
-    {"setup_twice_on_one_track", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: {S}"), 455, "", {kTcpSetup}},
+    {"keepalive", Req("GET_PARAMETER " + kU, kS), 200, "Session: ;timeout=60", kTcpSetup},
+    {"setup_twice_on_one_track", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: {S}"), 455, "", kTcpSetup},
     {"setup_other_stream_on_session",
-     SetupOf("rtsp://127.0.0.1/other/trackID=0", "RTP/AVP/TCP\r\nSession: {S}"),
-     404,
-     "",
-     {kTcpSetup}},
-    {"pause_before_play", Req("PAUSE " + kU, kS), 200, "", {kTcpSetup}},
-    {"teardown_then_reuse", Req("PLAY " + kU, kS), 454, "", {kTcpSetup, Req("TEARDOWN " + kU, kS)}},
-    {"teardown_of_last_track_ends_session",
-     Req("GET_PARAMETER " + kU, kS),
-     454,
-     "",
-     {kTcpSetup, Req("TEARDOWN " + kT0, kS)}},
-    {"udp_setup_names_both_port_pairs",
-     SetupOf(kU + "/trackID=1", "RTP/AVP;unicast;client_port=7000-7001"), 200,
-     "Transport: RTP/AVP;unicast;client_port=7000-7001;server_port=20000-20001;ssrc="},
-    {"over_limit", Req("OPTIONS " + kU), 503, "Retry-After: 5", {}, kOverLimit},
+     SetupOf("rtsp://127.0.0.1/other/trackID=0", "RTP/AVP/TCP\r\nSession: {S}"), 404, "",
+     kTcpSetup},
+    {"pause_before_play", Req("PAUSE " + kU, kS), 200, "", kTcpSetup},
+    // A session is known only on the connection that set it up.
+    {"pause_from_another_connection", Req("PAUSE " + kU, kS), 454, "", kPlaying, kOther},
+    {"teardown_from_another_connection", Req("TEARDOWN " + kU, kS), 454, "", kPlaying, kOther},
+    {"play_from_another_connection", Req("PLAY " + kU, kS), 454, "", kPlaying, kOther},
+    {"teardown_then_reuse", Req("PLAY " + kU, kS), 454, "", kTcpSetup + Req("TEARDOWN " + kU, kS)},
+    {"teardown_of_last_track_ends_session", Req("GET_PARAMETER " + kU, kS), 454, "",
+     kTcpSetup + Req("TEARDOWN " + kT0, kS)},
+    {"udp_setup_names_both_port_pairs", SetupOf(kT1, kUdp), 200,
+     "Transport: " + kUdp + ";server_port=20000-20001;ssrc="},
+    {"over_limit", Req("OPTIONS " + kU), 503, "Retry-After: 5", "", kOverLimit},
     // Inside TLS media goes inside the connection only, never over UDP in clear.
-    {"tls_udp_setup", SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001"), 461, "", {}, kTls},
+    {"tls_udp_setup", SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001"), 461, "", "", kTls},
     {"tls_udp_or_tcp_setup",
-     SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001,RTP/AVP/TCP;unicast;interleaved=0-1"),
-     200,
-     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1",
-     {},
-     kTls},
+     SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001,RTP/AVP/TCP;unicast;interleaved=0-1"), 200,
+     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1", "", kTls},
+    // Multicast is taken only when the server offers it, and never mixed
+    // with another transport in one session.
+    {"multicast_off_falls_back", SetupOf(kT0, "RTP/AVP;multicast," + kUdp), 200,
+     "Transport: " + kUdp},
+    {"multicast_first", SetupOf(kT0, "RTP/AVP;multicast," + kUdp), 200,
+     "Transport: RTP/AVP;multicast;destination=239.255.42.", "", kMulticast},
+    {"multicast_unicast_first", SetupOf(kT0, kUdp + ",RTP/AVP;multicast"), 200,
+     "Transport: " + kUdp, "", kMulticast},
+    {"multicast_tcp", SetupOf(kT0, "RTP/AVP/TCP;multicast"), 461, "", "", kMulticast},
+    {"multicast_to_record", SetupOf(kT0, "RTP/AVP;multicast;mode=record"), 461, "", "", kMulticast},
+    {"unicast_session_then_multicast", SetupOf(kT1, "RTP/AVP;multicast\r\nSession: {S}"), 461, "",
+     SetupOf(kT0, kUdp), kMulticast},
+    {"multicast_session_then_tcp", SetupOf(kT1, "RTP/AVP/TCP;interleaved=2-3\r\nSession: {S}"), 461,
+     "", SetupOf(kT0, "RTP/AVP;multicast"), kMulticast},
 };
 
 class RequestTest : public ::testing::TestWithParam<RequestCase> {};
 
 TEST_P(RequestTest, Answered) {
   const RequestCase& c = GetParam();
-  FakeRtspCore server;
-  auto client = server.Connect();
+  QZRtspServerOptions options;
+  options.multicast = c.client == kMulticast;
+  FakeRtspCore server(options);
+  auto client = server.Connect(), other = server.Connect(50002);
   client->over_limit = c.client == kOverLimit;
   client->encrypted = c.client == kTls;
   std::string session;
@@ -162,8 +177,10 @@ TEST_P(RequestTest, Answered) {
     }
     return s;
   };
-  for (const std::string& step : c.before) {
-    const Reply r = server.SendRaw(*client, expand(step));
+  for (size_t at = 0, end; (end = c.before.find("\r\n\r\n", at)) != std::string::npos;
+       at = end + 4) {
+    const std::string step = c.before.substr(at, end + 4 - at);
+    const Reply r = server.SendRaw(c.client == kOther ? *other : *client, expand(step));
     ASSERT_EQ(r.status, 200) << step;
     if (!r.Header("Session").empty()) {
       session = r.Header("Session").substr(0, 16);
@@ -173,7 +190,7 @@ TEST_P(RequestTest, Answered) {
   EXPECT_EQ(r.status, c.status);
   EXPECT_EQ(client->close_after_write, c.status == 400 || c.client == kOverLimit)
       << "only a broken request, or a connection over the limits, ends the connection";
-  const std::string header = c.header;
+  const std::string& header = c.header;
   if (!header.empty()) {
     const size_t colon = header.find(": ");
     EXPECT_THAT(r.Header(header.substr(0, colon)), HasSubstr(header.substr(colon + 2)));
@@ -369,18 +386,6 @@ TEST(CoreTest, UdpViewerGetsMediaOnItsPortsAndReportsOnTheRtcpPort) {
 }
 
 // ---- sessions -----------------------------------------------------------------------
-
-TEST(CoreTest, SessionOfAnotherConnectionIsUnknown) {
-  FakeRtspCore server;
-  auto a = server.Connect(50000), b = server.Connect(50002);
-  const std::string session = server.Setup(*a, 0, "0-1");
-  ASSERT_EQ(server.In(*a, "PLAY", session).status, 200);
-  for (const char* method : {"PAUSE", "TEARDOWN", "PLAY"}) {
-    EXPECT_EQ(server.In(*b, method, session).status, 454) << method;
-  }
-  server.Feed(0, 2);
-  EXPECT_FALSE(Frames(*a).empty());
-}
 
 // VLC switches a track off with a TEARDOWN of its URL and on again with a
 // SETUP on the playing session and a PLAY; a second session on one
