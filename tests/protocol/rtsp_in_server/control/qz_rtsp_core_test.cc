@@ -550,7 +550,9 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
   using A = RtspServerCore::Admission;
   const struct {
     const char* name;
-    const char* open;  // addresses, "+" in front: it plays
+    // Addresses, "+" in front: it plays; "^": a tunnel's POST half, paired
+    // with the GET half before it (it plays when its GET plays).
+    const char* open;
     const char* from;
     A want;
     int evicted;  // index into `open`, -1: none
@@ -562,15 +564,18 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
       {"address_share", "10.0.0.1 10.0.0.1", "10.0.0.1", A::kRefuse, -1},
       {"address_share_v4_mapped", "10.0.0.1 10.0.0.1", "::ffff:10.0.0.1", A::kRefuse, -1},
       {"other_address", "10.0.0.1 10.0.0.1", "10.0.0.2", A::kAdmit, -1},
+      {"tunnel_post_of_a_player", "+10.0.0.1 ^10.0.0.1 +10.0.0.2 +10.0.0.3", "10.0.0.5", A::kRefuse,
+       -1},
   };
   for (const auto& c : cases) {
     std::vector<std::shared_ptr<FakeClient>> clients;
     std::vector<RtspClient*> open;
     std::istringstream addresses(c.open);
     for (std::string address; addresses >> address;) {
-      const bool plays = address[0] == '+';
-      clients.push_back(server.Connect(50000, address.substr(plays ? 1 : 0)));
+      const bool plays = address[0] == '+', post = address[0] == '^';
+      clients.push_back(server.Connect(50000, address.c_str() + (plays || post ? 1 : 0)));
       clients.back()->accepted_ms = static_cast<long long>(clients.size()) * 1000;
+      clients.back()->tunnel_output = post ? open.back() : nullptr;
       if (plays) {
         server.Play(*clients.back(), "0-1");
       }
@@ -584,8 +589,9 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
 
 // The idle limit runs from accept: keep-alives, refused requests and blank
 // lines do not stop it, a successful SETUP does, and it starts again when
-// the last session ends. A connection whose writes stay blocked is closed
-// even while it keeps sending RTCP.
+// the last session ends. A tunnel's POST half keeps no idle clock of its own
+// (its GET's counts). A connection whose writes stay blocked is closed even
+// while it keeps sending RTCP.
 TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
   QZRtspServerOptions options;
   options.idle_timeout_s = 30;
@@ -593,8 +599,9 @@ TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
   FakeRtspCore server(options);
   server.Feed(0, 1);
   auto chatty = server.Connect(50000), viewer = server.Connect(50002),
-       refused = server.Connect(50004), stuck = server.Connect(50006);
+       refused = server.Connect(50004), stuck = server.Connect(50006), post = server.Connect(50008);
   refused->over_limit = true;
+  post->tunnel_output = chatty.get();
   const auto overdue = [&server](FakeClient& c) {
     const char* why = server.core().Overdue(c, server.core().NowMs());
     return std::string(why == nullptr ? "" : why);
@@ -615,6 +622,7 @@ TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
     }
     EXPECT_EQ(overdue(*chatty), s <= 30 ? "" : "no session") << s;
     EXPECT_EQ(overdue(*viewer), "") << s;
+    EXPECT_EQ(overdue(*post), "") << s;
   }
   server.In(*viewer, "TEARDOWN", session);
   EXPECT_EQ(overdue(*viewer), "");
