@@ -84,28 +84,6 @@ const Datagram* FirstTo(FakeRtspCore& server, size_t mark, int port, bool rtcp) 
 // Which transport a SETUP gets, multicast on or off, is in the request table
 // of qz_rtsp_core_test.cc.
 
-// The answer names a group of the range, the ports of that group's track
-// (4 per group, video first), and the server's TTL.
-TEST(MulticastTest, AnswerNamesTheGroupItsTrackPortsAndTheTtl) {
-  QZRtspServerOptions options = MulticastOn();
-  options.multicast_ttl = 7;
-  FakeRtspCore server(options);
-  const Member m = Join(server, 50000, false);
-  for (int t = 0; t < 2; ++t) {
-    const RtspTransport& got = m.track[t];
-    EXPECT_TRUE(got.multicast && got.has_ssrc);
-    EXPECT_EQ(got.ttl, 7);
-    EXPECT_EQ(got.ssrc, server.stream().TrackSsrc(t));
-    const long long index =
-        static_cast<long long>(asio::ip::make_address_v4(got.destination).to_uint()) -
-        asio::ip::make_address_v4("239.255.42.0").to_uint();
-    ASSERT_TRUE(index >= 0 && index < 64) << got.destination;
-    EXPECT_EQ(got.multicast_rtp_port, 5004 + 4 * index + 2 * t);
-    EXPECT_EQ(got.multicast_rtcp_port, got.multicast_rtp_port + 1);
-  }
-  EXPECT_EQ(m.track[0].destination, m.track[1].destination);
-}
-
 // ---- hostile Transport values --------------------------------------------------------
 
 // The group's address, ports and TTL are the server's: in-range values a
@@ -159,7 +137,7 @@ TEST_P(HostileTest, GroupStaysTheServers) {
   for (const Datagram& d : server.udp().sent) {
     EXPECT_EQ(group.count(d.to), 1u) << d.to;
   }
-  EXPECT_TRUE(server.core().table().Find(honest.session)->playing());
+  EXPECT_TRUE(server.table().Find(honest.session)->playing());
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
@@ -169,12 +147,30 @@ INSTANTIATE_TEST_SUITE_P(Table,
 
 // ---- one send per packet -------------------------------------------------------------
 
-TEST(MulticastTest, EveryPacketIsSentOnceWhateverTheNumberOfViewers) {
+// The answer names a group of the range, the ports of that group's track
+// (4 per group, video first), and the server's TTL; every packet goes there
+// once, whatever the number of viewers.
+TEST(MulticastTest, EveryPacketIsSentOnceToTheGroupTheAnswerNamed) {
+  QZRtspServerOptions options = MulticastOn();
+  options.multicast_ttl = 7;
   for (const int viewers : {1, 10}) {
-    FakeRtspCore server(MulticastOn());
+    FakeRtspCore server(options);
     std::vector<Member> members;  // before the first packet: they wait for a key frame
     for (int i = 0; i < viewers; ++i) {
       members.push_back(Join(server, static_cast<uint16_t>(50000 + 2 * i)));
+    }
+    for (int t = 0; t < 2; ++t) {
+      const RtspTransport& got = members[0].track[t];
+      EXPECT_TRUE(got.multicast && got.has_ssrc);
+      EXPECT_EQ(got.ttl, 7);
+      EXPECT_EQ(got.ssrc, server.stream().TrackSsrc(t));
+      EXPECT_EQ(got.destination, members[0].track[0].destination);
+      const long long index =
+          static_cast<long long>(asio::ip::make_address_v4(got.destination).to_uint()) -
+          asio::ip::make_address_v4("239.255.42.0").to_uint();
+      ASSERT_TRUE(index >= 0 && index < 64) << got.destination;
+      EXPECT_EQ(got.multicast_rtp_port, 5004 + 4 * index + 2 * t);
+      EXPECT_EQ(got.multicast_rtcp_port, got.multicast_rtp_port + 1);
     }
     server.Feed(0, 13);
     const unsigned long long built = server.stream().packets_built();
@@ -216,9 +212,9 @@ TEST(MulticastTest, GroupOutlivesOneViewerAndIsGivenBackAfterTheLast) {
       b.client->Close();
     } else {
       server.clock().AdvanceMs(61000);
-      server.core().Tick(server.core().NowMs());
+      server.Tick();
     }
-    EXPECT_TRUE(server.core().table().multicast().groups().empty());
+    EXPECT_TRUE(server.table().multicast().groups().empty());
     EXPECT_EQ(server.stream().Stats().sessions, 0);
     mark = server.udp().sent.size();
     server.Feed(13, 10);
@@ -238,12 +234,11 @@ TEST(MulticastTest, KeepAlivesKeepMembers) {
   for (int i = 0; i < 3; ++i) {
     server.clock().AdvanceMs(25000);
     EXPECT_EQ(server.In(*kept.client, "GET_PARAMETER", kept.session).status, 200);
-    server.core().Tick(server.core().NowMs());
-    EXPECT_EQ(server.core().table().Find(silent.session) != nullptr, i < 2)
-        << "at " << 25 * (i + 1);
+    server.Tick();
+    EXPECT_EQ(server.table().Find(silent.session) != nullptr, i < 2) << "at " << 25 * (i + 1);
   }
-  EXPECT_NE(server.core().table().Find(kept.session), nullptr);
-  EXPECT_EQ(server.core().table().multicast().groups().size(), 1u);
+  EXPECT_NE(server.table().Find(kept.session), nullptr);
+  EXPECT_EQ(server.table().multicast().groups().size(), 1u);
 }
 
 // The group sends while any member plays, whether the others paused or
@@ -279,14 +274,24 @@ TEST(MulticastTest, GroupSendsWhileAnyMemberPlays) {
   }
 }
 
-// A late joiner gets the group's live edge (RTP-Info names the next packet
-// sent), nothing replayed to the others, and a key frame is asked for: for
-// one that joins within a second of another, when the second ends.
-TEST(MulticastTest, LateJoinerStartsAtTheLiveEdgeAndAsksForAKeyFrame) {
+// Sender reports go to the group's RTCP ports: at PLAY, before a track's
+// first packet, and then every few seconds once for the group, not once per
+// member. A late joiner gets the group's live edge (RTP-Info names the next
+// packet sent), nothing replayed to the others, and a key frame is asked
+// for: for one that joins within a second of another, when the second ends.
+TEST(MulticastTest, LateJoinersStartAtTheLiveEdgeAndReportsGoToTheGroupOnce) {
   FakeRtspCore server(MulticastOn());
   server.Feed(0, 3);
   const Member first = Join(server, 50000);
   EXPECT_TRUE(server.key_frame_requests().empty()) << "the cached key frame starts the group";
+  const std::vector<Datagram>& sent = server.udp().sent;
+  for (int t = 0; t < 2; ++t) {
+    const Datagram* report = FirstTo(server, 0, first.track[t].multicast_rtcp_port, true);
+    const Datagram* media = FirstTo(server, 0, first.track[t].multicast_rtp_port, false);
+    ASSERT_TRUE(report != nullptr && media != nullptr) << "track " << t;
+    EXPECT_TRUE(qz_test::IsSenderReport(report->bytes));
+    EXPECT_LT(report, media) << "track " << t;
+  }
   server.Feed(3, 12);  // mid-GOP
   Member late = Join(server, 50002, false);
   const size_t built = server.stream().packets_built();
@@ -295,7 +300,7 @@ TEST(MulticastTest, LateJoinerStartsAtTheLiveEdgeAndAsksForAKeyFrame) {
   std::vector<RtpInfoEntry> info;
   ASSERT_TRUE(ParseRtpInfo(play.Header("RTP-Info"), info)) << play.Header("RTP-Info");
   ASSERT_EQ(info.size(), 2u);
-  const size_t mark = server.udp().sent.size();
+  size_t mark = sent.size();
   server.Feed(15, 2);
   EXPECT_EQ(RtpSince(server, mark), server.stream().packets_built() - built);
   const Datagram* video = FirstTo(server, mark, first.track[0].multicast_rtp_port, false);
@@ -308,37 +313,17 @@ TEST(MulticastTest, LateJoinerStartsAtTheLiveEdgeAndAsksForAKeyFrame) {
   EXPECT_EQ(server.key_frame_requests().size(), 2u) << "one more, for both";
   server.AdvanceMs(2000);
   EXPECT_EQ(server.key_frame_requests().size(), 2u);
-}
-
-// Sender reports go to the group's RTCP ports: at PLAY, before a track's
-// first packet, and then every few seconds once for the group, not once
-// per member.
-TEST(MulticastTest, SenderReportsGoToTheGroupOnce) {
-  FakeRtspCore server(MulticastOn());
-  server.Feed(0, 3);
-  const Member a = Join(server, 50000);
-  const std::vector<Datagram>& sent = server.udp().sent;
-  for (int t = 0; t < 2; ++t) {
-    const Datagram* report = FirstTo(server, 0, a.track[t].multicast_rtcp_port, true);
-    const Datagram* media = FirstTo(server, 0, a.track[t].multicast_rtp_port, false);
-    ASSERT_TRUE(report != nullptr && media != nullptr) << "track " << t;
-    EXPECT_TRUE(report->rtcp && qz_test::IsSenderReport(report->bytes));
-    EXPECT_LT(report, media) << "track " << t;
-  }
-  Join(server, 50002);
-  Join(server, 50004);
-  server.Feed(3, 10);
   server.clock().AdvanceMs(5000);
-  const size_t mark = sent.size();
-  server.core().Tick(server.core().NowMs());
+  mark = sent.size();
+  server.Tick();
   std::multiset<uint16_t> reports;
   for (size_t i = mark; i < sent.size(); ++i) {
     EXPECT_TRUE(sent[i].rtcp && qz_test::IsSenderReport(sent[i].bytes));
     reports.insert(sent[i].to.port());
   }
   EXPECT_EQ(reports,
-            (std::multiset<uint16_t>{static_cast<uint16_t>(a.track[0].multicast_rtcp_port),
-                                     static_cast<uint16_t>(a.track[1].multicast_rtcp_port)}));
+            (std::multiset<uint16_t>{static_cast<uint16_t>(first.track[0].multicast_rtcp_port),
+                                     static_cast<uint16_t>(first.track[1].multicast_rtcp_port)}));
 }
 
 // ---- options --------------------------------------------------------------------------
