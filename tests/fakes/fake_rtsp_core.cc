@@ -42,8 +42,7 @@ void FakeClient::Close() {
   }
 }
 
-FakeRtspCore::FakeRtspCore(QZRtspServerOptions options)
-    : piple_(DescribedPipe("live")) {
+FakeRtspCore::FakeRtspCore(QZRtspServerOptions options) : piple_(DescribedPipe("live")) {
   options.on_key_frame_request = [this](const std::string& name) {
     key_frame_requests_.push_back(name);
   };
