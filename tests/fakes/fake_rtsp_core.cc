@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
+#include "tests/fakes/loopback_server.h"
 #include "tests/fakes/test_support.h"
 
 namespace qz_test {
@@ -41,13 +42,7 @@ void FakeClient::Close() {
   }
 }
 
-FakeRtspCore::FakeRtspCore(QZRtspServerOptions options)
-    : piple_(std::make_shared<QZRtspPacketPiple>("live")) {
-  piple_->IsHasVideo(true);
-  piple_->SetVideoCodecID(QZ_MEDIA_CODEC_ID_H264);
-  piple_->IsHasAudio(true);
-  piple_->SetAudioCodecID(QZ_MEDIA_CODEC_ID_PCMA);
-  piple_->SetSpsPps(kH264Sps.data(), 7, kH264Pps.data(), 4);
+FakeRtspCore::FakeRtspCore(QZRtspServerOptions options) : piple_(DescribedPipe("live")) {
   options.on_key_frame_request = [this](const std::string& name) {
     key_frame_requests_.push_back(name);
   };
@@ -75,10 +70,6 @@ FakeRtspCore::FakeRtspCore(QZRtspServerOptions options)
 FakeRtspCore::~FakeRtspCore() {
   stream_->Detach();
   core_.reset();
-}
-
-std::shared_ptr<FakeClient> FakeRtspCore::Connect(uint16_t port, const std::string& address) {
-  return std::make_shared<FakeClient>(*core_, port, address);
 }
 
 Reply FakeRtspCore::SendRaw(FakeClient& client, const std::string& text) {
@@ -111,62 +102,20 @@ Reply FakeRtspCore::Send(FakeClient& client,
                              std::to_string(++cseq) + "\r\n" + extra + "\r\n");
 }
 
-Reply FakeRtspCore::In(FakeClient& client,
-                       const std::string& method,
-                       const std::string& session,
-                       const std::string& url_suffix) {
-  return Send(client, method, url_suffix, "Session: " + session + "\r\n");
-}
-
 Reply FakeRtspCore::SetupReply(FakeClient& client,
                                int track,
                                const std::string& transport,
                                const std::string& session) {
   std::string value = "RTP/AVP/TCP;unicast;interleaved=" + transport;
-  if (transport.compare(0, 4, "udp:") == 0) {
+  if (transport.compare(0, 4, "RTP/") == 0) {
+    value = transport;
+  } else if (transport.compare(0, 4, "udp:") == 0) {
     const int port = std::atoi(transport.c_str() + 4);
     value = "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
   }
   return Send(
       client, "SETUP", "/trackID=" + std::to_string(track),
       "Transport: " + value + "\r\n" + (session.empty() ? "" : "Session: " + session + "\r\n"));
-}
-
-std::string FakeRtspCore::Setup(FakeClient& client,
-                                int track,
-                                const std::string& transport,
-                                const std::string& session) {
-  const Reply reply = SetupReply(client, track, transport, session);
-  const std::string header = reply.Header("Session");
-  return reply.status == 200 ? header.substr(0, header.find(';')) : std::string();
-}
-
-std::string FakeRtspCore::Play(FakeClient& client,
-                               const std::string& video,
-                               const std::string& audio) {
-  const std::string session = Setup(client, 0, video);
-  if (!audio.empty()) {
-    Setup(client, 1, audio, session);
-  }
-  In(client, "PLAY", session);
-  return session;
-}
-
-bool FakeRtspCore::FromUdp(int port,
-                           const std::vector<uint8_t>& bytes,
-                           uint32_t arrival_ntp,
-                           const std::string& address) {
-  const Endpoint from(asio::ip::make_address(address), static_cast<uint16_t>(port));
-  return core_->table().OnUdpPacket(from, bytes.data(), bytes.size(), core_->NowMs(), arrival_ntp);
-}
-
-void FakeRtspCore::FromTcp(FakeClient& client,
-                           int channel,
-                           const std::vector<uint8_t>& bytes,
-                           uint32_t arrival_ntp) {
-  core_->table().OnInterleaved(client, static_cast<uint8_t>(channel),
-                               std::string(bytes.begin(), bytes.end()), core_->NowMs(),
-                               arrival_ntp);
 }
 
 void FakeRtspCore::PostVideo(int i, bool key, long long pushed_us) {
@@ -247,10 +196,6 @@ std::vector<Written> Frames(const FakeClient& client, size_t from) {
     }
   }
   return frames;
-}
-
-int SeqOf(const std::string& rtp) {
-  return (static_cast<uint8_t>(rtp[2]) << 8) | static_cast<uint8_t>(rtp[3]);
 }
 
 std::vector<uint8_t> ReceiverReport(uint32_t ssrc,

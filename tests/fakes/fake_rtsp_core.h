@@ -34,19 +34,15 @@ struct Datagram {
 class FakeUdpSink : public qz_rtsp_internal_server::UdpSink {
  public:
   void Add(const Endpoint& to, const uint8_t* data, size_t size, void* tag) override {
-    Keep(to, data, size, tag, false);
+    sent.push_back({to, std::string(reinterpret_cast<const char*>(data), size), false});
+    Report(tag, size, true);
   }
   void Flush() override {}
   void SendRtcp(const Endpoint& to, const uint8_t* data, size_t size, void* tag) override {
-    Keep(to, data, size, tag, true);
-  }
-  std::vector<Datagram> sent;
-
- private:
-  void Keep(const Endpoint& to, const uint8_t* data, size_t size, void* tag, bool rtcp) {
-    sent.push_back({to, std::string(reinterpret_cast<const char*>(data), size), rtcp});
+    sent.push_back({to, std::string(reinterpret_cast<const char*>(data), size), true});
     Report(tag, size, true);
   }
+  std::vector<Datagram> sent;
 };
 
 // What a client connection was given, in the order it would write it: a
@@ -92,8 +88,9 @@ class FakeRtspCore {
   ~FakeRtspCore();
 
   // A new client connection from <address>:<port>.
-  std::shared_ptr<FakeClient> Connect(uint16_t port = 50000,
-                                      const std::string& address = "127.0.0.1");
+  std::shared_ptr<FakeClient> Connect(uint16_t port = 50000, const char* address = "127.0.0.1") {
+    return std::make_shared<FakeClient>(*core_, port, address);
+  }
   // Hands the request to the server as the connection would and returns
   // the answer (the last response written). The URL is the stream's, with
   // `url_suffix` appended.
@@ -105,11 +102,14 @@ class FakeRtspCore {
   Reply In(FakeClient& client,
            const std::string& method,
            const std::string& session,
-           const std::string& url_suffix = "");
+           const std::string& url_suffix = "") {
+    return Send(client, method, url_suffix, "Session: " + session + "\r\n");
+  }
   // The raw text of a request, for requests that are not well formed.
   Reply SendRaw(FakeClient& client, const std::string& text);
-  // SETUP of `track` (TCP on `channels`, "udp:<port>" for UDP) on the
-  // session, or a new one; Setup() returns the session id.
+  // SETUP of `track` (TCP on `channels`, "udp:<port>" for UDP, or a whole
+  // Transport value beginning "RTP/") on the session, or a new one; Setup()
+  // returns the session id.
   Reply SetupReply(FakeClient& client,
                    int track,
                    const std::string& transport,
@@ -117,21 +117,38 @@ class FakeRtspCore {
   std::string Setup(FakeClient& client,
                     int track,
                     const std::string& transport,
-                    const std::string& session = "");
+                    const std::string& session = "") {
+    const Reply reply = SetupReply(client, track, transport, session);
+    const std::string id = reply.Header("Session");
+    return reply.status == 200 ? id.substr(0, id.find(';')) : std::string();
+  }
   // SETUP of video on `video` (and of audio on `audio` when given) in a new
   // session, then PLAY; returns the session id.
-  std::string Play(FakeClient& client, const std::string& video, const std::string& audio = "");
+  std::string Play(FakeClient& client, const std::string& video, const std::string& audio = "") {
+    const std::string session = Setup(client, 0, video);
+    if (!audio.empty()) {
+      Setup(client, 1, audio, session);
+    }
+    In(client, "PLAY", session);
+    return session;
+  }
   // A datagram that reaches the server's UDP ports from <address>:<port>;
   // false when no session sends from there.
   bool FromUdp(int port,
                const std::vector<uint8_t>& bytes,
                uint32_t arrival_ntp = 0,
-               const std::string& address = "127.0.0.1");
+               const char* address = "127.0.0.1") {
+    const Endpoint from(asio::ip::make_address(address), static_cast<uint16_t>(port));
+    return table().OnUdpPacket(from, bytes.data(), bytes.size(), core_->NowMs(), arrival_ntp);
+  }
   // An interleaved frame the client sent.
   void FromTcp(FakeClient& client,
                int channel,
                const std::vector<uint8_t>& bytes,
-               uint32_t arrival_ntp = 0);
+               uint32_t arrival_ntp = 0) {
+    table().OnInterleaved(client, static_cast<uint8_t>(channel),
+                          std::string(bytes.begin(), bytes.end()), core_->NowMs(), arrival_ntp);
+  }
 
   // Records of frame `i` (video: key frame every `gop`-th; G.711 audio),
   // posted into the pipe as the publisher would, then drained.
@@ -182,7 +199,12 @@ std::vector<uint8_t> ReceiverReport(uint32_t ssrc,
                                     uint32_t dlsr = 0,
                                     bool bye = false);
 // The RTP sequence number of a packet's bytes.
-int SeqOf(const std::string& rtp);
+inline int SeqOf(const std::string& rtp) {
+  return (static_cast<uint8_t>(rtp[2]) << 8) | static_cast<uint8_t>(rtp[3]);
+}
+inline bool IsSenderReport(const std::string& rtcp) {
+  return rtcp.size() > 1 && static_cast<uint8_t>(rtcp[1]) == 200;
+}
 
 }  // namespace qz_test
 

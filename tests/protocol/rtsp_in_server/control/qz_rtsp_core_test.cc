@@ -22,6 +22,7 @@ namespace {
 using qz_test::FakeClient;
 using qz_test::FakeRtspCore;
 using qz_test::Frames;
+using qz_test::IsSenderReport;
 using qz_test::Reply;
 using qz_test::SeqOf;
 using qz_test::Written;
@@ -53,10 +54,6 @@ long long RtpTimeOf(const std::string& rtp) {
   return t;
 }
 
-bool IsSenderReport(const std::string& rtcp) {
-  return rtcp.size() > 1 && static_cast<uint8_t>(rtcp[1]) == 200;
-}
-
 // An H.264 STAP-A: a key frame's parameter sets, its first packet.
 bool IsStapA(const std::string& rtp) {
   return (static_cast<uint8_t>(rtp[12]) & 0x1F) == 24;
@@ -68,13 +65,17 @@ struct RequestCase {
   const char* name;
   std::string request;
   int status;
-  const char* header = "";  // a header the answer must have ("Name: part of its value")
-  // Requests sent first, each answered 200 ("{S}": the session id so far).
-  std::vector<std::string> before = {};
-  int client = 0;  // kOverLimit: a connection the server's limits refused; kTls: one inside TLS
+  std::string header = "";  // a header the answer must have ("Name: part of its value")
+  // Requests sent first, one after the other, each answered 200 ("{S}": the
+  // session id so far).
+  std::string before = "";
+  // kOverLimit: a connection the server's limits refused; kTls: one inside
+  // TLS; kMulticast: a server that offers multicast; kOther: `before` is sent
+  // on another connection.
+  int client = 0;
 };
 
-constexpr int kOverLimit = 1, kTls = 2;
+constexpr int kOverLimit = 1, kTls = 2, kMulticast = 3, kOther = 4;
 
 std::string Req(const std::string& line, const std::string& extra = "") {
   return line + " RTSP/1.0\r\nCSeq: 1\r\n" + extra + "\r\n";
@@ -89,7 +90,10 @@ std::string SetupOf(const std::string& url, const std::string& transport) {
 const std::string kU = FakeRtspCore::kUrl;
 const std::string kT0 = kU + "/trackID=0";
 const std::string kS = "Session: {S}\r\n";
+const std::string kT1 = kU + "/trackID=1";
 const std::string kTcpSetup = SetupOf(kT0, "RTP/AVP/TCP;interleaved=0-1");
+const std::string kPlaying = kTcpSetup + Req("PLAY " + kU, kS);
+const std::string kUdp = "RTP/AVP;unicast;client_port=7000-7001";
 
 const RequestCase kRequestCases[] = {
     {"options", Req("OPTIONS " + kU), 200,
@@ -119,40 +123,51 @@ const RequestCase kRequestCases[] = {
     {"keepalive_unknown_session", Req("GET_PARAMETER " + kU, "Session: FFFF\r\n"), 454},
     {"options_unknown_session", Req("OPTIONS " + kU, "Session: FFFF\r\n"), 200},
     {"setup_unknown_session", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: FFFF"), 454},
-    {"keepalive", Req("GET_PARAMETER " + kU, kS), 200, "Session: ;timeout=60", {kTcpSetup}},
-    {"setup_twice_on_one_track", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: {S}"), 455, "", {kTcpSetup}},
+    {"keepalive", Req("GET_PARAMETER " + kU, kS), 200, "Session: ;timeout=60", kTcpSetup},
+    {"setup_twice_on_one_track", SetupOf(kT0, "RTP/AVP/TCP\r\nSession: {S}"), 455, "", kTcpSetup},
     {"setup_other_stream_on_session",
-     SetupOf("rtsp://127.0.0.1/other/trackID=0", "RTP/AVP/TCP\r\nSession: {S}"),
-     404,
-     "",
-     {kTcpSetup}},
-    {"pause_before_play", Req("PAUSE " + kU, kS), 200, "", {kTcpSetup}},
-    {"teardown_then_reuse", Req("PLAY " + kU, kS), 454, "", {kTcpSetup, Req("TEARDOWN " + kU, kS)}},
-    {"teardown_of_last_track_ends_session",
-     Req("GET_PARAMETER " + kU, kS),
-     454,
-     "",
-     {kTcpSetup, Req("TEARDOWN " + kT0, kS)}},
-    {"udp_setup_names_both_port_pairs",
-     SetupOf(kU + "/trackID=1", "RTP/AVP;unicast;client_port=7000-7001"), 200,
-     "Transport: RTP/AVP;unicast;client_port=7000-7001;server_port=20000-20001;ssrc="},
-    {"over_limit", Req("OPTIONS " + kU), 503, "Retry-After: 5", {}, kOverLimit},
+     SetupOf("rtsp://127.0.0.1/other/trackID=0", "RTP/AVP/TCP\r\nSession: {S}"), 404, "",
+     kTcpSetup},
+    {"pause_before_play", Req("PAUSE " + kU, kS), 200, "", kTcpSetup},
+    // A session is known only on the connection that set it up.
+    {"pause_from_another_connection", Req("PAUSE " + kU, kS), 454, "", kPlaying, kOther},
+    {"teardown_from_another_connection", Req("TEARDOWN " + kU, kS), 454, "", kPlaying, kOther},
+    {"play_from_another_connection", Req("PLAY " + kU, kS), 454, "", kPlaying, kOther},
+    {"teardown_then_reuse", Req("PLAY " + kU, kS), 454, "", kTcpSetup + Req("TEARDOWN " + kU, kS)},
+    {"teardown_of_last_track_ends_session", Req("GET_PARAMETER " + kU, kS), 454, "",
+     kTcpSetup + Req("TEARDOWN " + kT0, kS)},
+    {"udp_setup_names_both_port_pairs", SetupOf(kT1, kUdp), 200,
+     "Transport: " + kUdp + ";server_port=20000-20001;ssrc="},
+    {"over_limit", Req("OPTIONS " + kU), 503, "Retry-After: 5", "", kOverLimit},
     // Inside TLS media goes inside the connection only, never over UDP in clear.
-    {"tls_udp_setup", SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001"), 461, "", {}, kTls},
+    {"tls_udp_setup", SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001"), 461, "", "", kTls},
     {"tls_udp_or_tcp_setup",
-     SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001,RTP/AVP/TCP;unicast;interleaved=0-1"),
-     200,
-     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1",
-     {},
-     kTls},
+     SetupOf(kT0, "RTP/AVP;unicast;client_port=5000-5001,RTP/AVP/TCP;unicast;interleaved=0-1"), 200,
+     "Transport: RTP/AVP/TCP;unicast;interleaved=0-1", "", kTls},
+    // Multicast is taken only when the server offers it, and never mixed
+    // with another transport in one session.
+    {"multicast_off_falls_back", SetupOf(kT0, "RTP/AVP;multicast," + kUdp), 200,
+     "Transport: " + kUdp},
+    {"multicast_first", SetupOf(kT0, "RTP/AVP;multicast," + kUdp), 200,
+     "Transport: RTP/AVP;multicast;destination=239.255.42.", "", kMulticast},
+    {"multicast_unicast_first", SetupOf(kT0, kUdp + ",RTP/AVP;multicast"), 200,
+     "Transport: " + kUdp, "", kMulticast},
+    {"multicast_tcp", SetupOf(kT0, "RTP/AVP/TCP;multicast"), 461, "", "", kMulticast},
+    {"multicast_to_record", SetupOf(kT0, "RTP/AVP;multicast;mode=record"), 461, "", "", kMulticast},
+    {"unicast_session_then_multicast", SetupOf(kT1, "RTP/AVP;multicast\r\nSession: {S}"), 461, "",
+     SetupOf(kT0, kUdp), kMulticast},
+    {"multicast_session_then_tcp", SetupOf(kT1, "RTP/AVP/TCP;interleaved=2-3\r\nSession: {S}"), 461,
+     "", SetupOf(kT0, "RTP/AVP;multicast"), kMulticast},
 };
 
 class RequestTest : public ::testing::TestWithParam<RequestCase> {};
 
 TEST_P(RequestTest, Answered) {
   const RequestCase& c = GetParam();
-  FakeRtspCore server;
-  auto client = server.Connect();
+  QZRtspServerOptions options;
+  options.multicast = c.client == kMulticast;
+  FakeRtspCore server(options);
+  auto client = server.Connect(), other = server.Connect(50002);
   client->over_limit = c.client == kOverLimit;
   client->encrypted = c.client == kTls;
   std::string session;
@@ -162,8 +177,10 @@ TEST_P(RequestTest, Answered) {
     }
     return s;
   };
-  for (const std::string& step : c.before) {
-    const Reply r = server.SendRaw(*client, expand(step));
+  for (size_t at = 0, end; (end = c.before.find("\r\n\r\n", at)) != std::string::npos;
+       at = end + 4) {
+    const std::string step = c.before.substr(at, end + 4 - at);
+    const Reply r = server.SendRaw(c.client == kOther ? *other : *client, expand(step));
     ASSERT_EQ(r.status, 200) << step;
     if (!r.Header("Session").empty()) {
       session = r.Header("Session").substr(0, 16);
@@ -173,7 +190,7 @@ TEST_P(RequestTest, Answered) {
   EXPECT_EQ(r.status, c.status);
   EXPECT_EQ(client->close_after_write, c.status == 400 || c.client == kOverLimit)
       << "only a broken request, or a connection over the limits, ends the connection";
-  const std::string header = c.header;
+  const std::string& header = c.header;
   if (!header.empty()) {
     const size_t colon = header.find(": ");
     EXPECT_THAT(r.Header(header.substr(0, colon)), HasSubstr(header.substr(colon + 2)));
@@ -350,37 +367,7 @@ TEST(CoreTest, WithoutGopCacheViewersWaitForAKeyFrameAndAskForIt) {
   EXPECT_EQ(server.key_frame_requests().size(), 2u);
 }
 
-TEST(CoreTest, UdpViewerGetsMediaOnItsPortsAndReportsOnTheRtcpPort) {
-  FakeRtspCore server;
-  server.Feed(0, 3);
-  auto client = server.Connect(50000, "192.0.2.9");
-  server.Play(*client, "udp:7000");
-  server.Feed(3, 2);
-  const auto& sent = server.udp().sent;
-  ASSERT_GT(sent.size(), 3u);
-  EXPECT_TRUE(sent[0].rtcp);
-  EXPECT_EQ(sent[0].to, asio::ip::udp::endpoint(asio::ip::make_address("192.0.2.9"), 7001));
-  for (size_t i = 1; i < sent.size(); ++i) {
-    EXPECT_FALSE(sent[i].rtcp);
-    EXPECT_EQ(sent[i].to.port(), 7000);
-    EXPECT_EQ(static_cast<uint8_t>(sent[i].bytes[1]) & 0x7F, 96);
-  }
-  EXPECT_EQ(server.totals().delivery.packets_sent.load(), sent.size());
-}
-
 // ---- sessions -----------------------------------------------------------------------
-
-TEST(CoreTest, SessionOfAnotherConnectionIsUnknown) {
-  FakeRtspCore server;
-  auto a = server.Connect(50000), b = server.Connect(50002);
-  const std::string session = server.Setup(*a, 0, "0-1");
-  ASSERT_EQ(server.In(*a, "PLAY", session).status, 200);
-  for (const char* method : {"PAUSE", "TEARDOWN", "PLAY"}) {
-    EXPECT_EQ(server.In(*b, method, session).status, 454) << method;
-  }
-  server.Feed(0, 2);
-  EXPECT_FALSE(Frames(*a).empty());
-}
 
 // VLC switches a track off with a TEARDOWN of its URL and on again with a
 // SETUP on the playing session and a PLAY; a second session on one
@@ -458,14 +445,27 @@ TEST(CoreTest, SilentSessionExpiresAloneNotItsConnection) {
   EXPECT_FALSE(c->closed());
 }
 
-// RTCP from UDP clients is told apart by address and port: two players on
-// one host (or behind one NAT) each get their own figures; a BYE ends only
-// the session of its sender.
-TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
+// A UDP viewer gets its media on its RTP port and the sender report first,
+// on its RTCP port, at the address it connected from. RTCP from UDP clients
+// is told apart by address and port: two players on one host (or behind one
+// NAT) each get their own figures; a BYE ends only the session of its sender.
+TEST(CoreTest, UdpViewersGetMediaAndTheirReceiverReportsReachTheirOwnSession) {
   FakeRtspCore server;
   server.Feed(0, 3);
-  auto a = server.Connect(50000), b = server.Connect(50002);
+  auto a = server.Connect(50000, "192.0.2.9"), b = server.Connect(50002);
   const std::string sa = server.Play(*a, "udp:7000");
+  server.Feed(3, 2);
+  const auto& sent = server.udp().sent;
+  ASSERT_GT(sent.size(), 3u);
+  for (size_t i = 0; i < sent.size(); ++i) {
+    EXPECT_EQ(sent[i].to,
+              asio::ip::udp::endpoint(asio::ip::make_address("192.0.2.9"), i == 0 ? 7001 : 7000))
+        << i;
+    EXPECT_TRUE(i == 0 ? sent[i].rtcp && IsSenderReport(sent[i].bytes)
+                       : !sent[i].rtcp && (sent[i].bytes[1] & 0x7F) == 96)
+        << i;
+  }
+  EXPECT_EQ(server.totals().delivery.packets_sent.load(), sent.size());
   const std::string sb = server.Play(*b, "udp:7002");
   // Another host whose player uses the same ports as b.
   auto c = server.Connect(50006, "192.0.2.9");
@@ -484,29 +484,29 @@ TEST(CoreTest, ReceiverReportsReachTheirOwnSessionAndByeEndsIt) {
   };
   EXPECT_FALSE(from(7004, rr)) << "nobody sends from there";
   EXPECT_TRUE(from(7003, rr));
-  RtspSessionTable& table = server.table();
-  const RtspReception& got = table.Find(sb)->reception();
-  EXPECT_EQ(got.reports, 1u);
-  EXPECT_DOUBLE_EQ(got.fraction_lost, 0.25);
-  EXPECT_EQ(got.cumulative_lost, 900);
-  EXPECT_NEAR(got.jitter_ms, 50, 0.01);
-  EXPECT_NEAR(got.rtt_ms, 50, 0.1);
-  EXPECT_EQ(table.Find(sa)->reception().reports, 0u);
-  EXPECT_EQ(table.Find(sc)->reception().reports, 0u);
   server.Tick();
   const std::vector<QZRtspSessionStats> stats = server.core().SessionStats();
   ASSERT_EQ(stats.size(), 3u);
   for (const QZRtspSessionStats& s : stats) {
     EXPECT_EQ(s.receiver_reports, s.id == sb ? 1u : 0u);
     EXPECT_EQ(s.packets_sent > 0, s.id != sc) << "c set up, never played";
+    if (s.id == sb) {
+      EXPECT_DOUBLE_EQ(s.fraction_lost, 0.25);
+      EXPECT_EQ(s.cumulative_lost, 900);
+      EXPECT_NEAR(s.jitter_ms, 50, 0.01);
+      EXPECT_NEAR(s.rtt_ms, 50, 0.1);
+      EXPECT_EQ(s.client, "127.0.0.1");
+      EXPECT_FALSE(s.tcp);
+    }
   }
   // RR then BYE in one compound packet, from a's RTCP port.
   const std::vector<uint8_t> bye = qz_test::ReceiverReport(ssrc, 0, 0, 0, 0, 0, true);
-  EXPECT_TRUE(from(7001, bye));
+  RtspSessionTable& table = server.table();
+  EXPECT_TRUE(server.FromUdp(7001, bye, arrival, "192.0.2.9"));
   EXPECT_EQ(table.Find(sa), nullptr);
   EXPECT_NE(table.Find(sb), nullptr);
   EXPECT_TRUE(a->sessions().empty());
-  EXPECT_FALSE(from(7001, bye)) << "routes gone";
+  EXPECT_FALSE(server.FromUdp(7001, bye, arrival, "192.0.2.9")) << "routes gone";
   // Over TCP the reports arrive on the RTCP channel.
   auto t = server.Connect(50004);
   const std::string st = server.Setup(*t, 0, "4-5");
@@ -550,7 +550,9 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
   using A = RtspServerCore::Admission;
   const struct {
     const char* name;
-    const char* open;  // addresses, "+" in front: it plays
+    // Addresses, "+" in front: it plays; "^": a tunnel's POST half, paired
+    // with the GET half before it (it plays when its GET plays).
+    const char* open;
     const char* from;
     A want;
     int evicted;  // index into `open`, -1: none
@@ -562,15 +564,18 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
       {"address_share", "10.0.0.1 10.0.0.1", "10.0.0.1", A::kRefuse, -1},
       {"address_share_v4_mapped", "10.0.0.1 10.0.0.1", "::ffff:10.0.0.1", A::kRefuse, -1},
       {"other_address", "10.0.0.1 10.0.0.1", "10.0.0.2", A::kAdmit, -1},
+      {"tunnel_post_of_a_player", "+10.0.0.1 ^10.0.0.1 +10.0.0.2 +10.0.0.3", "10.0.0.5", A::kRefuse,
+       -1},
   };
   for (const auto& c : cases) {
     std::vector<std::shared_ptr<FakeClient>> clients;
     std::vector<RtspClient*> open;
     std::istringstream addresses(c.open);
     for (std::string address; addresses >> address;) {
-      const bool plays = address[0] == '+';
-      clients.push_back(server.Connect(50000, address.substr(plays ? 1 : 0)));
+      const bool plays = address[0] == '+', post = address[0] == '^';
+      clients.push_back(server.Connect(50000, address.c_str() + (plays || post ? 1 : 0)));
       clients.back()->accepted_ms = static_cast<long long>(clients.size()) * 1000;
+      clients.back()->tunnel_output = post ? open.back() : nullptr;
       if (plays) {
         server.Play(*clients.back(), "0-1");
       }
@@ -584,8 +589,9 @@ TEST(CoreTest, AdmissionEvictsTheOldestIdleConnectionAndCapsEachAddress) {
 
 // The idle limit runs from accept: keep-alives, refused requests and blank
 // lines do not stop it, a successful SETUP does, and it starts again when
-// the last session ends. A connection whose writes stay blocked is closed
-// even while it keeps sending RTCP.
+// the last session ends. A tunnel's POST half keeps no idle clock of its own
+// (its GET's counts). A connection whose writes stay blocked is closed even
+// while it keeps sending RTCP.
 TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
   QZRtspServerOptions options;
   options.idle_timeout_s = 30;
@@ -593,8 +599,9 @@ TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
   FakeRtspCore server(options);
   server.Feed(0, 1);
   auto chatty = server.Connect(50000), viewer = server.Connect(50002),
-       refused = server.Connect(50004), stuck = server.Connect(50006);
+       refused = server.Connect(50004), stuck = server.Connect(50006), post = server.Connect(50008);
   refused->over_limit = true;
+  post->tunnel_output = chatty.get();
   const auto overdue = [&server](FakeClient& c) {
     const char* why = server.core().Overdue(c, server.core().NowMs());
     return std::string(why == nullptr ? "" : why);
@@ -615,6 +622,7 @@ TEST(CoreTest, ConnectionsAreClosedByTheirClocksNotKeptOpenByChatter) {
     }
     EXPECT_EQ(overdue(*chatty), s <= 30 ? "" : "no session") << s;
     EXPECT_EQ(overdue(*viewer), "") << s;
+    EXPECT_EQ(overdue(*post), "") << s;
   }
   server.In(*viewer, "TEARDOWN", session);
   EXPECT_EQ(overdue(*viewer), "");

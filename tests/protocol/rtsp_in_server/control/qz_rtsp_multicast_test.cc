@@ -4,7 +4,6 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_multicast.h"
 
 #include <algorithm>
-#include <cstring>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "protocol/rtsp_in_server/control/qz_rtsp_core.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_transport.h"
 #include "tests/fakes/fake_rtsp_core.h"
+#include "tests/fakes/test_support.h"
 
 namespace qz_rtsp_internal_server {
 namespace {
@@ -30,27 +30,7 @@ QZRtspServerOptions MulticastOn(int groups = 64) {
   return options;
 }
 
-// SETUP of `track` with the Transport header `transport`, in `*session`
-// (taken from the answer when empty).
-Reply SetupWith(FakeRtspCore& server,
-                FakeClient& client,
-                int track,
-                const std::string& transport,
-                std::string* session) {
-  const Reply r = server.Send(client, "SETUP", "/trackID=" + std::to_string(track),
-                              "Transport: " + transport + "\r\n" +
-                                  (session->empty() ? "" : "Session: " + *session + "\r\n"));
-  if (r.status == 200 && session->empty()) {
-    *session = r.Header("Session").substr(0, 16);
-  }
-  return r;
-}
-
-RtspTransport TransportOf(const Reply& reply) {
-  RtspTransport t;
-  EXPECT_TRUE(ParseRtspTransportSpec(reply.Header("Transport"), t)) << reply.Header("Transport");
-  return t;
-}
+const char kMulticast[] = "RTP/AVP;multicast";
 
 // A client that set up both tracks as multicast; it plays unless told not to.
 struct Member {
@@ -60,15 +40,15 @@ struct Member {
 };
 
 Member Join(FakeRtspCore& server, uint16_t port, bool play = true) {
-  Member m;
-  m.client = server.Connect(port);
+  Member m{server.Connect(port), "", {}};
   for (int t = 0; t < 2; ++t) {
-    const Reply r = SetupWith(server, *m.client, t, "RTP/AVP;multicast", &m.session);
-    EXPECT_EQ(r.status, 200);
-    m.track[t] = TransportOf(r);
+    const Reply r = server.SetupReply(*m.client, t, kMulticast, m.session);
+    EXPECT_TRUE(ParseRtspTransportSpec(r.Header("Transport"), m.track[t]))
+        << r.status << " " << r.Header("Transport");
+    m.session = r.Header("Session").substr(0, 16);
   }
   if (play) {
-    EXPECT_EQ(server.Send(*m.client, "PLAY", "", "Session: " + m.session + "\r\n").status, 200);
+    EXPECT_EQ(server.In(*m.client, "PLAY", m.session).status, 200);
   }
   return m;
 }
@@ -82,10 +62,6 @@ std::set<Endpoint> GroupEndpoints(const Member& m) {
     out.insert(Endpoint(group, static_cast<uint16_t>(t.multicast_rtcp_port)));
   }
   return out;
-}
-
-bool IsSenderReport(const Datagram& d) {
-  return d.rtcp && d.bytes.size() > 1 && static_cast<uint8_t>(d.bytes[1]) == 200;
 }
 
 size_t RtpSince(FakeRtspCore& server, size_t mark) {
@@ -105,81 +81,8 @@ const Datagram* FirstTo(FakeRtspCore& server, size_t mark, int port, bool rtcp) 
   return nullptr;
 }
 
-// ---- which transport a SETUP gets ---------------------------------------------------
-
-struct ChoiceCase {
-  const char* name;
-  bool multicast;      // the server's option
-  const char* first;   // Transport of the SETUP of track 0
-  const char* second;  // then of track 1 in the same session ("": none)
-  int status;          // of the last SETUP
-  const char* reply;   // how its Transport answer begins
-};
-
-const char kBoth[] = "RTP/AVP;multicast,RTP/AVP;unicast;client_port=7000-7001";
-
-const ChoiceCase kChoiceCases[] = {
-    {"off_multicast_only", false, "RTP/AVP;multicast", "", 461, ""},
-    {"off_falls_back_to_unicast", false, kBoth, "", 200, "RTP/AVP;unicast;client_port=7000-7001"},
-    {"on_multicast_first", true, kBoth, "", 200, "RTP/AVP;multicast;destination=239.255.42."},
-    {"on_unicast_first", true, "RTP/AVP;unicast;client_port=7000-7001,RTP/AVP;multicast", "", 200,
-     "RTP/AVP;unicast;client_port=7000-7001"},
-    {"on_tcp_multicast", true, "RTP/AVP/TCP;multicast", "", 461, ""},
-    {"on_multicast_to_record", true, "RTP/AVP;multicast;mode=record", "", 461, ""},
-    {"unicast_session_then_multicast", true, "RTP/AVP;unicast;client_port=7000-7001",
-     "RTP/AVP;multicast", 461, ""},
-    {"multicast_session_then_tcp", true, "RTP/AVP;multicast", "RTP/AVP/TCP;interleaved=2-3", 461,
-     ""},
-};
-
-class ChoiceTest : public ::testing::TestWithParam<ChoiceCase> {};
-
-TEST_P(ChoiceTest, Answered) {
-  const ChoiceCase& c = GetParam();
-  QZRtspServerOptions options = MulticastOn();
-  options.multicast = c.multicast;
-  FakeRtspCore server(options);
-  auto client = server.Connect();
-  std::string session;
-  Reply r = SetupWith(server, *client, 0, c.first, &session);
-  if (*c.second != '\0') {
-    ASSERT_EQ(r.status, 200);
-    r = SetupWith(server, *client, 1, c.second, &session);
-  }
-  EXPECT_EQ(r.status, c.status);
-  const std::string transport = r.Header("Transport");
-  EXPECT_EQ(transport.compare(0, strlen(c.reply), c.reply), 0) << transport;
-}
-
-INSTANTIATE_TEST_SUITE_P(Table,
-                         ChoiceTest,
-                         ::testing::ValuesIn(kChoiceCases),
-                         [](const ::testing::TestParamInfo<ChoiceCase>& info) {
-                           return std::string(info.param.name);
-                         });
-
-// The answer names a group of the range, the ports of that group's track
-// (4 per group, video first), and the server's TTL.
-TEST(MulticastTest, AnswerNamesTheGroupItsTrackPortsAndTheTtl) {
-  QZRtspServerOptions options = MulticastOn();
-  options.multicast_ttl = 7;
-  FakeRtspCore server(options);
-  const Member m = Join(server, 50000, false);
-  for (int t = 0; t < 2; ++t) {
-    const RtspTransport& got = m.track[t];
-    EXPECT_TRUE(got.multicast);
-    EXPECT_EQ(got.ttl, 7);
-    EXPECT_TRUE(got.has_ssrc);
-    EXPECT_EQ(got.ssrc, server.stream().TrackSsrc(t));
-    const long long index =
-        static_cast<long long>(asio::ip::make_address_v4(got.destination).to_uint()) -
-        asio::ip::make_address_v4("239.255.42.0").to_uint();
-    ASSERT_TRUE(index >= 0 && index < 64) << got.destination;
-    EXPECT_EQ(got.multicast_rtp_port, 5004 + 4 * index + 2 * t);
-    EXPECT_EQ(got.multicast_rtcp_port, got.multicast_rtp_port + 1);
-  }
-  EXPECT_EQ(m.track[0].destination, m.track[1].destination);
-}
+// Which transport a SETUP gets, multicast on or off, is in the request table
+// of qz_rtsp_core_test.cc.
 
 // ---- hostile Transport values --------------------------------------------------------
 
@@ -217,14 +120,13 @@ TEST_P(HostileTest, GroupStaysTheServers) {
   const Member honest = Join(server, 50000);
   server.Feed(5, 5);
   auto hostile = server.Connect(50002);
-  std::string session;
-  const Reply r = SetupWith(server, *hostile, 0, c.transport, &session);
+  const Reply r = server.SetupReply(*hostile, 0, c.transport);
   ASSERT_EQ(r.status, c.status);
   if (r.status == 200) {
-    RtspTransport got = TransportOf(r);
-    RtspTransport want = honest.track[0];
-    EXPECT_TRUE(got == want) << r.Header("Transport");
-    server.Send(*hostile, "PLAY", "", "Session: " + session + "\r\n");
+    RtspTransport got;
+    EXPECT_TRUE(ParseRtspTransportSpec(r.Header("Transport"), got) && got == honest.track[0])
+        << r.Header("Transport");
+    server.In(*hostile, "PLAY", r.Header("Session").substr(0, 16));
   }
   const size_t built = server.stream().packets_built();
   const size_t mark = server.udp().sent.size();
@@ -235,24 +137,40 @@ TEST_P(HostileTest, GroupStaysTheServers) {
   for (const Datagram& d : server.udp().sent) {
     EXPECT_EQ(group.count(d.to), 1u) << d.to;
   }
-  EXPECT_TRUE(server.core().table().Find(honest.session)->playing());
+  EXPECT_TRUE(server.table().Find(honest.session)->playing());
 }
 
 INSTANTIATE_TEST_SUITE_P(Table,
                          HostileTest,
                          ::testing::ValuesIn(kHostileCases),
-                         [](const ::testing::TestParamInfo<HostileCase>& info) {
-                           return std::string(info.param.name);
-                         });
+                         qz_test::RowName());
 
 // ---- one send per packet -------------------------------------------------------------
 
-TEST(MulticastTest, EveryPacketIsSentOnceWhateverTheNumberOfViewers) {
+// The answer names a group of the range, the ports of that group's track
+// (4 per group, video first), and the server's TTL; every packet goes there
+// once, whatever the number of viewers.
+TEST(MulticastTest, EveryPacketIsSentOnceToTheGroupTheAnswerNamed) {
+  QZRtspServerOptions options = MulticastOn();
+  options.multicast_ttl = 7;
   for (const int viewers : {1, 10}) {
-    FakeRtspCore server(MulticastOn());
+    FakeRtspCore server(options);
     std::vector<Member> members;  // before the first packet: they wait for a key frame
     for (int i = 0; i < viewers; ++i) {
       members.push_back(Join(server, static_cast<uint16_t>(50000 + 2 * i)));
+    }
+    for (int t = 0; t < 2; ++t) {
+      const RtspTransport& got = members[0].track[t];
+      EXPECT_TRUE(got.multicast && got.has_ssrc);
+      EXPECT_EQ(got.ttl, 7);
+      EXPECT_EQ(got.ssrc, server.stream().TrackSsrc(t));
+      EXPECT_EQ(got.destination, members[0].track[0].destination);
+      const long long index =
+          static_cast<long long>(asio::ip::make_address_v4(got.destination).to_uint()) -
+          asio::ip::make_address_v4("239.255.42.0").to_uint();
+      ASSERT_TRUE(index >= 0 && index < 64) << got.destination;
+      EXPECT_EQ(got.multicast_rtp_port, 5004 + 4 * index + 2 * t);
+      EXPECT_EQ(got.multicast_rtcp_port, got.multicast_rtp_port + 1);
     }
     server.Feed(0, 13);
     const unsigned long long built = server.stream().packets_built();
@@ -284,19 +202,19 @@ TEST(MulticastTest, GroupOutlivesOneViewerAndIsGivenBackAfterTheLast) {
     FakeRtspCore server(MulticastOn(1));
     server.Feed(0, 3);
     Member a = Join(server, 50000), b = Join(server, 50002);
-    ASSERT_EQ(server.Send(*a.client, "TEARDOWN", "", "Session: " + a.session + "\r\n").status, 200);
+    ASSERT_EQ(server.In(*a.client, "TEARDOWN", a.session).status, 200);
     size_t mark = server.udp().sent.size();
     server.Feed(3, 10);
     EXPECT_GT(RtpSince(server, mark), 0u) << "b still plays";
     if (std::string(last_leaves) == "teardown") {
-      server.Send(*b.client, "TEARDOWN", "", "Session: " + b.session + "\r\n");
+      server.In(*b.client, "TEARDOWN", b.session);
     } else if (std::string(last_leaves) == "connection_closed") {
       b.client->Close();
     } else {
       server.clock().AdvanceMs(61000);
-      server.core().Tick(server.core().NowMs());
+      server.Tick();
     }
-    EXPECT_TRUE(server.core().table().multicast().groups().empty());
+    EXPECT_TRUE(server.table().multicast().groups().empty());
     EXPECT_EQ(server.stream().Stats().sessions, 0);
     mark = server.udp().sent.size();
     server.Feed(13, 10);
@@ -315,15 +233,12 @@ TEST(MulticastTest, KeepAlivesKeepMembers) {
   const Member kept = Join(server, 50000), silent = Join(server, 50002);
   for (int i = 0; i < 3; ++i) {
     server.clock().AdvanceMs(25000);
-    EXPECT_EQ(
-        server.Send(*kept.client, "GET_PARAMETER", "", "Session: " + kept.session + "\r\n").status,
-        200);
-    server.core().Tick(server.core().NowMs());
-    EXPECT_EQ(server.core().table().Find(silent.session) != nullptr, i < 2)
-        << "at " << 25 * (i + 1);
+    EXPECT_EQ(server.In(*kept.client, "GET_PARAMETER", kept.session).status, 200);
+    server.Tick();
+    EXPECT_EQ(server.table().Find(silent.session) != nullptr, i < 2) << "at " << 25 * (i + 1);
   }
-  EXPECT_NE(server.core().table().Find(kept.session), nullptr);
-  EXPECT_EQ(server.core().table().multicast().groups().size(), 1u);
+  EXPECT_NE(server.table().Find(kept.session), nullptr);
+  EXPECT_EQ(server.table().multicast().groups().size(), 1u);
 }
 
 // The group sends while any member plays, whether the others paused or
@@ -347,11 +262,7 @@ TEST(MulticastTest, GroupSendsWhileAnyMemberPlays) {
   };
   for (const auto& step : steps) {
     const size_t mark = server.udp().sent.size();
-    ASSERT_EQ(server
-                  .Send(*step.member->client, step.method, "",
-                        "Session: " + step.member->session + "\r\n")
-                  .status,
-              200);
+    ASSERT_EQ(server.In(*step.member->client, step.method, step.member->session).status, 200);
     server.Feed(frame, 5);
     frame += 5;
     EXPECT_EQ(RtpSince(server, mark) > 0, step.sends) << step.method;
@@ -363,23 +274,33 @@ TEST(MulticastTest, GroupSendsWhileAnyMemberPlays) {
   }
 }
 
-// A late joiner gets the group's live edge (RTP-Info names the next packet
-// sent), nothing replayed to the others, and a key frame is asked for: for
-// one that joins within a second of another, when the second ends.
-TEST(MulticastTest, LateJoinerStartsAtTheLiveEdgeAndAsksForAKeyFrame) {
+// Sender reports go to the group's RTCP ports: at PLAY, before a track's
+// first packet, and then every few seconds once for the group, not once per
+// member. A late joiner gets the group's live edge (RTP-Info names the next
+// packet sent), nothing replayed to the others, and a key frame is asked
+// for: for one that joins within a second of another, when the second ends.
+TEST(MulticastTest, LateJoinersStartAtTheLiveEdgeAndReportsGoToTheGroupOnce) {
   FakeRtspCore server(MulticastOn());
   server.Feed(0, 3);
   const Member first = Join(server, 50000);
   EXPECT_TRUE(server.key_frame_requests().empty()) << "the cached key frame starts the group";
+  const std::vector<Datagram>& sent = server.udp().sent;
+  for (int t = 0; t < 2; ++t) {
+    const Datagram* report = FirstTo(server, 0, first.track[t].multicast_rtcp_port, true);
+    const Datagram* media = FirstTo(server, 0, first.track[t].multicast_rtp_port, false);
+    ASSERT_TRUE(report != nullptr && media != nullptr) << "track " << t;
+    EXPECT_TRUE(qz_test::IsSenderReport(report->bytes));
+    EXPECT_LT(report, media) << "track " << t;
+  }
   server.Feed(3, 12);  // mid-GOP
   Member late = Join(server, 50002, false);
   const size_t built = server.stream().packets_built();
-  const Reply play = server.Send(*late.client, "PLAY", "", "Session: " + late.session + "\r\n");
+  const Reply play = server.In(*late.client, "PLAY", late.session);
   EXPECT_EQ(server.key_frame_requests().size(), 1u);
   std::vector<RtpInfoEntry> info;
   ASSERT_TRUE(ParseRtpInfo(play.Header("RTP-Info"), info)) << play.Header("RTP-Info");
   ASSERT_EQ(info.size(), 2u);
-  const size_t mark = server.udp().sent.size();
+  size_t mark = sent.size();
   server.Feed(15, 2);
   EXPECT_EQ(RtpSince(server, mark), server.stream().packets_built() - built);
   const Datagram* video = FirstTo(server, mark, first.track[0].multicast_rtp_port, false);
@@ -392,37 +313,17 @@ TEST(MulticastTest, LateJoinerStartsAtTheLiveEdgeAndAsksForAKeyFrame) {
   EXPECT_EQ(server.key_frame_requests().size(), 2u) << "one more, for both";
   server.AdvanceMs(2000);
   EXPECT_EQ(server.key_frame_requests().size(), 2u);
-}
-
-// Sender reports go to the group's RTCP ports: at PLAY, before a track's
-// first packet, and then every few seconds once for the group, not once
-// per member.
-TEST(MulticastTest, SenderReportsGoToTheGroupOnce) {
-  FakeRtspCore server(MulticastOn());
-  server.Feed(0, 3);
-  const Member a = Join(server, 50000);
-  const std::vector<Datagram>& sent = server.udp().sent;
-  for (int t = 0; t < 2; ++t) {
-    const Datagram* report = FirstTo(server, 0, a.track[t].multicast_rtcp_port, true);
-    const Datagram* media = FirstTo(server, 0, a.track[t].multicast_rtp_port, false);
-    ASSERT_TRUE(report != nullptr && media != nullptr) << "track " << t;
-    EXPECT_TRUE(IsSenderReport(*report));
-    EXPECT_LT(report, media) << "track " << t;
-  }
-  Join(server, 50002);
-  Join(server, 50004);
-  server.Feed(3, 10);
   server.clock().AdvanceMs(5000);
-  const size_t mark = sent.size();
-  server.core().Tick(server.core().NowMs());
+  mark = sent.size();
+  server.Tick();
   std::multiset<uint16_t> reports;
   for (size_t i = mark; i < sent.size(); ++i) {
-    EXPECT_TRUE(IsSenderReport(sent[i]));
+    EXPECT_TRUE(sent[i].rtcp && qz_test::IsSenderReport(sent[i].bytes));
     reports.insert(sent[i].to.port());
   }
   EXPECT_EQ(reports,
-            (std::multiset<uint16_t>{static_cast<uint16_t>(a.track[0].multicast_rtcp_port),
-                                     static_cast<uint16_t>(a.track[1].multicast_rtcp_port)}));
+            (std::multiset<uint16_t>{static_cast<uint16_t>(first.track[0].multicast_rtcp_port),
+                                     static_cast<uint16_t>(first.track[1].multicast_rtcp_port)}));
 }
 
 // ---- options --------------------------------------------------------------------------

@@ -1,5 +1,5 @@
-// The pairing of HTTP tunnel halves by cookie, and the clocks of a paired
-// POST half. The halves over real sockets are in qz_rtsp_server_test.cc.
+// The pairing of HTTP tunnel halves by cookie. The halves over real sockets
+// are in qz_rtsp_server_test.cc.
 #include "protocol/rtsp_in_server/control/qz_rtsp_tunnel_table.h"
 
 #include <memory>
@@ -84,29 +84,8 @@ TEST(TunnelTableTest, HalvesPairByCookieOnlyFromOneAddress) {
   EXPECT_EQ(table.size(), 0u);
 }
 
-// A paired POST half keeps no idle clock of its own (its GET's counts) and
-// plays when its GET plays; an unpaired one is closed at the idle limit.
-TEST(TunnelTableTest, PairedPostLivesByItsGet) {
-  QZRtspServerOptions options;
-  options.idle_timeout_s = 30;
-  options.max_clients = 2;
-  FakeRtspCore server(options);
-  auto get = server.Connect(50000), post = server.Connect(50002), waiting = server.Connect(50004);
-  post->tunnel_output = get.get();
-  server.AdvanceMs(31 * 1000);
-  const long long now = server.core().NowMs();
-  EXPECT_EQ(server.core().Overdue(*post, now), nullptr);
-  EXPECT_STREQ(server.core().Overdue(*waiting, now), "no session");
-  // With every slot taken, a newcomer evicts the oldest idle connection;
-  // a POST whose GET plays is not idle.
-  server.Feed(0, 1);
-  const std::string session = server.Setup(*get, 0, "0-1");
-  ASSERT_EQ(server.Send(*get, "PLAY", "", "Session: " + session + "\r\n").status, 200);
-  RtspClient* evict = nullptr;
-  EXPECT_EQ(
-      server.core().Admit({post.get(), get.get()}, asio::ip::make_address("10.0.0.9"), &evict),
-      RtspServerCore::Admission::kRefuse);
-}
+// How a paired POST half counts for the idle limit and for admission is in
+// qz_rtsp_core_test.cc, with the other connections' clocks.
 
 }  // namespace
 }  // namespace qz_rtsp_internal_server
