@@ -45,6 +45,7 @@ class RtspSinkerTestPeer {
 
   // Session.
   bool InitRtsp() { return s_.InitRtsp(); }
+  void UnInitRtsp() { s_.UnInitRtsp(); }  // the benchmarks tear sessions down
   void NotifyRtspURLs() { s_.NotifyRtspURLs(); }
   size_t PipleCount() const { return s_.handle_2_piple_.size(); }
   std::shared_ptr<QZRtspPacketPiple> Piple(void* handle) {
