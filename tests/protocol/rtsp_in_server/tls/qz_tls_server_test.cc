@@ -52,7 +52,8 @@ std::string Pem(const std::function<int(BIO*)>& write) {
   Owned<BIO> bio(BIO_new(BIO_s_mem()));
   EXPECT_EQ(write(bio.get()), 1);
   char* data = nullptr;
-  return std::string(data, static_cast<size_t>(BIO_get_mem_data(bio.get(), &data)));
+  const long size = BIO_get_mem_data(bio.get(), &data);  // sets data: call it first
+  return std::string(data, static_cast<size_t>(size));
 }
 
 // A P-256 key and a certificate for it, self-signed, valid for a day.
