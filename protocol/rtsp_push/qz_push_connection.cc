@@ -132,7 +132,13 @@ void PushConnection::OnRead(size_t bytes) {
         Fail("the relay sent a malformed message: " + parser_.error());
         return;
       case RtspParseResult::kInterleaved:
-        break;  // the relay's RTCP receiver reports: nothing to act on
+        for (const PushTrack& track : protocol_->tracks()) {
+          if (track.rtcp_channel == parser_.channel()) {
+            OnRelayRtcp(reinterpret_cast<const uint8_t*>(parser_.payload().data()),
+                        parser_.payload().size());
+          }
+        }
+        break;
       case RtspParseResult::kRequest: {
         // A relay may ask something of us (OPTIONS as a keep-alive of its
         // own); nothing but OPTIONS is served.
@@ -178,11 +184,21 @@ void PushConnection::Act(const RtspPushProtocol::Action& action) {
 void PushConnection::StartRecording() {
   const long long now = NowMs();
   SetState("recording");
+  {
+    // Reports of an earlier recording describe another session of the relay.
+    std::lock_guard<std::mutex> lock(env_.counters->reception_mutex);
+    env_.counters->reception = RtcpReception();
+  }
   if (env_.udp) {
     const auto& tracks = protocol_->tracks();
     for (size_t t = 0; t < tracks.size() && t < rtp_to_.size(); ++t) {
       rtp_to_[t].port(static_cast<unsigned short>(tracks[t].server_rtp_port));
       rtcp_to_[t].port(static_cast<unsigned short>(tracks[t].server_rtcp_port));
+    }
+    rtcp_buffers_.resize(udp_rtcp_.size());
+    rtcp_from_.resize(udp_rtcp_.size());
+    for (size_t t = 0; t < udp_rtcp_.size(); ++t) {
+      ReadUdpRtcp(t);
     }
   }
   // Start at the cached key frame when it is fresh, else at the next one,

@@ -13,11 +13,13 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "protocol/rtsp_in_server/media/qz_rtsp_stream.h"
 #include "protocol/rtsp_in_server/net/qz_rtsp_link.h"
+#include "protocol/rtsp_in_server/rtp/qz_rtcp.h"
 #include "protocol/rtsp_in_server/tls/qz_tls_client.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_url.h"
@@ -30,6 +32,9 @@ struct PushCounters {
   std::atomic<unsigned long long> bytes_sent{0};
   std::atomic<unsigned long long> packets_sent{0};
   std::atomic<unsigned long long> packets_dropped{0};
+  mutable std::mutex reception_mutex;  // guards reception
+  // The relay's receiver reports, the latest of any track.
+  RtcpReception reception;
 };
 
 class PushConnection : public std::enable_shared_from_this<PushConnection> {
@@ -99,6 +104,10 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   // the connection waits for.
   void Resync();
   void SendReports(bool start);
+  // The relay's RTCP (receiver reports) about our tracks.
+  void OnRelayRtcp(const uint8_t* data, size_t size);
+  // UDP: reads the relay's RTCP from track `t`'s RTCP port.
+  void ReadUdpRtcp(size_t t);
   // TCP: sizes the socket's send buffer to the stream's bit rate.
   void SizeSendBuffer();
 
@@ -109,6 +118,7 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   std::unique_ptr<RtspLink> link_;
   std::unique_ptr<RtspPushProtocol> protocol_;
   std::vector<RtpTrackInfo> announced_;
+  RtcpSentReports sent_reports_;  // to the relay, which echoes them
   RtspRequestParser parser_{RtspLimits(), true};
   std::array<char, 16384> read_buffer_;
   bool closed_ = false;
@@ -139,6 +149,9 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   std::vector<std::unique_ptr<asio::ip::udp::socket>> udp_rtcp_;
   std::vector<asio::ip::udp::endpoint> rtp_to_;
   std::vector<asio::ip::udp::endpoint> rtcp_to_;
+  // The relay's RTCP as it arrives on them, and who sent it.
+  std::vector<std::array<uint8_t, 1500>> rtcp_buffers_;
+  std::vector<asio::ip::udp::endpoint> rtcp_from_;
 };
 
 }  // namespace qz_rtsp_internal_server

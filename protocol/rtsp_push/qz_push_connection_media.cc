@@ -112,6 +112,38 @@ void PushConnection::SendUdp() {
   stream_->SettleWritten(reader_.read_index, stream_->NowUs());
 }
 
+void PushConnection::OnRelayRtcp(const uint8_t* data, size_t size) {
+  RtcpReceived rtcp;
+  if (!ParseRtcp(data, size, rtcp)) {
+    return;  // not RTCP: nothing to learn from it
+  }
+  const uint32_t arrival = RtcpCompactNtp(stream_->clock().WallUs());
+  std::lock_guard<std::mutex> lock(env_.counters->reception_mutex);
+  for (const RtcpReportBlock& block : rtcp.blocks) {
+    for (size_t t = 0; t < announced_.size(); ++t) {
+      if (stream_->TrackSsrc(static_cast<int>(t)) == block.ssrc) {
+        env_.counters->reception.Add(block, announced_[t].clock_rate, arrival, sent_reports_);
+      }
+    }
+  }
+}
+
+void PushConnection::ReadUdpRtcp(size_t t) {
+  auto self = shared_from_this();
+  udp_rtcp_[t]->async_receive_from(asio::buffer(rtcp_buffers_[t]), rtcp_from_[t],
+                                   [this, self, t](const asio::error_code& ec, size_t bytes) {
+                                     if (ec || closed_) {
+                                       return;
+                                     }
+                                     // Only the relay's own reports count: anyone may send
+                                     // datagrams here.
+                                     if (rtcp_from_[t].address() == rtcp_to_[t].address()) {
+                                       OnRelayRtcp(rtcp_buffers_[t].data(), bytes);
+                                     }
+                                     ReadUdpRtcp(t);
+                                   });
+}
+
 void PushConnection::SendReports(bool start) {
   const auto& tracks = protocol_->tracks();
   for (size_t t = 0; t < tracks.size(); ++t) {
@@ -121,6 +153,7 @@ void PushConnection::SendReports(bool start) {
     if (report.empty()) {
       continue;
     }
+    sent_reports_.Sent(report, RtcpCompactNtp(stream_->clock().WallUs()));
     if (env_.udp) {
       asio::error_code ec;
       udp_rtcp_[t]->send_to(asio::buffer(report), rtcp_to_[t], 0, ec);

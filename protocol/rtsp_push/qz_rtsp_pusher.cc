@@ -457,6 +457,15 @@ QZRtspPushStats QZRtspPusher::Impl::Stats() const {
   stats.reconnects = stats.recordings > 1 ? stats.recordings - 1 : 0;
   stats.bytes_sent = counters_.bytes_sent.load();
   stats.packets_sent = counters_.packets_sent.load();
+  {
+    std::lock_guard<std::mutex> lock(counters_.reception_mutex);
+    const RtcpReception& r = counters_.reception;
+    stats.receiver_reports = r.reports;
+    stats.fraction_lost = r.fraction_lost;
+    stats.cumulative_lost = r.cumulative_lost;
+    stats.jitter_ms = r.jitter_ms;
+    stats.rtt_ms = r.rtt_ms;
+  }
   stats.packets_dropped = counters_.packets_dropped.load();
   stats.key_frame_requests = key_frame_requests_.load();
   std::lock_guard<std::mutex> lock(stats_mutex_);

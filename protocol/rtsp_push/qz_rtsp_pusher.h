@@ -96,6 +96,13 @@ struct QZRtspPushStats {
   // counted).
   QZRtspDelayStats write_delay;
   QZRtspDelayStats push_delay;
+  // The relay's RTCP receiver reports (RFC 3550 6.4.2) on the recording now,
+  // the latest of any track; relays that send none leave them unknown.
+  unsigned long long receiver_reports = 0;  // 0: the figures below are not known
+  double fraction_lost = 0;                 // since the relay's previous report, 0..1
+  long long cumulative_lost = 0;
+  double jitter_ms = 0;
+  double rtt_ms = -1;      // -1: no report echoed one of the pusher's sender reports
   std::string last_error;  // why the last connection ended or failed; empty: none yet
   int retry_in_s = 0;      // while retrying: seconds to the next attempt
 };

@@ -117,9 +117,21 @@ QZRtspServerStats Summarize(const std::vector<std::unique_ptr<QZRtspServer>>& se
   return total;
 }
 
-// What the viewers' receiver reports say, the worst of each figure:
-// ", viewers report loss 2.3 %, jitter 4.1 ms, RTT 12.0 ms" (empty while
-// none reported; RTT only from reports that echo a sender report).
+// ", <who> loss 2.3 %, jitter 4.1 ms, RTT 12.0 ms" (RTT only when known:
+// from reports that echo a sender report).
+std::string ReceptionText(const char* who, double loss, double jitter, double rtt) {
+  char text[128];
+  std::snprintf(text, sizeof(text), ", %s loss %.1f %%, jitter %.1f ms", who, loss, jitter);
+  std::string out = text;
+  if (rtt >= 0) {
+    std::snprintf(text, sizeof(text), ", RTT %.1f ms", rtt);
+    out += text;
+  }
+  return out;
+}
+
+// What the viewers' receiver reports say, the worst of each figure (empty
+// while none reported).
 std::string ReceptionSummary(const std::vector<QZRtspSessionStats>& sessions) {
   double loss = 0, jitter = 0, rtt = -1;
   bool any = false;
@@ -132,17 +144,7 @@ std::string ReceptionSummary(const std::vector<QZRtspSessionStats>& sessions) {
     jitter = std::max(jitter, s.jitter_ms);
     rtt = std::max(rtt, s.rtt_ms);
   }
-  if (!any) {
-    return std::string();
-  }
-  char text[128];
-  std::snprintf(text, sizeof(text), ", viewers report loss %.1f %%, jitter %.1f ms", loss, jitter);
-  std::string out = text;
-  if (rtt >= 0) {
-    std::snprintf(text, sizeof(text), ", RTT %.1f ms", rtt);
-    out += text;
-  }
-  return out;
+  return any ? ReceptionText("viewers report", loss, jitter, rtt) : std::string();
 }
 
 }  // namespace
@@ -352,12 +354,16 @@ int main(int argc, char** argv) {
         for (const auto& pusher : pushers) {
           const QZRtspPushStats push = pusher->GetStats();
           std::fprintf(
-              stderr, "  push %s: %s%s%s, %llu reconnects, %.1f MB sent, %llu dropped\n",
+              stderr, "  push %s: %s%s%s, %llu reconnects, %.1f MB sent, %llu dropped%s\n",
               push.url.c_str(), push.state.c_str(),
               push.retry_in_s > 0 ? (" in " + std::to_string(push.retry_in_s) + " s").c_str() : "",
               push.last_error.empty() || push.recording ? ""
                                                         : (" (" + push.last_error + ")").c_str(),
-              push.reconnects, push.bytes_sent / 1e6, push.packets_dropped);
+              push.reconnects, push.bytes_sent / 1e6, push.packets_dropped,
+              push.receiver_reports == 0 ? ""
+                                         : ReceptionText("relay reports", push.fraction_lost * 100,
+                                                         push.jitter_ms, push.rtt_ms)
+                                               .c_str());
         }
       }
       last_bytes = bytes;
@@ -400,17 +406,22 @@ int main(int argc, char** argv) {
   }
   for (const auto& pusher : pushers) {
     const QZRtspPushStats push = pusher->GetStats();
-    std::fprintf(stderr,
-                 "push %s: %s, %llu attempts, %llu recordings, %llu packets sent (%llu bytes), "
-                 "%llu dropped, %llu key-frame requests, posted-to-written delay p50 %.3f ms, "
-                 "p99 %.3f ms, max %.3f ms, pushed-to-written p50 %.3f ms, p99 %.3f ms, "
-                 "last error: %s\n",
-                 push.url.c_str(), push.state.c_str(), push.attempts, push.recordings,
-                 push.packets_sent, push.bytes_sent, push.packets_dropped, push.key_frame_requests,
-                 push.write_delay.p50_us / 1000.0, push.write_delay.p99_us / 1000.0,
-                 push.write_delay.max_us / 1000.0, push.push_delay.p50_us / 1000.0,
-                 push.push_delay.p99_us / 1000.0,
-                 push.last_error.empty() ? "none" : push.last_error.c_str());
+    std::fprintf(
+        stderr,
+        "push %s: %s, %llu attempts, %llu recordings, %llu packets sent (%llu bytes), "
+        "%llu dropped, %llu key-frame requests, posted-to-written delay p50 %.3f ms, "
+        "p99 %.3f ms, max %.3f ms, pushed-to-written p50 %.3f ms, p99 %.3f ms, "
+        "%llu receiver reports%s, last error: %s\n",
+        push.url.c_str(), push.state.c_str(), push.attempts, push.recordings, push.packets_sent,
+        push.bytes_sent, push.packets_dropped, push.key_frame_requests,
+        push.write_delay.p50_us / 1000.0, push.write_delay.p99_us / 1000.0,
+        push.write_delay.max_us / 1000.0, push.push_delay.p50_us / 1000.0,
+        push.push_delay.p99_us / 1000.0, push.receiver_reports,
+        push.receiver_reports == 0
+            ? ""
+            : ReceptionText("relay reports", push.fraction_lost * 100, push.jitter_ms, push.rtt_ms)
+                  .c_str(),
+        push.last_error.empty() ? "none" : push.last_error.c_str());
   }
   sinker.Stop();
   for (auto& pusher : pushers) {

@@ -159,7 +159,7 @@ std::vector<QZRtspSessionStats> RtspServerCore::SessionStats() const {
     s.bytes_sent = session.bytes_sent;
     s.packets_sent = session.packets_sent;
     s.packets_dropped = session.packets_dropped;
-    const RtspReception& r = session.reception();
+    const RtcpReception& r = session.reception();
     s.receiver_reports = r.reports;
     s.fraction_lost = r.fraction_lost;
     s.cumulative_lost = r.cumulative_lost;

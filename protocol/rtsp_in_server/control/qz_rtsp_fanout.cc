@@ -328,6 +328,7 @@ void RtspFanout::SendReport(RtspSession& session,
                             size_t track,
                             const std::vector<uint8_t>& report) {
   const RtspSessionTrack& t = session.tracks()[track];
+  session.OnReportSent(report, RtcpCompactNtp(clock_.WallUs()));
   if (!t.tcp) {
     udp_.SendRtcp(t.rtcp_endpoint, report.data(), report.size(), &session);
     return;

@@ -163,14 +163,7 @@ void RtspSession::OnReportBlock(const RtcpReportBlock& block, uint32_t arrival_c
     if (!tracks_[t].setup || stream_->TrackSsrc(static_cast<int>(t)) != block.ssrc) {
       continue;
     }
-    ++reception_.reports;
-    reception_.fraction_lost = block.fraction_lost / 256.0;
-    reception_.cumulative_lost = block.cumulative_lost;
-    reception_.jitter_ms = block.jitter * 1000.0 / clock_rates_[t];
-    const long long rtt_us = RtcpRoundTripUs(arrival_compact_ntp, block.lsr, block.dlsr);
-    if (rtt_us >= 0) {
-      reception_.rtt_ms = rtt_us / 1000.0;
-    }
+    reception_.Add(block, clock_rates_[t], arrival_compact_ntp, sent_reports_);
     return;
   }
 }

@@ -52,16 +52,6 @@ struct RtspSessionTrack {
   }
 };
 
-// What the client's receiver reports (RFC 3550 6.4.2) say about the
-// session, the latest report of any of its tracks.
-struct RtspReception {
-  unsigned long long reports = 0;
-  double fraction_lost = 0;  // since the client's previous report, 0..1
-  long long cumulative_lost = 0;
-  double jitter_ms = 0;
-  double rtt_ms = -1;  // -1: no report echoed one of our sender reports
-};
-
 class RtspSession : public RtspRingReader, public std::enable_shared_from_this<RtspSession> {
  public:
   enum class State { kInit, kReady, kPlaying };
@@ -145,7 +135,13 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   // A report block of the client's RTCP about one of our tracks, arrived
   // at `arrival_compact_ntp` (see RtcpCompactNtp).
   void OnReportBlock(const RtcpReportBlock& block, uint32_t arrival_compact_ntp);
-  const RtspReception& reception() const { return reception_; }
+  // A sender report went to the client at `now_compact_ntp`.
+  void OnReportSent(const std::vector<uint8_t>& report, uint32_t now_compact_ntp) {
+    sent_reports_.Sent(report, now_compact_ntp);
+  }
+  // What the client's receiver reports (RFC 3550 6.4.2) say about the
+  // session: the latest report of any of its tracks.
+  const RtcpReception& reception() const { return reception_; }
 
   bool HasTcpTrack() const;
   // A set-up track goes over unicast UDP (a multicast member's go to its
@@ -189,7 +185,8 @@ class RtspSession : public RtspRingReader, public std::enable_shared_from_this<R
   long long udp_heard_ms_ = 0;
   bool udp_answered_ = false;
   bool multicast_ = false;
-  RtspReception reception_;
+  RtcpReception reception_;
+  RtcpSentReports sent_reports_;
 };
 
 }  // namespace qz_rtsp_internal_server

@@ -174,4 +174,40 @@ long long RtcpRoundTripUs(uint32_t arrival_compact_ntp, uint32_t lsr, uint32_t d
   return round_trip * 1000000 / 65536;  // 1/65536 s units to microseconds
 }
 
+void RtcpSentReports::Sent(const std::vector<uint8_t>& report, uint32_t now_compact_ntp) {
+  if (report.size() < 16) {
+    return;
+  }
+  // The NTP stamp's middle 32 bits, as a receiver echoes them.
+  lsr_[next_] = static_cast<uint32_t>(report[10]) << 24 | static_cast<uint32_t>(report[11]) << 16 |
+                static_cast<uint32_t>(report[12]) << 8 | report[13];
+  sent_at_[next_] = now_compact_ntp;
+  next_ = (next_ + 1) % kKept;
+}
+
+uint32_t RtcpSentReports::SentAt(uint32_t lsr) const {
+  for (size_t i = 0; lsr != 0 && i < kKept; ++i) {
+    const size_t newest_first = (next_ + kKept - 1 - i) % kKept;
+    if (lsr_[newest_first] == lsr) {
+      return sent_at_[newest_first];
+    }
+  }
+  return 0;
+}
+
+void RtcpReception::Add(const RtcpReportBlock& block,
+                        int clock_rate,
+                        uint32_t arrival_compact_ntp,
+                        const RtcpSentReports& sent) {
+  ++reports;
+  fraction_lost = block.fraction_lost / 256.0;
+  cumulative_lost = block.cumulative_lost;
+  jitter_ms = clock_rate > 0 ? block.jitter * 1000.0 / clock_rate : 0;
+  const long long rtt_us =
+      RtcpRoundTripUs(arrival_compact_ntp, sent.SentAt(block.lsr), block.dlsr);
+  if (rtt_us >= 0) {
+    rtt_ms = rtt_us / 1000.0;
+  }
+}
+
 }  // namespace qz_rtsp_internal_server

@@ -53,6 +53,44 @@ bool ParseRtcp(const uint8_t* data, size_t size, RtcpReceived& out);
 // echoes no report (LSR 0) or the result is negative (clocks or garbage).
 long long RtcpRoundTripUs(uint32_t arrival_compact_ntp, uint32_t lsr, uint32_t dlsr);
 
+// The last sender reports sent to one receiver, by the LSR its reports will
+// echo, with when each left. A report's NTP stamp is the wall-clock time of
+// the record it pairs with an RTP time (one mapping for every track, which
+// keeps audio and video together), older than the moment it is sent by the
+// record's age: the round trip is counted from when the report left.
+class RtcpSentReports {
+ public:
+  // `report` (from BuildRtcpSenderReport) left at `now_compact_ntp`.
+  void Sent(const std::vector<uint8_t>& report, uint32_t now_compact_ntp);
+  // When the report a receiver echoes as `lsr` left (compact NTP); 0 when
+  // it is not one of the last ones sent.
+  uint32_t SentAt(uint32_t lsr) const;
+
+ private:
+  static constexpr size_t kKept = 8;  // a report every 5 s per track
+  uint32_t lsr_[kKept] = {};
+  uint32_t sent_at_[kKept] = {};
+  size_t next_ = 0;
+};
+
+// What a receiver last reported of what we send it: a viewer of the server,
+// or the relay a pusher records to.
+struct RtcpReception {
+  unsigned long long reports = 0;
+  double fraction_lost = 0;  // since the receiver's previous report, 0..1
+  long long cumulative_lost = 0;
+  double jitter_ms = 0;
+  double rtt_ms = -1;  // -1: no report echoed one of our sender reports
+
+  // Takes a block about one of our tracks, sent at `clock_rate` Hz, that
+  // arrived at `arrival_compact_ntp` (see RtcpCompactNtp); `sent` are the
+  // sender reports its LSR may echo.
+  void Add(const RtcpReportBlock& block,
+           int clock_rate,
+           uint32_t arrival_compact_ntp,
+           const RtcpSentReports& sent);
+};
+
 }  // namespace qz_rtsp_internal_server
 
 #endif  // PROTOCOL_RTSP_IN_SERVER_RTP_QZ_RTCP_H_

@@ -22,6 +22,7 @@
 #include "protocol/rtsp_in_server/qz_rtsp_server_mgr.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_auth.h"
 #include "protocol/rtsp_in_server/wire/qz_rtsp_message.h"
+#include "tests/fakes/fake_rtsp_core.h"
 #include "tests/fakes/test_support.h"
 
 namespace qz_rtsp_internal_server {
@@ -118,7 +119,20 @@ class FakeRelay {
             if (c.first_video_nal < 0) {
               c.first_video_nal = type == 28 ? rtp[13] & 0x1f : type;
             }
-            ++c.video_packets;
+            // At the 10th packet, a receiver report on the stream's SSRC:
+            // 25 % lost, 7 + the connection's index in all, 10 ms jitter.
+            if (++c.video_packets == 10) {
+              const uint32_t ssrc = static_cast<uint32_t>(
+                  (static_cast<uint8_t>(rtp[8]) << 24) | (static_cast<uint8_t>(rtp[9]) << 16) |
+                  (static_cast<uint8_t>(rtp[10]) << 8) | static_cast<uint8_t>(rtp[11]));
+              const std::vector<uint8_t> rr = qz_test::ReceiverReport(
+                  ssrc, 64, static_cast<uint32_t>(6 + connections_.size()), 900);
+              std::string frame = {'$', 1, 0, static_cast<char>(rr.size())};
+              frame.append(rr.begin(), rr.end());
+              if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size())) {
+                return;
+              }
+            }
           }
           continue;
         }
@@ -231,6 +245,8 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
            all[connection].video_packets >= 10;
   };
   ASSERT_TRUE(WaitFor([&] { return recorded(0); })) << pusher.GetStats().last_error;
+  ASSERT_TRUE(WaitFor([&] { return pusher.GetStats().cumulative_lost == 7; }))
+      << "the relay's report: " << pusher.GetStats().receiver_reports << " taken";
   relay.DropConnection();
   ASSERT_TRUE(WaitFor([&] { return recorded(1); })) << pusher.GetStats().last_error;
 
@@ -252,6 +268,15 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   // has read the bytes: the count catches up with what the relay received.
   EXPECT_TRUE(WaitFor([&] { return pusher.GetStats().packets_sent >= received; }))
       << pusher.GetStats().packets_sent << " counted, " << received << " received";
+  // The relay's receiver report of the second recording, which replaced
+  // the first one's figures.
+  ASSERT_TRUE(WaitFor([&] { return pusher.GetStats().cumulative_lost == 8; }))
+      << pusher.GetStats().cumulative_lost;
+  stats = pusher.GetStats();
+  EXPECT_EQ(stats.receiver_reports, 1u);
+  EXPECT_DOUBLE_EQ(stats.fraction_lost, 0.25);
+  EXPECT_DOUBLE_EQ(stats.jitter_ms, 10.0);
+  EXPECT_EQ(stats.rtt_ms, -1) << "the report echoes no sender report";
 
   // The encoder turns to H.265 on the same track: the relay's SDP says
   // H.264, so the pusher announces the stream again.

@@ -472,10 +472,17 @@ TEST(CoreTest, UdpViewersGetMediaAndTheirReceiverReportsReachTheirOwnSession) {
   const std::string sc = server.Setup(*c, 0, "udp:7002");
   const uint32_t ssrc = server.stream().TrackSsrc(0);
   // A receiver report (RFC 3550 6.4.2) about our video: 64/256 lost, 900
-  // in total, jitter 4500 (50 ms at 90 kHz), echoing a sender report sent
-  // 150 ms before it arrives, held 100 ms by the client (RTT 50 ms).
-  const uint32_t arrival = RtcpCompactNtp(server.clock().WallUs());
-  const uint32_t lsr = arrival - 150 * 65536 / 1000;
+  // in total, jitter 4500 (50 ms at 90 kHz), echoing the sender report b was
+  // sent, 150 ms after it left, held 100 ms by the client (RTT 50 ms). The
+  // report's NTP stamp is its record's time, not when it left.
+  const auto b_report = std::find_if(sent.begin(), sent.end(), [](const qz_test::Datagram& d) {
+    return d.rtcp && d.to.port() == 7003;
+  });
+  ASSERT_NE(b_report, sent.end());
+  const auto byte = [&b_report](size_t i) { return uint32_t{uint8_t(b_report->bytes.at(i))}; };
+  const uint32_t lsr = byte(10) << 24 | byte(11) << 16 | byte(12) << 8 | byte(13);
+  const uint32_t arrival = RtcpCompactNtp(server.clock().WallUs() + 150000);
+  ASSERT_NE(lsr, arrival - 150 * 65536 / 1000) << "the stamp is the send time: nothing is shown";
   const uint32_t dlsr = 100 * 65536 / 1000;
   const std::vector<uint8_t> rr = qz_test::ReceiverReport(ssrc, 64, 900, 4500, lsr, dlsr);
   // As a dual-stack socket gives the sender's address.

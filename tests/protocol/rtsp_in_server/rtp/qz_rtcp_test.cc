@@ -198,5 +198,22 @@ TEST(RtcpTimeTest, RoundTripFromRfc3550Example) {
   }
 }
 
+// The last eight reports sent are traced from their LSR to when they left;
+// older ones, and LSR 0 (no report echoed), are not.
+TEST(RtcpTimeTest, SentReportsTraceAnLsrToWhenItLeft) {
+  RtcpSentReports sent;
+  const auto lsr_of = [](int i) { return RtcpCompactNtp(816003205125000ULL + i * 5000000ULL); };
+  for (int i = 0; i < 9; ++i) {
+    sent.Sent(BuildRtcpSenderReport(1, 816003205125000ULL + i * 5000000ULL, 0, 0, 0, "x"),
+              0x1000u + static_cast<uint32_t>(i));
+  }
+  EXPECT_EQ(sent.SentAt(lsr_of(0)), 0u) << "the ninth report took the first one's place";
+  for (int i = 1; i < 9; ++i) {
+    EXPECT_EQ(sent.SentAt(lsr_of(i)), 0x1000u + static_cast<uint32_t>(i)) << i;
+  }
+  EXPECT_EQ(sent.SentAt(0), 0u);
+  EXPECT_EQ(sent.SentAt(lsr_of(9)), 0u) << "never sent";
+}
+
 }  // namespace
 }  // namespace qz_rtsp_internal_server
