@@ -312,9 +312,14 @@ void QZRtspPusher::Impl::WithdrawPiple(const std::shared_ptr<QZRtspPacketPiple>&
         if (pushing_ != stream) {
           return;
         }
+        // Let go of the stream before the TEARDOWN, not after its answer: a
+        // tick in between would find no connection but a stream, and
+        // connect again to announce a stream that is gone.
+        pushing_.reset();
         EndPush([this] {
-          pushing_.reset();
-          SetState("idle");
+          if (!pushing_) {  // not a stream posted since
+            SetState("idle");
+          }
         });
       },
       false);

@@ -303,10 +303,13 @@ def main():
                 started.announced()
             publishers[label] = Publisher(publish, workdir, label, mine, seconds)
     failed = passed = 0
+    verdicts = []  # (what failed, its problems), repeated at the end of the output
     for label, publisher in publishers.items():
         problems = publisher.wait()
         for problem in problems:
             print(f"FAIL: the publisher ({label}): {problem}")
+        if problems:
+            verdicts.append((f"the publisher ({label})", problems))
         failed += bool(problems)
         passed += not problems
     for c in cases:
@@ -321,6 +324,7 @@ def main():
             print(f"ok: {c['name']}: {story}")
             continue
         failed += 1
+        verdicts.append((c["name"], problems))
         print(f"FAIL: {c['name']}: " + "; ".join(problems))
         print(f"  {story}\n  what the relay saw:")
         print("\n".join("    " + e for e in c["relay"].events[:60]))
@@ -328,6 +332,9 @@ def main():
         print(f"  what the publisher ({publisher.label}) logged about it:")
         lines = [f"    {t:8.3f} {line}" for t, line in publisher.lines if port in line]
         print("\n".join(lines[:60]))
+    # Once more in a few lines: the details above can run to hundreds.
+    for name, problems in verdicts:
+        print(f"failed: {name}: " + "; ".join(problems))
     print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0
 

@@ -7,10 +7,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,6 +55,9 @@ class FakeRelay {
     EXPECT_EQ(listen(listen_fd_, 4), 0);
     getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &size);
     port_ = ntohs(addr.sin_port);
+    // A small window, so that a stalled relay soon holds the pusher's writes up.
+    const int rcvbuf = 4096;
+    setsockopt(listen_fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
     thread_ = std::thread([this] { Run(); });
   }
   ~FakeRelay() {
@@ -68,6 +73,9 @@ class FakeRelay {
   }
   // Closes the connection being served (the relay goes away).
   void DropConnection() { drop_ = true; }
+  // Reads nothing while stalled; what waits unread is in pending().
+  void Stall(bool stalled) { stalled_ = stalled; }
+  int pending() const { return pending_; }
 
  private:
   // Whether `fd` can be read within 50 ms (so that stop_ is seen soon).
@@ -97,6 +105,13 @@ class FakeRelay {
     }
     char buffer[65536];
     while (!stop_ && !drop_) {
+      if (stalled_) {
+        int pending = 0;
+        ioctl(fd, FIONREAD, &pending);
+        pending_ = pending;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        continue;
+      }
       if (!Readable(fd)) {
         continue;
       }
@@ -176,6 +191,8 @@ class FakeRelay {
   int port_ = 0;
   std::atomic<bool> stop_{false};
   std::atomic<bool> drop_{false};
+  std::atomic<bool> stalled_{false};
+  std::atomic<int> pending_{0};
   std::mutex mutex_;  // guards connections_
   std::vector<Connection> connections_;
   std::thread thread_;
@@ -292,10 +309,35 @@ TEST(PusherTest, RecordsComesBackAndTearsDown) {
   EXPECT_NE(all[2].sdp.find("H265/90000"), std::string::npos) << all[2].sdp;
   EXPECT_EQ(all[1].methods.back(), "TEARDOWN") << "the stale recording is ended";
 
+  // The stream is withdrawn while a write is held up by a relay that reads
+  // nothing, for longer than the pusher's tick: the push ends (its TEARDOWN
+  // given up after half a second) and no attempt is made for the stream
+  // that is gone. Posted again, it records again.
+  poster.reset();
+  relay.Stall(true);
+  auto big = std::make_shared<QZRtspVideoPacket>();
+  big->codec_id_ = QZ_MEDIA_CODEC_ID_H265;
+  big->is_key_frame_ = true;
+  big->time_stamp_ = 1000000;
+  std::vector<QZ_BYTE> idr = qz_test::kH265Idr;
+  idr.resize(300000, 0x5a);
+  big->nal_units_.push_back(PacketData(idr));
+  piple->PostVideoPacket(big);
+  ASSERT_TRUE(WaitFor([&relay] { return relay.pending() >= 4000; })) << relay.pending();
+  const unsigned long long attempts = pusher.GetStats().attempts;
+  registry->RemovePiple(pusher.Handle(), piple);
+  ASSERT_TRUE(WaitFor([&] { return pusher.GetStats().state == "idle"; }));
+  relay.Stall(false);
+  ASSERT_TRUE(registry->PostPiple(pusher.Handle(), piple, &why)) << why;
+  poster = std::make_unique<FramePoster>(piple, QZ_MEDIA_CODEC_ID_H265);
+  ASSERT_TRUE(WaitFor([&] { return recorded(3); })) << pusher.GetStats().last_error;
+  EXPECT_EQ(pusher.GetStats().attempts, attempts + 1) << "one attempt, for the stream posted again";
+  EXPECT_EQ(relay.connections().size(), 4u);
+
   pusher.Stop();
   ASSERT_TRUE(WaitFor([&relay] {
     const auto all = relay.connections();
-    return all.size() == 3 && !all[2].methods.empty() && all[2].methods.back() == "TEARDOWN";
+    return all.size() == 4 && !all[3].methods.empty() && all[3].methods.back() == "TEARDOWN";
   }));
   EXPECT_EQ(pusher.GetStats().state, "stopped");
   EXPECT_FALSE(registry->PostPiple(pusher.Handle(), second, &why));
